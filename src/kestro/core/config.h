@@ -1,0 +1,87 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "kestro/core/export.h"
+
+namespace kestro {
+
+/// The SDK's version text, carried by getVersion() and the device dictionary's "sdkVersion".
+inline constexpr const char* SDK_VERSION = "1.4.402";
+
+/// Threshold of the SDK's own console diagnostics. Equality only: the console filter compares
+/// levels by a table (console.h), never by order.
+enum class LogLevel : std::uint8_t { verbose = 0, debug = 1, info = 2, warning = 3, error = 4 };
+
+/// Which service the SDK talks to.
+enum class KestroEnvironment : std::uint8_t { dev = 0, prod = 1 };
+
+/// The three capture features.
+enum class RequestType : std::uint8_t { network = 0, log = 1, event = 2 };
+
+/// The configuration a host application hands to the facade. A plain value.
+struct KESTRO_API KestroConfig {
+    bool logs = false;
+    bool network = false;
+    bool events = false;
+    LogLevel logLevel = LogLevel::debug;
+    std::optional<std::string> environment;
+
+    KestroConfig() = default;
+    KestroConfig(bool logs, bool network, bool events, LogLevel logLevel,
+                 std::optional<std::string> environment)
+        : logs(logs),
+          network(network),
+          events(events),
+          logLevel(logLevel),
+          environment(std::move(environment)) {}
+
+    /// Sets logs and network; events keeps its value.
+    void enableAllBooleans() {
+        logs = true;
+        network = true;
+    }
+
+    bool operator==(const KestroConfig&) const = default;
+};
+
+/// The dictionary form of a configuration: exactly "logs", "network" and "logLevel".
+struct KestroConfigDictionary {
+    bool logs;
+    bool network;
+    LogLevel logLevel;
+    bool operator==(const KestroConfigDictionary&) const = default;
+};
+inline KestroConfigDictionary dictionary(const KestroConfig& c) {
+    return {c.logs, c.network, c.logLevel};
+}
+
+/// One capture feature's switch. Shared (held by reference), not copied.
+class KESTRO_API SDKFeatureState {
+public:
+    SDKFeatureState(RequestType requestType, bool isEnabled)
+        : requestType_(requestType), isEnabled_(isEnabled) {}
+    RequestType requestType() const { return requestType_; }
+    bool isEnabled() const { return isEnabled_; }
+    void setEnabled(bool enabled) { isEnabled_ = enabled; }
+    bool& isEnabledRef() { return isEnabled_; }
+
+private:
+    RequestType requestType_;
+    bool isEnabled_;
+};
+
+/// HTTP base URL of the service, no trailing slash ("http://<dev host>:3007" or
+/// "https://<prod host>"). The hosts come from the build and can be overridden at run time
+/// with KESTRO_DEV_HOST / KESTRO_PROD_HOST.
+KESTRO_API std::string getAPIEndpoint(KestroEnvironment env = KestroEnvironment::dev);
+/// WebSocket base URL of the service ("ws://<dev host>:3007" or "wss://<prod host>").
+KESTRO_API std::string getWSAPIEndpoint(KestroEnvironment env = KestroEnvironment::dev);
+
+/// Name of a level as text ("verbose", "debug", ...), for diagnostics and settings screens.
+KESTRO_API const char* toString(LogLevel level);
+
+}  // namespace kestro

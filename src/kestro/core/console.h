@@ -1,0 +1,46 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "kestro/core/config.h"
+#include "kestro/core/describe.h"
+#include "kestro/core/export.h"
+
+namespace kestro {
+
+/// The SDK's leveled console print.
+///
+/// Writes "[" + time of day + "] " + text and a line feed to standard output when the pair
+/// (configured level, call level) passes the console table: verbose lines appear only when the
+/// configured level is verbose or error; every other level always appears. The line is written
+/// whole with one write, so lines of threads printing at the same time never interleave. The
+/// SDK's own diagnostics are never captured, stored or uploaded.
+///
+/// Any thread.
+KESTRO_API void printI(std::string_view text, LogLevel level = LogLevel::verbose);
+
+/// printI with several items, each described as the logging calls describe them and joined
+/// with single spaces.
+template <typename... Items>
+void printItems(LogLevel level, const Items&... items) {
+    try {
+        printI(describe(items...), level);
+    } catch (...) {
+        printI("❌ printI: an item could not be described", LogLevel::error);
+    }
+}
+
+/// Whether a line of callLevel is written when the configured level is configured.
+KESTRO_API bool consoleAllows(LogLevel configured, LogLevel callLevel);
+
+/// The configured console level. The facade sets it whenever it stores a configuration;
+/// it starts at debug.
+KESTRO_API void setConsoleLevel(LogLevel level);
+KESTRO_API LogLevel consoleLevel();
+
+/// Writes bytes to standard output as one whole write under the console lock (shared by
+/// printI and the log capture), followed by a flush, so a line reaches the console at once.
+KESTRO_API void writeConsole(std::string_view bytes);
+
+}  // namespace kestro

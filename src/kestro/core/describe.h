@@ -1,0 +1,63 @@
+#pragma once
+
+#include <fmt/format.h>
+#include <fmt/ostream.h>
+
+#include <concepts>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <typeinfo>
+
+namespace kestro {
+
+namespace internal {
+template <typename T>
+concept Streamable = requires(std::ostream& os, const T& v) { os << v; };
+
+void appendStreamed(fmt::memory_buffer& out, const void* value,
+                    void (*stream)(std::ostream&, const void*));
+void appendUnprintable(fmt::memory_buffer& out, const std::type_info& type);
+}  // namespace internal
+
+/// Appends the default textual description of a value: its fmt formatting where fmt knows the
+/// type, else its operator<<, else "<" + the type's name + ">". Booleans read "true"/"false".
+/// May throw whatever the value's formatter throws; callers on the logging path catch.
+template <typename T>
+void describeTo(fmt::memory_buffer& out, const T& value) {
+    if constexpr (std::is_same_v<T, bool>) {
+        fmt::format_to(std::back_inserter(out), "{}", value ? "true" : "false");
+    } else if constexpr (std::is_convertible_v<const T&, std::string_view>) {
+        std::string_view text = value;
+        out.append(text.data(), text.data() + text.size());
+    } else if constexpr (fmt::is_formattable<T>::value) {
+        fmt::format_to(std::back_inserter(out), "{}", value);
+    } else if constexpr (internal::Streamable<T>) {
+        internal::appendStreamed(out, &value, [](std::ostream& os, const void* p) {
+            os << *static_cast<const T*>(p);
+        });
+    } else {
+        internal::appendUnprintable(out, typeid(T));
+    }
+}
+
+/// Each item's description, joined with single spaces. No items give the empty text.
+template <typename... Items>
+void describeJoined(fmt::memory_buffer& out, const Items&... items) {
+    bool first = true;
+    auto one = [&](const auto& item) {
+        if (!first) out.push_back(' ');
+        first = false;
+        describeTo(out, item);
+    };
+    (one(items), ...);
+}
+
+template <typename... Items>
+std::string describe(const Items&... items) {
+    fmt::memory_buffer out;
+    describeJoined(out, items...);
+    return fmt::to_string(out);
+}
+
+}  // namespace kestro

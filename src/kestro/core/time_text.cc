@@ -1,0 +1,81 @@
+#include "kestro/core/time_text.h"
+
+#include <cmath>
+#include <ctime>
+
+namespace kestro {
+namespace {
+
+void twoDigits(char* out, int v) {
+    out[0] = static_cast<char>('0' + v / 10);
+    out[1] = static_cast<char>('0' + v % 10);
+}
+
+// Floor division so that times before 1970 split into a second and a non-negative fraction.
+std::pair<std::int64_t, int> splitMillis(TimePoint t) {
+    const auto ms =
+        std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
+    std::int64_t sec = ms / 1000;
+    int frac = static_cast<int>(ms % 1000);
+    if (frac < 0) {
+        frac += 1000;
+        --sec;
+    }
+    return {sec, frac};
+}
+
+}  // namespace
+
+void timeOfDayTo(TimePoint t, char out[13]) {
+    auto [sec, millis] = splitMillis(t);
+    std::int64_t secOfDay = sec % 86400;
+    if (secOfDay < 0) secOfDay += 86400;
+    const int h = static_cast<int>(secOfDay / 3600);
+    const int m = static_cast<int>(secOfDay / 60 % 60);
+    const int s = static_cast<int>(secOfDay % 60);
+    twoDigits(out, h);
+    out[2] = ':';
+    twoDigits(out + 3, m);
+    out[5] = ':';
+    twoDigits(out + 6, s);
+    out[8] = '.';
+    out[9] = static_cast<char>('0' + millis / 100);
+    out[10] = static_cast<char>('0' + millis / 10 % 10);
+    out[11] = static_cast<char>('0' + millis % 10);
+    out[12] = 'Z';
+}
+
+std::string timeOfDay(TimePoint t) {
+    char buf[13];
+    timeOfDayTo(t, buf);
+    return std::string(buf, sizeof buf);
+}
+
+std::string iso8601WithMilliseconds(TimePoint t) {
+    auto [sec, millis] = splitMillis(t);
+    std::time_t tt = static_cast<std::time_t>(sec);
+    std::tm tm{};
+    gmtime_r(&tt, &tm);
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", tm.tm_year + 1900,
+                  tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, millis);
+    return buf;
+}
+
+double secondsSince1970(TimePoint t) {
+    const auto us =
+        std::chrono::duration_cast<std::chrono::microseconds>(t.time_since_epoch()).count();
+    return static_cast<double>(us) / 1e6;
+}
+
+TimePoint fromSecondsSince1970(double seconds) {
+    if (!std::isfinite(seconds)) return TimePoint{};
+    const double us = std::round(seconds * 1e6);
+    // Clamp to what a 64-bit microsecond count holds (about ±292,000 years).
+    constexpr double kLimit = 9.2e18;
+    const double clamped = us > kLimit ? kLimit : (us < -kLimit ? -kLimit : us);
+    return TimePoint{std::chrono::duration_cast<TimePoint::duration>(
+        std::chrono::microseconds(static_cast<std::int64_t>(clamped)))};
+}
+
+}  // namespace kestro
