@@ -1,0 +1,440 @@
+#include "kestro/records/records.h"
+
+#include <boost/json/serialize.hpp>
+#include <fmt/format.h>
+
+#include <cmath>
+#include <limits>
+
+namespace kestro {
+namespace {
+
+namespace json = boost::json;
+
+// --- Reading: each helper gives nothing when the key is missing or of the wrong kind. -------
+
+const json::value* find(const JSONDictionary& d, std::string_view key) { return d.if_contains(key); }
+
+std::optional<std::string> text(const JSONDictionary& d, std::string_view key) {
+    const json::value* v = find(d, key);
+    if (v == nullptr || !v->is_string()) return std::nullopt;
+    return std::string(v->get_string());
+}
+
+// A number, integral or not.
+std::optional<double> number(const JSONDictionary& d, std::string_view key) {
+    const json::value* v = find(d, key);
+    if (v == nullptr) return std::nullopt;
+    if (v->is_int64()) return static_cast<double>(v->get_int64());
+    if (v->is_uint64()) return static_cast<double>(v->get_uint64());
+    if (v->is_double()) return v->get_double();
+    return std::nullopt;
+}
+
+// An integral number that fits a signed 64-bit integer. A fractional number with no fraction
+// (12.0) counts as integral; 12.5 does not.
+std::optional<std::int64_t> integer(const JSONDictionary& d, std::string_view key) {
+    const json::value* v = find(d, key);
+    if (v == nullptr) return std::nullopt;
+    if (v->is_int64()) return v->get_int64();
+    if (v->is_uint64()) {
+        if (v->get_uint64() > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))
+            return std::nullopt;
+        return static_cast<std::int64_t>(v->get_uint64());
+    }
+    if (v->is_double()) {
+        const double x = v->get_double();
+        if (!std::isfinite(x) || std::trunc(x) != x || x < -9223372036854775808.0 ||
+            x >= 9223372036854775808.0)
+            return std::nullopt;
+        return static_cast<std::int64_t>(x);
+    }
+    return std::nullopt;
+}
+
+const JSONDictionary* object(const JSONDictionary& d, std::string_view key) {
+    const json::value* v = find(d, key);
+    return v != nullptr && v->is_object() ? &v->get_object() : nullptr;
+}
+
+std::optional<TextMap> textMap(const JSONDictionary& d, std::string_view key) {
+    const JSONDictionary* o = object(d, key);
+    if (o == nullptr) return std::nullopt;
+    TextMap out;
+    for (const auto& kv : *o) {
+        if (!kv.value().is_string()) return std::nullopt;
+        out.emplace(std::string(kv.key()), std::string(kv.value().get_string()));
+    }
+    return out;
+}
+
+std::optional<TimePoint> time(const JSONDictionary& d, std::string_view key) {
+    auto n = number(d, key);
+    if (!n) return std::nullopt;
+    return fromSecondsSince1970(*n);
+}
+
+json::object encodeMap(const TextMap& m) {
+    json::object o;
+    o.reserve(m.size());
+    for (const auto& [k, v] : m) o.emplace(k, v);
+    return o;
+}
+
+// --- Writing JSON text directly, for the store and the upload. ------------------------------
+
+class Writer {
+public:
+    explicit Writer(std::string& out) : out_(out) {}
+
+    void open() { out_.push_back('{'), first_ = true; }
+    void close() { out_.push_back('}'), first_ = false; }
+
+    void key(std::string_view k) {
+        if (!first_) out_.push_back(',');
+        first_ = false;
+        string(k);
+        out_.push_back(':');
+    }
+    void field(std::string_view k, std::string_view v) { key(k), string(v); }
+    void field(std::string_view k, std::int64_t v) { key(k), fmt::format_to(std::back_inserter(out_), "{}", v); }
+    void field(std::string_view k, TimePoint t) { key(k), real(secondsSince1970(t)); }
+    void field(std::string_view k, const TextMap& m) {
+        key(k);
+        open();
+        for (const auto& [mk, mv] : m) field(mk, mv);
+        close();
+    }
+    void raw(std::string_view k, const json::value& v) { key(k), out_ += json::serialize(v); }
+    void raw(std::string_view k, const json::object& v) { key(k), out_ += json::serialize(v); }
+
+    void string(std::string_view s) {
+        out_.push_back('"');
+        std::size_t start = 0;
+        for (std::size_t i = 0; i < s.size(); ++i) {
+            const auto c = static_cast<unsigned char>(s[i]);
+            if (c >= 0x20 && c != '"' && c != '\\') continue;
+            out_.append(s.data() + start, i - start);
+            start = i + 1;
+            switch (c) {
+                case '"': out_ += "\\\""; break;
+                case '\\': out_ += "\\\\"; break;
+                case '\n': out_ += "\\n"; break;
+                case '\r': out_ += "\\r"; break;
+                case '\t': out_ += "\\t"; break;
+                case '\b': out_ += "\\b"; break;
+                case '\f': out_ += "\\f"; break;
+                default: fmt::format_to(std::back_inserter(out_), "\\u{:04x}", c);
+            }
+        }
+        out_.append(s.data() + start, s.size() - start);
+        out_.push_back('"');
+    }
+
+    // A double that reads back as a double: the shortest exact form, with ".0" added when it
+    // would otherwise look integral.
+    void real(double d) {
+        if (!std::isfinite(d)) d = 0;
+        const std::size_t at = out_.size();
+        fmt::format_to(std::back_inserter(out_), "{}", d);
+        if (out_.find_first_of(".eE", at) == std::string::npos) out_ += ".0";
+    }
+
+private:
+    std::string& out_;
+    bool first_ = true;
+};
+
+void writeLogBody(Writer& w, const RequestTypeLog& r) {
+    w.field("id", r.id);
+    w.field("type", r.type);
+    w.field("level", r.level);
+    w.field("sentAt", r.sentAt);
+    w.field("createdAt", r.createdAt);
+    w.key("details");
+    w.open();
+    const auto& d = r.details;
+    w.field("message", d.message);
+    w.field("subsystem", d.subsystem);
+    w.field("category", d.category);
+    w.field("filePath", d.filePath);
+    w.field("file", d.file);
+    w.field("line", d.line);
+    w.close();
+}
+
+void writeEventBody(Writer& w, const RequestTypeEvent& r) {
+    w.field("id", r.id);
+    w.field("type", r.type);
+    w.field("sentAt", r.sentAt);
+    w.field("createdAt", r.createdAt);
+    w.key("details");
+    w.open();
+    w.field("name", r.details.name);
+    w.field("category", r.details.category);
+    w.raw("payload", r.details.payload);
+    w.close();
+}
+
+void writeRequestBody(Writer& w, const RequestTypeRequest& r) {
+    w.field("id", r.id);
+    w.field("type", r.type);
+    w.key("details");
+    w.open();
+    if (const auto& q = r.details.request) {
+        w.key("request");
+        w.open();
+        w.field("url", q->url);
+        w.field("method", q->method);
+        w.field("headers", q->headers);
+        w.field("startedAt", q->startedAt);
+        w.field("body", q->body);
+        w.close();
+    }
+    if (const auto& s = r.details.response) {
+        w.key("response");
+        w.open();
+        w.field("statusCode", s->statusCode);
+        w.field("headers", s->headers);
+        w.field("receivedAt", s->receivedAt);
+        w.field("body", s->body);
+        w.close();
+    }
+    w.close();
+    w.field("sentAt", r.sentAt);
+    w.field("createdAt", r.createdAt);
+}
+
+}  // namespace
+
+// --- encode ---------------------------------------------------------------------------------
+
+JSONDictionary RequestTypeLogDetails::encode() const {
+    return {{"message", message}, {"subsystem", subsystem}, {"category", category},
+            {"filePath", filePath}, {"file", file},         {"line", line}};
+}
+
+JSONDictionary RequestTypeLog::encode() const {
+    return {{"id", id},
+            {"type", type},
+            {"level", level},
+            {"sentAt", secondsSince1970(sentAt)},
+            {"createdAt", secondsSince1970(createdAt)},
+            {"details", details.encode()}};
+}
+
+JSONDictionary RequestTypeEventDetails::encode() const {
+    return {{"name", name}, {"category", category}, {"payload", payload}};
+}
+
+JSONDictionary RequestTypeEvent::encode() const {
+    return {{"id", id},
+            {"type", type},
+            {"sentAt", secondsSince1970(sentAt)},
+            {"createdAt", secondsSince1970(createdAt)},
+            {"details", details.encode()}};
+}
+
+JSONDictionary RequestTypeRequestDetailsRequest::encode() const {
+    return {{"url", url},
+            {"method", method},
+            {"headers", encodeMap(headers)},
+            {"startedAt", secondsSince1970(startedAt)},
+            {"body", body}};
+}
+
+JSONDictionary RequestTypeRequestDetailsResponse::encode() const {
+    return {{"statusCode", statusCode},
+            {"headers", encodeMap(headers)},
+            {"receivedAt", secondsSince1970(receivedAt)},
+            {"body", body}};
+}
+
+JSONDictionary RequestTypeRequestDetails::encode() const {
+    JSONDictionary o;
+    if (request) o.emplace("request", request->encode());
+    if (response) o.emplace("response", response->encode());
+    return o;
+}
+
+JSONDictionary RequestTypeRequest::encode() const {
+    return {{"id", id},
+            {"type", type},
+            {"details", details.encode()},
+            {"sentAt", secondsSince1970(sentAt)},
+            {"createdAt", secondsSince1970(createdAt)}};
+}
+
+JSONDictionary RequestEventType::encode() const {
+    JSONDictionary inner = std::visit([](const auto& r) { return r.encode(); }, value_);
+    JSONDictionary out;
+    out.reserve(inner.size() + 1);
+    out.emplace("eventType", eventTypeText());
+    for (auto& kv : inner) out.emplace(kv.key(), std::move(kv.value()));
+    return out;
+}
+
+std::string RequestEventType::toJSON() const {
+    std::string out;
+    out.reserve(512);
+    Writer w(out);
+    w.open();
+    w.field("eventType", eventTypeText());
+    std::visit(
+        [&](const auto& r) {
+            using T = std::decay_t<decltype(r)>;
+            if constexpr (std::is_same_v<T, RequestTypeLog>) writeLogBody(w, r);
+            else if constexpr (std::is_same_v<T, RequestTypeEvent>) writeEventBody(w, r);
+            else writeRequestBody(w, r);
+        },
+        value_);
+    w.close();
+    return out;
+}
+
+std::string RequestEventType::toJSON(std::string_view extraKey,
+                                     const boost::json::value& extraValue) const {
+    std::string out = toJSON();
+    out.pop_back();  // the closing brace
+    Writer w(out);
+    w.key(extraKey);  // never the first key: eventType always precedes it
+    out += json::serialize(extraValue);
+    out.push_back('}');
+    return out;
+}
+
+// --- decode ---------------------------------------------------------------------------------
+
+std::optional<RequestTypeLogDetails> RequestTypeLogDetails::decode(const JSONDictionary& d) {
+    auto message = text(d, "message");
+    auto subsystem = text(d, "subsystem");
+    auto category = text(d, "category");
+    auto filePath = text(d, "filePath");
+    auto file = text(d, "file");
+    auto line = integer(d, "line");
+    if (!message || !subsystem || !category || !filePath || !file || !line) return std::nullopt;
+    return RequestTypeLogDetails{std::move(*message), std::move(*subsystem), std::move(*category),
+                                 std::move(*filePath), std::move(*file), *line};
+}
+
+std::optional<RequestTypeLog> RequestTypeLog::decode(const JSONDictionary& d) {
+    auto id = text(d, "id");
+    auto type = text(d, "type");
+    auto level = text(d, "level");
+    auto sentAt = time(d, "sentAt");
+    auto createdAt = time(d, "createdAt");
+    const JSONDictionary* details = object(d, "details");
+    if (!id || !type || !level || !sentAt || !createdAt || details == nullptr) return std::nullopt;
+    auto decoded = RequestTypeLogDetails::decode(*details);
+    if (!decoded) return std::nullopt;
+    return RequestTypeLog{std::move(*id), std::move(*type), std::move(*level),
+                          *sentAt,        *createdAt,       std::move(*decoded)};
+}
+
+std::optional<RequestTypeEventDetails> RequestTypeEventDetails::decode(const JSONDictionary& d) {
+    auto name = text(d, "name");
+    auto category = text(d, "category");
+    const JSONDictionary* payload = object(d, "payload");
+    if (!name || !category || payload == nullptr) return std::nullopt;
+    return RequestTypeEventDetails{std::move(*name), std::move(*category), *payload};
+}
+
+std::optional<RequestTypeEvent> RequestTypeEvent::decode(const JSONDictionary& d) {
+    auto id = text(d, "id");
+    auto type = text(d, "type");
+    auto sentAt = time(d, "sentAt");
+    auto createdAt = time(d, "createdAt");
+    const JSONDictionary* details = object(d, "details");
+    if (!id || !type || !sentAt || !createdAt || details == nullptr) return std::nullopt;
+    auto decoded = RequestTypeEventDetails::decode(*details);
+    if (!decoded) return std::nullopt;
+    return RequestTypeEvent{std::move(*id), std::move(*type), *sentAt, *createdAt,
+                            std::move(*decoded)};
+}
+
+std::optional<RequestTypeRequestDetailsRequest> RequestTypeRequestDetailsRequest::decode(
+    const JSONDictionary& d) {
+    auto url = text(d, "url");
+    auto method = text(d, "method");
+    auto headers = textMap(d, "headers");
+    auto startedAt = time(d, "startedAt");
+    auto body = text(d, "body");
+    if (!url || !method || !headers || !startedAt || !body) return std::nullopt;
+    return RequestTypeRequestDetailsRequest{std::move(*url), std::move(*method),
+                                            std::move(*headers), *startedAt, std::move(*body)};
+}
+
+std::optional<RequestTypeRequestDetailsResponse> RequestTypeRequestDetailsResponse::decode(
+    const JSONDictionary& d) {
+    auto statusCode = integer(d, "statusCode");
+    auto headers = textMap(d, "headers");
+    auto receivedAt = time(d, "receivedAt");
+    auto body = text(d, "body");
+    if (!statusCode || !headers || !receivedAt || !body) return std::nullopt;
+    return RequestTypeRequestDetailsResponse{*statusCode, std::move(*headers), *receivedAt,
+                                             std::move(*body)};
+}
+
+std::optional<RequestTypeRequestDetails> RequestTypeRequestDetails::decode(
+    const JSONDictionary& d) {
+    RequestTypeRequestDetails out;
+    if (const JSONDictionary* q = object(d, "request"))
+        out.request = RequestTypeRequestDetailsRequest::decode(*q);
+    if (const JSONDictionary* s = object(d, "response"))
+        out.response = RequestTypeRequestDetailsResponse::decode(*s);
+    return out;
+}
+
+std::optional<RequestTypeRequest> RequestTypeRequest::decode(const JSONDictionary& d) {
+    auto id = text(d, "id");
+    auto type = text(d, "type");
+    auto sentAt = time(d, "sentAt");
+    auto createdAt = time(d, "createdAt");
+    const JSONDictionary* details = object(d, "details");
+    if (!id || !type || !sentAt || !createdAt || details == nullptr) return std::nullopt;
+    return RequestTypeRequest{std::move(*id), std::move(*type),
+                              *RequestTypeRequestDetails::decode(*details), *sentAt, *createdAt};
+}
+
+std::optional<RequestEventType> RequestEventType::decode(const JSONDictionary& d) {
+    auto eventType = text(d, "eventType");
+    if (!eventType) return std::nullopt;
+    if (*eventType == "networkRequest") {
+        if (auto r = RequestTypeRequest::decode(d)) return RequestEventType(std::move(*r));
+    } else if (*eventType == "log") {
+        if (auto r = RequestTypeLog::decode(d)) return RequestEventType(std::move(*r));
+    } else if (*eventType == "customEvent") {
+        if (auto r = RequestTypeEvent::decode(d)) return RequestEventType(std::move(*r));
+    }
+    return std::nullopt;
+}
+
+// --- accessors ------------------------------------------------------------------------------
+
+const char* RequestEventType::eventTypeText() const {
+    switch (kind()) {
+        case Kind::networkRequest: return "networkRequest";
+        case Kind::log: return "log";
+        case Kind::customEvent: return "customEvent";
+    }
+    return "log";
+}
+
+const std::string& RequestEventType::id() const {
+    return std::visit([](const auto& r) -> const std::string& { return r.id; }, value_);
+}
+
+TimePoint RequestEventType::timestamp() const {
+    return std::visit([](const auto& r) { return r.createdAt; }, value_);
+}
+
+std::string lastPathComponent(std::string_view path) {
+    std::size_t end = path.size();
+    while (end > 0 && path[end - 1] == '/') --end;
+    if (end == 0) return path.empty() ? std::string() : std::string("/");
+    const std::size_t slash = path.rfind('/', end - 1);
+    const std::size_t start = slash == std::string_view::npos ? 0 : slash + 1;
+    return std::string(path.substr(start, end - start));
+}
+
+}  // namespace kestro
