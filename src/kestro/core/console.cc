@@ -31,7 +31,10 @@ void writeConsole(std::string_view bytes) {
 }
 
 void printI(std::string_view text, LogLevel level) {
-    if (!consoleAllows(consoleLevel(), level)) return;
+    if (consoleAllows(consoleLevel(), level)) writeConsoleLine(text);
+}
+
+void writeConsoleLine(std::string_view text) {
     fmt::memory_buffer line;
     char stamp[13];
     timeOfDayTo(std::chrono::system_clock::now(), stamp);

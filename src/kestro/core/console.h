@@ -39,6 +39,9 @@ KESTRO_API bool consoleAllows(LogLevel configured, LogLevel callLevel);
 KESTRO_API void setConsoleLevel(LogLevel level);
 KESTRO_API LogLevel consoleLevel();
 
+/// Writes "[" + time of day + "] " + text and a line feed, unfiltered, as one whole write.
+KESTRO_API void writeConsoleLine(std::string_view text);
+
 /// Writes bytes to standard output as one whole write under the console lock (shared by
 /// printI and the log capture), followed by a flush, so a line reaches the console at once.
 KESTRO_API void writeConsole(std::string_view bytes);

@@ -20,12 +20,30 @@ void appendStreamed(fmt::memory_buffer& out, const void* value,
 void appendUnprintable(fmt::memory_buffer& out, const std::type_info& type);
 }  // namespace internal
 
+/// A reference to a value of any type together with the way to describe it. Log calls take
+/// their first item as one of these so that they can capture the caller's location; it must
+/// not outlive the value it refers to (a log call's full expression).
+class ItemRef {
+public:
+    template <typename T>
+    ItemRef(const T& value) : value_(&value), describe_(&describeErased<T>) {}
+    void describeTo(fmt::memory_buffer& out) const { describe_(out, value_); }
+
+private:
+    template <typename T>
+    static void describeErased(fmt::memory_buffer& out, const void* value);
+    const void* value_;
+    void (*describe_)(fmt::memory_buffer&, const void*);
+};
+
 /// Appends the default textual description of a value: its fmt formatting where fmt knows the
 /// type, else its operator<<, else "<" + the type's name + ">". Booleans read "true"/"false".
 /// May throw whatever the value's formatter throws; callers on the logging path catch.
 template <typename T>
 void describeTo(fmt::memory_buffer& out, const T& value) {
-    if constexpr (std::is_same_v<T, bool>) {
+    if constexpr (std::is_base_of_v<ItemRef, T>) {
+        value.describeTo(out);
+    } else if constexpr (std::is_same_v<T, bool>) {
         fmt::format_to(std::back_inserter(out), "{}", value ? "true" : "false");
     } else if constexpr (std::is_convertible_v<const T&, std::string_view>) {
         std::string_view text = value;
@@ -41,6 +59,11 @@ void describeTo(fmt::memory_buffer& out, const T& value) {
     }
 }
 
+template <typename T>
+void ItemRef::describeErased(fmt::memory_buffer& out, const void* value) {
+    describeTo(out, *static_cast<const T*>(value));
+}
+
 /// Each item's description, joined with single spaces. No items give the empty text.
 template <typename... Items>
 void describeJoined(fmt::memory_buffer& out, const Items&... items) {
@@ -51,6 +74,7 @@ void describeJoined(fmt::memory_buffer& out, const Items&... items) {
         describeTo(out, item);
     };
     (one(items), ...);
+    (void)one;
 }
 
 template <typename... Items>

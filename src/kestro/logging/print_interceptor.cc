@@ -1,0 +1,303 @@
+#include "kestro/logging/print_interceptor.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "kestro/core/console.h"
+#include "kestro/core/executor.h"
+#include "kestro/core/time_text.h"
+#include "kestro/core/uuid.h"
+
+namespace kestro {
+namespace {
+
+// What the caller hands over: the texts of one call. Slots keep their strings' capacity, so
+// a steady stream of similar lines stops allocating on the caller's side.
+struct PendingLog {
+    std::string message;
+    std::string level;
+    std::string subsystem;
+    std::string category;
+    std::string filePath;
+    std::int64_t line = 0;
+};
+
+// Bounded multi-producer queue on a ring of sequenced slots: producers claim a slot with one
+// compare-and-swap and never take a lock. One drainer at a time consumes.
+class CaptureQueue {
+public:
+    static constexpr std::size_t kCapacity = 1 << 14;
+
+    CaptureQueue() : slots_(kCapacity) {
+        for (std::size_t i = 0; i < kCapacity; ++i) slots_[i].sequence.store(i);
+    }
+
+    // Claims a free slot, or nullptr when the ring is full. The caller fills it and publishes.
+    struct Slot;
+    Slot* claim() {
+        std::size_t pos = tail_.load(std::memory_order_relaxed);
+        for (;;) {
+            Slot& slot = slots_[pos & (kCapacity - 1)];
+            const std::size_t seq = slot.sequence.load(std::memory_order_acquire);
+            const auto diff = static_cast<std::intptr_t>(seq) - static_cast<std::intptr_t>(pos);
+            if (diff == 0) {
+                if (tail_.compare_exchange_weak(pos, pos + 1, std::memory_order_relaxed)) {
+                    slot.position = pos;
+                    return &slot;
+                }
+            } else if (diff < 0) {
+                return nullptr;
+            } else {
+                pos = tail_.load(std::memory_order_relaxed);
+            }
+        }
+    }
+    void publish(Slot* slot) { slot->sequence.store(slot->position + 1, std::memory_order_release); }
+
+    // Single consumer: the next published slot, or nullptr. Only the current drainer calls
+    // front() and release(); head_ is atomic because drainers take turns across threads.
+    Slot* front() {
+        const std::size_t head = head_.load(std::memory_order_relaxed);
+        Slot& slot = slots_[head & (kCapacity - 1)];
+        const std::size_t seq = slot.sequence.load(std::memory_order_acquire);
+        return seq == head + 1 ? &slot : nullptr;
+    }
+    void release(Slot* slot) {
+        const std::size_t head = head_.load(std::memory_order_relaxed);
+        slot->sequence.store(head + kCapacity, std::memory_order_release);
+        head_.store(head + 1, std::memory_order_relaxed);
+    }
+
+    struct Slot {
+        std::atomic<std::size_t> sequence{0};
+        std::size_t position = 0;
+        PendingLog log;
+    };
+
+private:
+    std::vector<Slot> slots_;
+    alignas(64) std::atomic<std::size_t> tail_{0};
+    alignas(64) std::atomic<std::size_t> head_{0};
+};
+
+struct Capture {
+    CaptureQueue queue;
+    std::atomic<std::shared_ptr<const PrintInterceptor::Handler>> handler;
+    std::atomic<bool> draining{false};
+    std::atomic<std::uint64_t> enqueued{0};
+    std::atomic<std::uint64_t> delivered{0};
+    std::atomic<std::uint64_t> processed{0};  // taken off the queue, delivered or not
+    std::atomic<std::uint64_t> dropped{0};
+    std::atomic<std::uint64_t> droppedReported{0};
+
+    // Producers that found the ring full wait here for room, briefly.
+    std::mutex roomMutex;
+    std::condition_variable roomCv;
+    std::atomic<int> waitingForRoom{0};
+
+    // flush() waits here for the drainer to go idle.
+    std::mutex idleMutex;
+    std::condition_variable idleCv;
+};
+
+Capture& capture() {
+    // Never destroyed: workers may still drain while the process exits.
+    static Capture* c = new Capture();
+    return *c;
+}
+
+constexpr auto kRoomWait = std::chrono::milliseconds(20);
+constexpr std::size_t kDrainBatch = 256;
+
+void scheduleDrain(Capture& c);
+
+RequestTypeLog buildRecord(PendingLog& p) {
+    const TimePoint now = std::chrono::system_clock::now();
+    RequestTypeLog r;
+    r.id = UUID::random().string();
+    r.type = "log";
+    r.level = p.level;
+    r.sentAt = now;
+    r.createdAt = now;
+    r.details.message = p.message;
+    r.details.subsystem = p.subsystem;
+    r.details.category = p.category;
+    r.details.file = lastPathComponent(p.filePath);
+    r.details.filePath = p.filePath;
+    r.details.line = p.line;
+    return r;
+}
+
+void deliver(Capture& c, const RequestTypeLog& record) {
+    // The slot is read per record; the local reference keeps the handler alive while it runs
+    // even if stopIntercepting() clears the slot meanwhile.
+    std::shared_ptr<const PrintInterceptor::Handler> handler = c.handler.load();
+    if (!handler || !*handler) return;
+    try {
+        (*handler)(record);
+        c.delivered.fetch_add(1, std::memory_order_relaxed);
+    } catch (const std::exception& e) {
+        printI(std::string("❌ The log handler threw: ") + e.what(), LogLevel::error);
+    } catch (...) {
+        printI("❌ The log handler threw an unknown exception", LogLevel::error);
+    }
+}
+
+void reportDrops(Capture& c) {
+    const std::uint64_t dropped = c.dropped.load(std::memory_order_relaxed);
+    const std::uint64_t reported = c.droppedReported.exchange(dropped);
+    if (dropped > reported) {
+        printI(fmt::format("⚠️ Log capture dropped {} records because its queue was full "
+                           "({} dropped in all)",
+                           dropped - reported, dropped),
+               LogLevel::warning);
+    }
+}
+
+void drain(Capture& c) {
+    for (;;) {
+        std::size_t done = 0;
+        while (auto* slot = c.queue.front()) {
+            RequestTypeLog record = buildRecord(slot->log);
+            c.queue.release(slot);
+            c.processed.fetch_add(1, std::memory_order_release);
+            if (c.waitingForRoom.load(std::memory_order_acquire) > 0) {
+                std::lock_guard lock(c.roomMutex);
+                c.roomCv.notify_all();
+            }
+            deliver(c, record);
+            if (++done == kDrainBatch) break;  // let other executor work interleave
+        }
+        reportDrops(c);
+        if (c.queue.front() != nullptr) {
+            if (done == kDrainBatch) {
+                // Yield the worker and continue in a fresh task.
+                postTask([&c] { drain(c); });
+                return;
+            }
+            continue;
+        }
+        c.draining.store(false, std::memory_order_seq_cst);
+        // A producer may have published after we saw the queue empty and before we cleared
+        // the flag; it saw draining == true and did not schedule. Look once more. The fence
+        // pairs with the one in scheduleDrain: at least one side sees the other's store.
+        std::atomic_thread_fence(std::memory_order_seq_cst);
+        if (c.queue.front() != nullptr && !c.draining.exchange(true)) continue;
+        {
+            std::lock_guard lock(c.idleMutex);
+            c.idleCv.notify_all();
+        }
+        return;
+    }
+}
+
+void scheduleDrain(Capture& c) {
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    if (c.draining.load(std::memory_order_relaxed)) return;
+    if (c.draining.exchange(true, std::memory_order_seq_cst)) return;
+    postTask([&c] { drain(c); });
+}
+
+void enqueue(const LogCall& call, std::string_view message, std::string_view file,
+             std::int64_t line) {
+    Capture& c = capture();
+    CaptureQueue::Slot* slot = c.queue.claim();
+    if (slot == nullptr) {
+        scheduleDrain(c);
+        c.waitingForRoom.fetch_add(1, std::memory_order_acq_rel);
+        {
+            std::unique_lock lock(c.roomMutex);
+            const auto deadline = std::chrono::steady_clock::now() + kRoomWait;
+            while ((slot = c.queue.claim()) == nullptr) {
+                if (c.roomCv.wait_until(lock, deadline) == std::cv_status::timeout) {
+                    slot = c.queue.claim();
+                    break;
+                }
+            }
+        }
+        c.waitingForRoom.fetch_sub(1, std::memory_order_acq_rel);
+        if (slot == nullptr) {
+            c.dropped.fetch_add(1, std::memory_order_relaxed);
+            scheduleDrain(c);
+            return;
+        }
+    }
+    PendingLog& p = slot->log;
+    p.message.assign(message);
+    p.level.assign(call.level);
+    p.subsystem.assign(call.subsystem);
+    p.category.assign(call.category);
+    p.filePath.assign(file);
+    p.line = line;
+    c.enqueued.fetch_add(1, std::memory_order_release);
+    c.queue.publish(slot);
+    scheduleDrain(c);
+}
+
+}  // namespace
+
+void PrintInterceptor::emit(const LogCall& call, std::string_view message) {
+    const std::string_view file =
+        call.file.empty() ? std::string_view(call.location.file_name()) : call.file;
+    const std::int64_t line =
+        call.file.empty() && call.line < 0 ? call.location.line() : (call.line < 0 ? 0 : call.line);
+
+    // "[" time "] [" file ":" line "] " message "\n", written whole.
+    const std::string name = lastPathComponent(file);
+    fmt::memory_buffer out;
+    char stamp[13];
+    timeOfDayTo(std::chrono::system_clock::now(), stamp);
+    out.push_back('[');
+    out.append(stamp, stamp + sizeof stamp);
+    out.append(std::string_view("] ["));
+    out.append(name);
+    fmt::format_to(std::back_inserter(out), ":{}] ", line);
+    out.append(message);
+    out.push_back('\n');
+    writeConsole(std::string_view(out.data(), out.size()));
+
+    if (capture().handler.load(std::memory_order_acquire)) enqueue(call, message, file, line);
+}
+
+void PrintInterceptor::reportFormatFailure(const LogCall& call, const char* what) noexcept {
+    try {
+        const std::string_view file =
+            call.file.empty() ? std::string_view(call.location.file_name()) : call.file;
+        printI(fmt::format("❌ A log call at {}:{} could not be formatted: {}",
+                           lastPathComponent(file),
+                           call.file.empty() && call.line < 0 ? call.location.line() : call.line,
+                           what),
+               LogLevel::error);
+    } catch (...) {
+    }
+}
+
+void PrintInterceptor::startIntercepting(Handler handler) {
+    capture().handler.store(std::make_shared<const Handler>(std::move(handler)));
+}
+
+void PrintInterceptor::stopIntercepting() { capture().handler.store(nullptr); }
+
+bool PrintInterceptor::isIntercepting() { return capture().handler.load() != nullptr; }
+
+bool PrintInterceptor::flush(std::chrono::milliseconds timeout) {
+    Capture& c = capture();
+    std::unique_lock lock(c.idleMutex);
+    return c.idleCv.wait_for(lock, timeout, [&] {
+        return c.processed.load(std::memory_order_acquire) >=
+                   c.enqueued.load(std::memory_order_acquire) &&
+               !c.draining.load();
+    });
+}
+
+LogCaptureStats PrintInterceptor::stats() {
+    Capture& c = capture();
+    return {c.enqueued.load(), c.delivered.load(), c.dropped.load()};
+}
+
+}  // namespace kestro
