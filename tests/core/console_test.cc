@@ -1,1 +1,131 @@
 #include <gtest/gtest.h>
+
+#include <regex>
+#include <thread>
+#include <vector>
+
+#include "kestro/core/config.h"
+#include "kestro/core/console.h"
+#include "kestro/core/time_text.h"
+#include "support/console_capture.h"
+
+namespace kestro {
+namespace {
+
+constexpr LogLevel kLevels[] = {LogLevel::verbose, LogLevel::debug, LogLevel::info,
+                                LogLevel::warning, LogLevel::error};
+
+class ConsoleTest : public ::testing::Test {
+protected:
+    void TearDown() override { setConsoleLevel(LogLevel::debug); }
+};
+
+// The whole table at once: verbose lines pass only under verbose and error; every other call
+// level always passes.
+TEST_F(ConsoleTest, LevelTableDecidesWhichLinesAreWritten) {
+    std::string expected, actual;
+    for (LogLevel configured : kLevels) {
+        for (LogLevel call : kLevels) {
+            setConsoleLevel(configured);
+            test::ConsoleCapture console;
+            printI("x", call);
+            actual += console.text().empty() ? '.' : 'Y';
+        }
+        actual += '|';
+    }
+    EXPECT_EQ(actual, "YYYYY|.YYYY|.YYYY|.YYYY|YYYYY|");
+    for (LogLevel configured : kLevels)
+        for (LogLevel call : kLevels)
+            EXPECT_EQ(consoleAllows(configured, call),
+                      call != LogLevel::verbose || configured == LogLevel::verbose ||
+                          configured == LogLevel::error);
+}
+
+TEST_F(ConsoleTest, LineIsTimeStampAndTextEvenWhenEmpty) {
+    test::ConsoleCapture console;
+    printI("✅ done", LogLevel::info);
+    printI("", LogLevel::error);
+    const std::string text = console.text();
+    EXPECT_TRUE(std::regex_match(text, std::regex(R"(\[\d\d:\d\d:\d\d\.\d{3}Z\] ✅ done\n)"
+                                                  R"(\[\d\d:\d\d:\d\d\.\d{3}Z\] \n)")))
+        << text;
+}
+
+TEST_F(ConsoleTest, DefaultCallLevelIsVerbose) {
+    setConsoleLevel(LogLevel::debug);
+    test::ConsoleCapture console;
+    printI("hidden");
+    EXPECT_EQ(console.text(), "");
+    setConsoleLevel(LogLevel::error);
+    printI("shown");
+    EXPECT_NE(console.text().find("shown"), std::string::npos);
+}
+
+TEST_F(ConsoleTest, ConcurrentLinesNeverInterleave) {
+    test::ConsoleCapture console;
+    constexpr int kThreads = 8, kLines = 500;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            const std::string body(200, static_cast<char>('a' + t));
+            for (int i = 0; i < kLines; ++i) printI(body, LogLevel::info);
+        });
+    }
+    for (auto& th : threads) th.join();
+    const std::string text = console.text();
+    const std::regex line(R"(\[\d\d:\d\d:\d\d\.\d{3}Z\] ([a-h])\1{199})");
+    std::size_t count = 0, start = 0;
+    for (std::size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1) {
+        ASSERT_TRUE(std::regex_match(text.substr(start, nl - start), line));
+        ++count;
+    }
+    EXPECT_EQ(count, static_cast<std::size_t>(kThreads * kLines));
+}
+
+TEST(TimeTextTest, FormatsAndConvertsPointsInTime) {
+    using namespace std::chrono;
+    const TimePoint t = TimePoint{} + seconds(1714566896) + milliseconds(789);
+    EXPECT_EQ(timeOfDay(t), "12:34:56.789Z");
+    EXPECT_EQ(iso8601WithMilliseconds(t), "2024-05-01T12:34:56.789Z");
+    EXPECT_DOUBLE_EQ(secondsSince1970(t), 1714566896.789);
+    EXPECT_EQ(fromSecondsSince1970(1714566896.789), t);
+    // Microseconds survive the trip through a double for present-day times.
+    const TimePoint precise = TimePoint{} + microseconds(1714566896123456LL);
+    EXPECT_EQ(fromSecondsSince1970(secondsSince1970(precise)), precise);
+    // Before 1970 the fraction is still a positive number of milliseconds.
+    EXPECT_EQ(iso8601WithMilliseconds(TimePoint{} - milliseconds(1)), "1969-12-31T23:59:59.999Z");
+    EXPECT_EQ(timeOfDay(TimePoint{} - milliseconds(1)), "23:59:59.999Z");
+}
+
+TEST(ConfigTest, EndpointsFollowEnvironmentAndOverrides) {
+    unsetenv("KESTRO_DEV_HOST");
+    unsetenv("KESTRO_PROD_HOST");
+    EXPECT_EQ(getAPIEndpoint(), "http://127.0.0.1:3007");
+    EXPECT_EQ(getWSAPIEndpoint(), "ws://127.0.0.1:3007");
+    EXPECT_EQ(getAPIEndpoint(KestroEnvironment::prod).rfind("https://", 0), 0u);
+    EXPECT_EQ(getWSAPIEndpoint(KestroEnvironment::prod).rfind("wss://", 0), 0u);
+    setenv("KESTRO_DEV_HOST", "localhost", 1);
+    setenv("KESTRO_PROD_HOST", "127.0.0.2", 1);
+    EXPECT_EQ(getAPIEndpoint(KestroEnvironment::dev), "http://localhost:3007");
+    EXPECT_EQ(getWSAPIEndpoint(KestroEnvironment::prod), "wss://127.0.0.2");
+    unsetenv("KESTRO_DEV_HOST");
+    unsetenv("KESTRO_PROD_HOST");
+}
+
+TEST(ConfigTest, DictionaryAndEnableAllTouchOnlyTheirFields) {
+    KestroConfig c(false, false, false, LogLevel::info, std::nullopt);
+    const auto before = dictionary(c);
+    c.events = true;
+    c.environment = "dev";
+    EXPECT_EQ(dictionary(c), before);
+    c.events = false;
+    c.enableAllBooleans();
+    EXPECT_TRUE(c.logs);
+    EXPECT_TRUE(c.network);
+    EXPECT_FALSE(c.events);
+    const KestroConfig start;
+    EXPECT_EQ(start, KestroConfig(false, false, false, LogLevel::debug, std::nullopt));
+}
+
+}  // namespace
+}  // namespace kestro

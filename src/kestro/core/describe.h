@@ -61,7 +61,7 @@ void describeTo(fmt::memory_buffer& out, const T& value) {
 
 template <typename T>
 void ItemRef::describeErased(fmt::memory_buffer& out, const void* value) {
-    describeTo(out, *static_cast<const T*>(value));
+    kestro::describeTo(out, *static_cast<const T*>(value));
 }
 
 /// Each item's description, joined with single spaces. No items give the empty text.

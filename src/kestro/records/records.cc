@@ -85,7 +85,8 @@ json::object encodeMap(const TextMap& m) {
 
 class Writer {
 public:
-    explicit Writer(std::string& out) : out_(out) {}
+    explicit Writer(std::string& out, bool atObjectStart = true)
+        : out_(out), first_(atObjectStart) {}
 
     void open() { out_.push_back('{'), first_ = true; }
     void close() { out_.push_back('}'), first_ = false; }
@@ -296,8 +297,8 @@ std::string RequestEventType::toJSON(std::string_view extraKey,
                                      const boost::json::value& extraValue) const {
     std::string out = toJSON();
     out.pop_back();  // the closing brace
-    Writer w(out);
-    w.key(extraKey);  // never the first key: eventType always precedes it
+    Writer w(out, false);  // eventType always precedes the extra key
+    w.key(extraKey);
     out += json::serialize(extraValue);
     out.push_back('}');
     return out;

@@ -1,0 +1,185 @@
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <set>
+#include <thread>
+
+#include "kestro/facade/kestro_internal.h"
+#include "kestro/logging/print_interceptor.h"
+#include "support/console_capture.h"
+#include "support/wait.h"
+
+namespace kestro {
+namespace {
+
+struct ThrowsWhenFormatted {};
+std::ostream& operator<<(std::ostream&, const ThrowsWhenFormatted&) {
+    throw std::runtime_error("no description");
+}
+
+class PrintInterceptorTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        PrintInterceptor::stopIntercepting();
+        ASSERT_TRUE(PrintInterceptor::flush());
+    }
+    void TearDown() override {
+        PrintInterceptor::stopIntercepting();
+        PrintInterceptor::flush();
+    }
+    void capture() {
+        PrintInterceptor::startIntercepting([this](const RequestTypeLog& r) { records.add(r); });
+    }
+    test::Recorder<RequestTypeLog> records;
+};
+
+std::string stampPattern() { return R"(\[\d\d:\d\d:\d\d\.\d{3}Z\] )"; }
+
+TEST_F(PrintInterceptorTest, ConsoleLineAndRecordOfOneCall) {
+    capture();
+    test::ConsoleCapture console;
+    const auto line = __LINE__ + 1;
+    PrintInterceptor::log({.level = "notice", .subsystem = "com.app", .category = "net", .separator = ","},
+                          7, "word", std::string("has space"));
+    ASSERT_TRUE(records.waitFor(1));
+    EXPECT_TRUE(std::regex_match(console.text(),
+                                 std::regex(stampPattern() + R"(\[print_interceptor_test\.cc:)" +
+                                            std::to_string(line) + R"(\] 7 word has space\n)")))
+        << console.text();
+    const RequestTypeLog r = records.values().at(0);
+    EXPECT_TRUE(std::regex_match(r.id, std::regex("[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}")));
+    EXPECT_EQ(r.type, "log");
+    EXPECT_EQ(r.level, "notice");
+    EXPECT_EQ(r.sentAt, r.createdAt);
+    EXPECT_EQ(r.details.message, "7 word has space");
+    EXPECT_EQ(r.details.subsystem, "com.app");
+    EXPECT_EQ(r.details.category, "net");
+    EXPECT_EQ(r.details.file, "print_interceptor_test.cc");
+    EXPECT_NE(r.details.filePath.find("tests/logging/print_interceptor_test.cc"), std::string::npos);
+    EXPECT_EQ(r.details.line, line);
+}
+
+TEST_F(PrintInterceptorTest, ExplicitFileAndLineAndEmptyCalls) {
+    capture();
+    test::ConsoleCapture console;
+    PrintInterceptor::log({.level = "fault", .file = "/srv/app/main.swift", .line = 12});
+    PrintInterceptor::log({.file = "bare.cc", .line = 3}, "x");
+    ASSERT_TRUE(records.waitFor(2));
+    const std::string text = console.text();
+    EXPECT_TRUE(std::regex_match(
+        text, std::regex(stampPattern() + R"(\[main\.swift:12\] \n)" + stampPattern() +
+                         R"(\[bare\.cc:3\] x\n)")))
+        << text;
+    auto all = records.values();
+    std::sort(all.begin(), all.end(), [](auto& a, auto& b) { return a.details.line > b.details.line; });
+    EXPECT_EQ(all[0].details.message, "");
+    EXPECT_EQ(all[0].details.filePath, "/srv/app/main.swift");
+    EXPECT_EQ(all[0].details.file, "main.swift");
+    EXPECT_EQ(all[1].details.filePath, "bare.cc");
+    EXPECT_EQ(all[1].details.file, "bare.cc");
+}
+
+TEST_F(PrintInterceptorTest, WithoutHandlerOnlyTheConsoleLineIsWritten) {
+    const auto before = PrintInterceptor::stats();
+    test::ConsoleCapture console;
+    PrintInterceptor::log({}, "alone");
+    EXPECT_NE(console.text().find("] alone\n"), std::string::npos);
+    EXPECT_TRUE(PrintInterceptor::flush());
+    EXPECT_EQ(PrintInterceptor::stats().delivered, before.delivered);
+}
+
+TEST_F(PrintInterceptorTest, ThrowingFormatterAndHandlerStayInside) {
+    test::ConsoleCapture console;
+    PrintInterceptor::log({}, "before", ThrowsWhenFormatted{});
+    std::string text = console.text();
+    EXPECT_NE(text.find("❌ A log call at print_interceptor_test.cc:"), std::string::npos) << text;
+    EXPECT_NE(text.find("no description"), std::string::npos);
+    EXPECT_EQ(text.find("] before"), std::string::npos);  // no half-written line
+
+    PrintInterceptor::startIntercepting([](const RequestTypeLog&) { throw std::logic_error("bad handler"); });
+    console.clear();
+    PrintInterceptor::log({}, "to a throwing handler");
+    ASSERT_TRUE(PrintInterceptor::flush());
+    text = console.text();
+    EXPECT_NE(text.find("❌ The log handler threw: bad handler"), std::string::npos) << text;
+}
+
+TEST_F(PrintInterceptorTest, ManyThreadsEveryRecordDeliveredOnce) {
+    constexpr int kThreads = 8, kPerThread = 20000;
+    std::mutex mutex;
+    std::set<std::string> ids;
+    std::vector<int> perThread(kThreads, 0);
+    std::atomic<int> delivered{0};
+    PrintInterceptor::startIntercepting([&](const RequestTypeLog& r) {
+        std::lock_guard lock(mutex);
+        ids.insert(r.id);
+        perThread.at(std::stoi(r.details.category))++;
+        ++delivered;
+    });
+    const auto before = PrintInterceptor::stats();
+    {
+        test::ConsoleSilence silence;
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([t] {
+                const std::string category = std::to_string(t);
+                for (int i = 0; i < kPerThread; ++i)
+                    PrintInterceptor::log({.category = category}, "line", i);
+            });
+        }
+        for (auto& th : threads) th.join();
+        ASSERT_TRUE(PrintInterceptor::flush(std::chrono::seconds(60)));
+    }
+    const auto after = PrintInterceptor::stats();
+    EXPECT_EQ(after.dropped - before.dropped, 0u);
+    EXPECT_EQ(delivered.load(), kThreads * kPerThread);
+    EXPECT_EQ(ids.size(), static_cast<std::size_t>(kThreads * kPerThread));
+    for (int t = 0; t < kThreads; ++t) EXPECT_EQ(perThread[t], kPerThread);
+}
+
+TEST_F(PrintInterceptorTest, HandlerCanBeSwappedWhileLogging) {
+    std::atomic<int> a{0}, b{0};
+    std::atomic<bool> stop{false};
+    test::ConsoleSilence silence;
+    std::thread logger([&] {
+        for (int i = 0; i < 20000 && !stop; ++i) PrintInterceptor::log({}, i);
+    });
+    for (int i = 0; i < 200; ++i) {
+        PrintInterceptor::startIntercepting([&](const RequestTypeLog&) { ++a; });
+        PrintInterceptor::stopIntercepting();
+        PrintInterceptor::startIntercepting([&](const RequestTypeLog&) { ++b; });
+    }
+    logger.join();
+    ASSERT_TRUE(PrintInterceptor::flush());
+    PrintInterceptor::stopIntercepting();
+    EXPECT_GT(a.load() + b.load(), 0);
+}
+
+TEST_F(PrintInterceptorTest, FacadeCallsCarryTheirLevelAndCallerLocation) {
+    capture();
+    test::ConsoleCapture console;
+    KestroInternal& k = Kestro();
+    const auto line = __LINE__ + 1;
+    k.l("l"), k.i("i"), k.w("w"), k.e("e"), k.n("n"), k.f("f", 1);
+    k.i();
+    k.w(At{"/x/y.cc", 9}, "explicit");
+    ASSERT_TRUE(records.waitFor(8));
+    std::map<std::string, std::string> levelOf;
+    for (const auto& r : records.values()) {
+        levelOf[r.details.message] = r.level;
+        if (r.details.message != "explicit") {
+            EXPECT_EQ(r.details.line, r.details.message.empty() ? line + 1 : line);
+            EXPECT_EQ(r.details.subsystem, "");
+            EXPECT_EQ(r.details.category, "");
+        } else {
+            EXPECT_EQ(r.details.file, "y.cc");
+            EXPECT_EQ(r.details.line, 9);
+        }
+    }
+    EXPECT_EQ(levelOf, (std::map<std::string, std::string>{{"l", "info"}, {"i", "info"}, {"w", "warn"},
+                                                            {"e", "error"}, {"n", "notice"}, {"f 1", "fault"},
+                                                            {"", "info"}, {"explicit", "warn"}}));
+}
+
+}  // namespace
+}  // namespace kestro

@@ -1,0 +1,161 @@
+#include <gtest/gtest.h>
+
+#include <boost/json.hpp>
+
+#include "kestro/records/records.h"
+
+namespace kestro {
+namespace {
+
+namespace json = boost::json;
+using std::chrono::microseconds;
+
+TimePoint at(std::int64_t us) { return TimePoint{} + microseconds(us); }
+
+RequestTypeLog sampleLog() {
+    return {"6F1C1A4E-2B7D-4C55-9A0B-1D2E3F405162", "log", "warn", at(1714566896123456),
+            at(1714566896123456),
+            {"disk \"almost\" full\n\t\\ ü", "com.app", "storage", "/src/app/disk.cc", "disk.cc",
+             42}};
+}
+
+RequestTypeEvent sampleEvent() {
+    return {"A0000000-0000-4000-8000-000000000001", "event", at(1714566896000001),
+            at(1714566896000001),
+            {"Checkout", "commerce",
+             json::parse(R"({"total":12.5,"items":[1,{"sku":"x"},[]],"n":null,"ok":true})")
+                 .as_object()}};
+}
+
+RequestTypeRequest sampleRequest() {
+    RequestTypeRequest r{"B0000000-0000-4000-8000-000000000002", "network", {}, at(1700000000000000),
+                         at(1700000000000000)};
+    r.details.request = RequestTypeRequestDetailsRequest{
+        "https://example.test/a?b=1", "POST", {{"Content-Type", "application/json"}},
+        at(1699999999500000), R"({"q":1})"};
+    r.details.response = RequestTypeRequestDetailsResponse{
+        201, {{"Server", "t"}}, at(1700000000250000), "created"};
+    return r;
+}
+
+std::vector<RequestEventType> samples() {
+    RequestTypeRequest bare{"", "network", {}, at(0), at(0)};
+    return {RequestEventType(sampleLog()), RequestEventType(sampleEvent()),
+            RequestEventType(sampleRequest()), RequestEventType(bare)};
+}
+
+TEST(RecordsTest, EveryRecordRoundTripsThroughItsDictionaryAndItsText) {
+    for (const auto& record : samples()) {
+        const json::object dict = record.encode();
+        EXPECT_EQ(dict.begin()->key(), "eventType");
+        auto back = RequestEventType::decode(dict);
+        ASSERT_TRUE(back.has_value()) << json::serialize(dict);
+        EXPECT_EQ(*back, record);
+
+        // The directly written text is one compact object equal to the dictionary.
+        const std::string text = record.toJSON();
+        EXPECT_EQ(text.rfind("{\"eventType\":", 0), 0u) << text;
+        EXPECT_EQ(text.find('\n'), std::string::npos);
+        const json::value parsed = json::parse(text);
+        EXPECT_EQ(parsed, json::value(dict)) << text;
+        EXPECT_EQ(*RequestEventType::decode(parsed.as_object()), record);
+    }
+}
+
+TEST(RecordsTest, NumbersKeepTheirKind) {
+    const json::object log = RequestEventType(sampleLog()).encode();
+    EXPECT_TRUE(log.at("sentAt").is_double());
+    EXPECT_TRUE(log.at("details").at("line").is_int64());
+    // A time with no fraction still reads back as a fractional number from the text form.
+    RequestTypeRequest whole{"x", "network", {}, at(1700000000000000), at(1700000000000000)};
+    const json::value parsed = json::parse(RequestEventType(whole).toJSON());
+    EXPECT_TRUE(parsed.at("sentAt").is_double());
+    EXPECT_EQ(RequestEventType(whole).encode().at("details").as_object().size(), 0u);
+}
+
+TEST(RecordsTest, DecodingIsAllOrNothing) {
+    const json::object good = RequestEventType(sampleLog()).encode();
+    auto without = [&](std::initializer_list<const char*> path) {
+        json::object d = good;
+        json::object* o = &d;
+        auto it = path.begin();
+        for (; std::next(it) != path.end(); ++it) o = &o->at(*it).as_object();
+        o->erase(*it);
+        return d;
+    };
+    auto with = [&](std::initializer_list<const char*> path, json::value v) {
+        json::object d = good;
+        json::object* o = &d;
+        auto it = path.begin();
+        for (; std::next(it) != path.end(); ++it) o = &o->at(*it).as_object();
+        (*o)[*it] = std::move(v);
+        return d;
+    };
+    EXPECT_FALSE(RequestEventType::decode(without({"eventType"})));
+    EXPECT_FALSE(RequestEventType::decode(with({"eventType"}, "Log")));
+    EXPECT_FALSE(RequestEventType::decode(with({"eventType"}, "logs")));
+    EXPECT_FALSE(RequestEventType::decode(with({"eventType"}, 1)));
+    EXPECT_FALSE(RequestEventType::decode(without({"details", "file"})));
+    EXPECT_FALSE(RequestEventType::decode(with({"details", "line"}, 12.5)));
+    EXPECT_FALSE(RequestEventType::decode(with({"details", "line"}, "12")));
+    EXPECT_FALSE(RequestEventType::decode(with({"sentAt"}, "now")));
+    EXPECT_FALSE(RequestEventType::decode(with({"details"}, json::array{})));
+    EXPECT_FALSE(RequestEventType::decode(with({"id"}, nullptr)));
+
+    // An integral time is a whole second; an integral-valued fraction is a valid integer.
+    auto whole = RequestEventType::decode(with({"sentAt"}, 1700000000));
+    ASSERT_TRUE(whole);
+    EXPECT_EQ(whole->asLog()->sentAt, at(1700000000000000));
+    auto line = RequestEventType::decode(with({"details", "line"}, 12.0));
+    ASSERT_TRUE(line);
+    EXPECT_EQ(line->asLog()->details.line, 12);
+    EXPECT_FALSE(RequestEventType::decode(with({"details", "line"}, 18446744073709551615ull)));
+
+    // Keys that are not part of a type are ignored ("level" on an event, for one).
+    json::object event = RequestEventType(sampleEvent()).encode();
+    event["level"] = 7;
+    event["extra"] = "x";
+    EXPECT_TRUE(RequestEventType::decode(event));
+    event["details"].as_object()["payload"] = "not an object";
+    EXPECT_FALSE(RequestEventType::decode(event));
+}
+
+TEST(RecordsTest, MalformedNetworkHalvesAreDroppedNotTheRecord) {
+    json::object d = RequestEventType(sampleRequest()).encode();
+    auto& details = d["details"].as_object();
+    details["response"].as_object()["headers"].as_object()["Server"] = 5;
+    details["request"] = "not an object";
+    auto back = RequestEventType::decode(d);
+    ASSERT_TRUE(back);
+    EXPECT_FALSE(back->asNetworkRequest()->details.request);
+    EXPECT_FALSE(back->asNetworkRequest()->details.response);
+    details.erase("response");
+    details["request"] = sampleRequest().details.request->encode();
+    back = RequestEventType::decode(d);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->asNetworkRequest()->details.request, sampleRequest().details.request);
+}
+
+TEST(RecordsTest, ExtraTopLevelKeyIsAppended) {
+    const RequestEventType record(sampleEvent());
+    const json::value device = json::parse(R"({"id":"D","platform":"linux"})");
+    const json::value parsed = json::parse(record.toJSON("device", device));
+    json::object expected = record.encode();
+    expected["device"] = device;
+    EXPECT_EQ(parsed, json::value(expected));
+}
+
+TEST(RecordsTest, IdentityAndLastPathComponent) {
+    const auto all = samples();
+    EXPECT_EQ(all[0].id(), sampleLog().id);
+    EXPECT_EQ(all[2].timestamp(), sampleRequest().createdAt);
+    EXPECT_STREQ(all[1].eventTypeText(), "customEvent");
+    EXPECT_EQ(lastPathComponent("/a/b/c.swift"), "c.swift");
+    EXPECT_EQ(lastPathComponent("c.cc"), "c.cc");
+    EXPECT_EQ(lastPathComponent("/a/dir/"), "dir");
+    EXPECT_EQ(lastPathComponent("/"), "/");
+    EXPECT_EQ(lastPathComponent(""), "");
+}
+
+}  // namespace
+}  // namespace kestro

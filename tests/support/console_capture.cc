@@ -1,0 +1,65 @@
+#include "support/console_capture.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace kestro::test {
+
+ConsoleCapture::ConsoleCapture() {
+    std::fflush(stdout);
+    char name[] = "/tmp/kestro-console-XXXXXX";
+    fileFd_ = mkstemp(name);
+    if (fileFd_ < 0) throw std::runtime_error("mkstemp failed");
+    path_ = name;
+    savedFd_ = dup(STDOUT_FILENO);
+    dup2(fileFd_, STDOUT_FILENO);
+}
+
+ConsoleCapture::~ConsoleCapture() {
+    std::fflush(stdout);
+    dup2(savedFd_, STDOUT_FILENO);
+    close(savedFd_);
+    close(fileFd_);
+    unlink(path_.c_str());
+}
+
+std::string ConsoleCapture::text() {
+    std::fflush(stdout);
+    std::string out;
+    char buf[4096];
+    for (off_t at = 0;;) {
+        const ssize_t n = pread(fileFd_, buf, sizeof buf, at);
+        if (n <= 0) break;
+        out.append(buf, static_cast<std::size_t>(n));
+        at += n;
+    }
+    return out;
+}
+
+void ConsoleCapture::clear() {
+    std::fflush(stdout);
+    if (ftruncate(fileFd_, 0) != 0) return;
+    lseek(fileFd_, 0, SEEK_SET);
+    // The duplicated descriptor shares the file offset; rewind it too.
+    lseek(STDOUT_FILENO, 0, SEEK_SET);
+}
+
+ConsoleSilence::ConsoleSilence() {
+    std::fflush(stdout);
+    savedFd_ = dup(STDOUT_FILENO);
+    const int null = open("/dev/null", O_WRONLY);
+    dup2(null, STDOUT_FILENO);
+    close(null);
+}
+
+ConsoleSilence::~ConsoleSilence() {
+    std::fflush(stdout);
+    dup2(savedFd_, STDOUT_FILENO);
+    close(savedFd_);
+}
+
+}  // namespace kestro::test
