@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Builds and runs every test: once in a normal build, once under AddressSanitizer +
+# UndefinedBehaviorSanitizer, and the concurrent tests once more under ThreadSanitizer.
+# Any failure or sanitizer report fails the run.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+./scripts/setup.sh
+
+JOBS=$(nproc)
+export CTEST_OUTPUT_ON_FAILURE=1
+export ASAN_OPTIONS="abort_on_error=1:detect_leaks=1:strict_string_checks=1"
+export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
+export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
+# Tests talk only to servers they start on loopback.
+export KESTRO_DEV_HOST=127.0.0.1 KESTRO_PROD_HOST=127.0.0.1
+start=$(date +%s)
+
+stage() { echo; echo "=== $* ($(( $(date +%s) - start ))s)"; }
+
+stage "normal build"
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTRO_BUILD_BENCHMARKS=ON >/dev/null
+cmake --build build -j"$JOBS"
+stage "tests"
+ctest --test-dir build -j"$JOBS" --timeout 300
+
+stage "AddressSanitizer + UndefinedBehaviorSanitizer build"
+cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" \
+    -DKESTRO_SANITIZE=ON -DKESTRO_BUILD_BENCHMARKS=OFF -DKESTRO_BUILD_APPS=OFF >/dev/null
+cmake --build build-asan -j"$JOBS"
+stage "tests under AddressSanitizer + UndefinedBehaviorSanitizer"
+ctest --test-dir build-asan -j"$JOBS" --timeout 600
+
+stage "ThreadSanitizer build (concurrent tests)"
+cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" \
+    -DKESTRO_TSAN=ON -DKESTRO_BUILD_BENCHMARKS=OFF -DKESTRO_BUILD_APPS=OFF >/dev/null
+cmake --build build-tsan -j"$JOBS" --target concurrent_tests
+stage "concurrent tests under ThreadSanitizer"
+ctest --test-dir build-tsan -j"$JOBS" -L concurrent --timeout 600
+
+if [ -x scripts/fuzz-smoke.sh ]; then
+    stage "bounded fuzzing"
+    ./scripts/fuzz-smoke.sh
+fi
+
+stage "all tests passed"
