@@ -1,0 +1,27 @@
+# Installs the libraries, their headers and a package configuration, so that a CMake project
+# can find_package(Kestro) and link Kestro::kestro.
+include(CMakePackageConfigHelpers)
+
+set(_kestro_targets kestro)
+foreach(sub IN LISTS KESTRO_SUBSYSTEMS)
+    if(TARGET kestro_${sub})
+        list(APPEND _kestro_targets kestro_${sub})
+    endif()
+endforeach()
+
+install(TARGETS ${_kestro_targets} EXPORT KestroTargets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/kestro DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+    FILES_MATCHING PATTERN "*.h")
+install(EXPORT KestroTargets NAMESPACE Kestro:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Kestro)
+
+set(KESTRO_EXTRA_FIND_DEPENDENCIES "${KESTRO_PACKAGE_DEPENDENCIES}")
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/KestroConfig.cmake.in
+    ${PROJECT_BINARY_DIR}/KestroConfig.cmake
+    INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Kestro)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/KestroConfigVersion.cmake
+    COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/KestroConfig.cmake ${PROJECT_BINARY_DIR}/KestroConfigVersion.cmake
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Kestro)
