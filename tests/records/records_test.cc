@@ -145,6 +145,20 @@ TEST(RecordsTest, ExtraTopLevelKeyIsAppended) {
     EXPECT_EQ(parsed, json::value(expected));
 }
 
+TEST(RecordsTest, EveryAsciiCharacterAtEveryWordOffsetSurvivesTheText) {
+    for (int c = 0; c < 128; ++c) {
+        for (std::size_t offset = 0; offset < 17; ++offset) {
+            RequestTypeLog log = sampleLog();
+            log.details.message = std::string(offset, 'a') + static_cast<char>(c) +
+                                  std::string(20, 'b') + "ü";
+            const std::string text = RequestEventType(log).toJSON();
+            const auto back = RequestEventType::decode(json::parse(text).as_object());
+            ASSERT_TRUE(back) << c << " at " << offset;
+            ASSERT_EQ(back->asLog()->details.message, log.details.message) << c << " at " << offset;
+        }
+    }
+}
+
 TEST(RecordsTest, IdentityAndLastPathComponent) {
     const auto all = samples();
     EXPECT_EQ(all[0].id(), sampleLog().id);

@@ -1,6 +1,10 @@
 #include "kestro/core/console.h"
 
 #include <atomic>
+#include <stdio_ext.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 
 #include "kestro/core/time_text.h"
@@ -22,11 +26,19 @@ void setConsoleLevel(LogLevel level) { gConsoleLevel.store(level, std::memory_or
 LogLevel consoleLevel() { return gConsoleLevel.load(std::memory_order_relaxed); }
 
 void writeConsole(std::string_view bytes) {
-    // stdio's own per-stream lock makes one fwrite atomic with respect to other stdio writers
-    // of the host, and keeps our lines ordered with the host's buffered output.
+    // Under stdio's own lock of standard output: whatever the host has buffered there goes
+    // out first, so our line keeps its place; then the line goes out in one write.
     flockfile(stdout);
-    fwrite_unlocked(bytes.data(), 1, bytes.size(), stdout);
-    fflush_unlocked(stdout);
+    if (__fpending(stdout) > 0) fflush_unlocked(stdout);
+    const char* p = bytes.data();
+    std::size_t left = bytes.size();
+    while (left > 0) {
+        const ssize_t n = ::write(STDOUT_FILENO, p, left);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;  // a closed or full console loses the line, never the host
+        p += n;
+        left -= static_cast<std::size_t>(n);
+    }
     funlockfile(stdout);
 }
 

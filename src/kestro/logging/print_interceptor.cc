@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <mutex>
 #include <new>
 #include <string>
@@ -16,15 +17,32 @@
 namespace kestro {
 namespace {
 
-// What the caller hands over: the texts of one call. Slots keep their strings' capacity, so
-// a steady stream of similar lines stops allocating on the caller's side.
+// What the caller hands over: the texts of one call, packed into one buffer (message, level,
+// subsystem, category, file) so the hand-over touches few cache lines. Slots keep the
+// buffer's capacity, so a steady stream of similar lines stops allocating on the caller's side.
 struct PendingLog {
-    std::string message;
-    std::string level;
-    std::string subsystem;
-    std::string category;
-    std::string filePath;
+    std::string text;
+    std::uint32_t lengths[5] = {};
     std::int64_t line = 0;
+
+    void assign(std::string_view parts[5], std::int64_t atLine) {
+        std::size_t total = 0;
+        for (int i = 0; i < 5; ++i) total += parts[i].size();
+        text.resize(total);
+        char* out = text.data();
+        for (int i = 0; i < 5; ++i) {
+            std::memcpy(out, parts[i].data(), parts[i].size());
+            out += parts[i].size();
+            lengths[i] = static_cast<std::uint32_t>(parts[i].size());
+        }
+        line = atLine;
+    }
+    // Part i of the packed texts: 0 message, 1 level, 2 subsystem, 3 category, 4 file.
+    std::string_view part(int i) const {
+        std::size_t at = 0;
+        for (int k = 0; k < i; ++k) at += lengths[k];
+        return std::string_view(text).substr(at, lengths[i]);
+    }
 };
 
 // Bounded multi-producer queue on a ring of sequenced slots: producers claim a slot with one
@@ -88,6 +106,9 @@ private:
 struct Capture {
     CaptureQueue queue;
     std::atomic<std::shared_ptr<const PrintInterceptor::Handler>> handler;
+    // Whether a handler is installed, for the caller's cheap check (the shared_ptr slot is
+    // read only by the drainer).
+    std::atomic<bool> installed{false};
     std::atomic<bool> draining{false};
     std::atomic<std::uint64_t> enqueued{0};
     std::atomic<std::uint64_t> delivered{0};
@@ -112,6 +133,9 @@ Capture& capture() {
 }
 
 constexpr auto kRoomWait = std::chrono::milliseconds(20);
+// How long an idle drainer keeps looking for new records before it gives its worker back.
+// A steady stream of log calls then never pays for waking a thread.
+constexpr auto kLinger = std::chrono::microseconds(50);
 constexpr std::size_t kDrainBatch = 256;
 
 void scheduleDrain(Capture& c);
@@ -121,14 +145,14 @@ RequestTypeLog buildRecord(PendingLog& p) {
     RequestTypeLog r;
     r.id = UUID::random().string();
     r.type = "log";
-    r.level = p.level;
+    r.level = p.part(1);
     r.sentAt = now;
     r.createdAt = now;
-    r.details.message = p.message;
-    r.details.subsystem = p.subsystem;
-    r.details.category = p.category;
-    r.details.file = lastPathComponent(p.filePath);
-    r.details.filePath = p.filePath;
+    r.details.message = p.part(0);
+    r.details.subsystem = p.part(2);
+    r.details.category = p.part(3);
+    r.details.filePath = p.part(4);
+    r.details.file = lastPathComponent(r.details.filePath);
     r.details.line = p.line;
     return r;
 }
@@ -174,6 +198,13 @@ void drain(Capture& c) {
             if (++done == kDrainBatch) break;  // let other executor work interleave
         }
         reportDrops(c);
+        if (c.queue.front() == nullptr && done < kDrainBatch) {
+            const auto until = std::chrono::steady_clock::now() + kLinger;
+            while (c.queue.front() == nullptr && std::chrono::steady_clock::now() < until) {
+                for (int spin = 0; spin < 32 && c.queue.front() == nullptr; ++spin)
+                    __builtin_ia32_pause();
+            }
+        }
         if (c.queue.front() != nullptr) {
             if (done == kDrainBatch) {
                 // Yield the worker and continue in a fresh task.
@@ -227,13 +258,8 @@ void enqueue(const LogCall& call, std::string_view message, std::string_view fil
             return;
         }
     }
-    PendingLog& p = slot->log;
-    p.message.assign(message);
-    p.level.assign(call.level);
-    p.subsystem.assign(call.subsystem);
-    p.category.assign(call.category);
-    p.filePath.assign(file);
-    p.line = line;
+    std::string_view parts[5] = {message, call.level, call.subsystem, call.category, file};
+    slot->log.assign(parts, line);
     c.enqueued.fetch_add(1, std::memory_order_release);
     c.queue.publish(slot);
     scheduleDrain(c);
@@ -248,7 +274,10 @@ void PrintInterceptor::emit(const LogCall& call, std::string_view message) {
         call.file.empty() && call.line < 0 ? call.location.line() : (call.line < 0 ? 0 : call.line);
 
     // "[" time "] [" file ":" line "] " message "\n", written whole.
-    const std::string name = lastPathComponent(file);
+    std::string_view name = file;
+    while (name.size() > 1 && name.back() == '/') name.remove_suffix(1);
+    if (const auto slash = name.rfind('/'); slash != std::string_view::npos && name.size() > 1)
+        name.remove_prefix(slash + 1);
     fmt::memory_buffer out;
     char stamp[13];
     timeOfDayTo(std::chrono::system_clock::now(), stamp);
@@ -261,7 +290,7 @@ void PrintInterceptor::emit(const LogCall& call, std::string_view message) {
     out.push_back('\n');
     writeConsole(std::string_view(out.data(), out.size()));
 
-    if (capture().handler.load(std::memory_order_acquire)) enqueue(call, message, file, line);
+    if (capture().installed.load(std::memory_order_acquire)) enqueue(call, message, file, line);
 }
 
 void PrintInterceptor::reportFormatFailure(const LogCall& call, const char* what) noexcept {
@@ -278,12 +307,17 @@ void PrintInterceptor::reportFormatFailure(const LogCall& call, const char* what
 }
 
 void PrintInterceptor::startIntercepting(Handler handler) {
-    capture().handler.store(std::make_shared<const Handler>(std::move(handler)));
+    const bool any = static_cast<bool>(handler);
+    capture().handler.store(any ? std::make_shared<const Handler>(std::move(handler)) : nullptr);
+    capture().installed.store(any, std::memory_order_release);
 }
 
-void PrintInterceptor::stopIntercepting() { capture().handler.store(nullptr); }
+void PrintInterceptor::stopIntercepting() {
+    capture().handler.store(nullptr);
+    capture().installed.store(false, std::memory_order_release);
+}
 
-bool PrintInterceptor::isIntercepting() { return capture().handler.load() != nullptr; }
+bool PrintInterceptor::isIntercepting() { return capture().installed.load(); }
 
 bool PrintInterceptor::flush(std::chrono::milliseconds timeout) {
     Capture& c = capture();

@@ -1,9 +1,13 @@
 #include "kestro/records/records.h"
 
 #include <boost/json/serialize.hpp>
+#include <fmt/compile.h>
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 namespace kestro {
@@ -83,22 +87,46 @@ json::object encodeMap(const TextMap& m) {
 
 // --- Writing JSON text directly, for the store and the upload. ------------------------------
 
+// Bytes that JSON text cannot carry as they are: controls, quote and backslash.
+constexpr auto kNeedsEscape = [] {
+    std::array<bool, 256> t{};
+    for (int c = 0; c < 0x20; ++c) t[c] = true;
+    t['"'] = t['\\'] = true;
+    return t;
+}();
+
+// Writes into a std::string through a raw cursor: room is reserved per piece (escaping grows a
+// byte to at most six), so the hot loops are plain stores with no per-character checks.
 class Writer {
 public:
     explicit Writer(std::string& out, bool atObjectStart = true)
-        : out_(out), first_(atObjectStart) {}
+        : out_(out), pos_(out.size()), first_(atObjectStart) {}
+    ~Writer() { out_.resize(pos_); }
+    Writer(const Writer&) = delete;
+    Writer& operator=(const Writer&) = delete;
 
-    void open() { out_.push_back('{'), first_ = true; }
-    void close() { out_.push_back('}'), first_ = false; }
+    void open() {
+        put('{');
+        first_ = true;
+    }
+    void close() {
+        put('}');
+        first_ = false;
+    }
 
     void key(std::string_view k) {
-        if (!first_) out_.push_back(',');
+        if (!first_) put(',');
         first_ = false;
         string(k);
-        out_.push_back(':');
+        put(':');
     }
     void field(std::string_view k, std::string_view v) { key(k), string(v); }
-    void field(std::string_view k, std::int64_t v) { key(k), fmt::format_to(std::back_inserter(out_), "{}", v); }
+    void field(std::string_view k, std::int64_t v) {
+        key(k);
+        const fmt::format_int text(v);
+        std::memcpy(room(text.size()), text.data(), text.size());
+        pos_ += text.size();
+    }
     void field(std::string_view k, TimePoint t) { key(k), real(secondsSince1970(t)); }
     void field(std::string_view k, const TextMap& m) {
         key(k);
@@ -106,43 +134,83 @@ public:
         for (const auto& [mk, mv] : m) field(mk, mv);
         close();
     }
-    void raw(std::string_view k, const json::value& v) { key(k), out_ += json::serialize(v); }
-    void raw(std::string_view k, const json::object& v) { key(k), out_ += json::serialize(v); }
+    void raw(std::string_view k, const json::object& v) {
+        key(k);
+        const std::string text = json::serialize(v);
+        std::memcpy(room(text.size()), text.data(), text.size());
+        pos_ += text.size();
+    }
 
     void string(std::string_view s) {
-        out_.push_back('"');
-        std::size_t start = 0;
-        for (std::size_t i = 0; i < s.size(); ++i) {
-            const auto c = static_cast<unsigned char>(s[i]);
-            if (c >= 0x20 && c != '"' && c != '\\') continue;
-            out_.append(s.data() + start, i - start);
-            start = i + 1;
+        char* p = room(s.size() * 6 + 2);
+        *p++ = '"';
+        const char* in = s.data();
+        const char* const end = in + s.size();
+        // Eight bytes at a time while none of them needs escaping.
+        while (end - in >= 8) {
+            std::uint64_t v;
+            std::memcpy(&v, in, 8);
+            if (!cleanWord(v)) break;
+            std::memcpy(p, in, 8);
+            p += 8, in += 8;
+        }
+        for (; in < end; ++in) {
+            const char ch = *in;
+            const auto c = static_cast<unsigned char>(ch);
+            if (!kNeedsEscape[c]) {
+                *p++ = ch;
+                continue;
+            }
+            *p++ = '\\';
             switch (c) {
-                case '"': out_ += "\\\""; break;
-                case '\\': out_ += "\\\\"; break;
-                case '\n': out_ += "\\n"; break;
-                case '\r': out_ += "\\r"; break;
-                case '\t': out_ += "\\t"; break;
-                case '\b': out_ += "\\b"; break;
-                case '\f': out_ += "\\f"; break;
-                default: fmt::format_to(std::back_inserter(out_), "\\u{:04x}", c);
+                case '"': *p++ = '"'; break;
+                case '\\': *p++ = '\\'; break;
+                case '\n': *p++ = 'n'; break;
+                case '\r': *p++ = 'r'; break;
+                case '\t': *p++ = 't'; break;
+                case '\b': *p++ = 'b'; break;
+                case '\f': *p++ = 'f'; break;
+                default: {
+                    static constexpr char kHex[] = "0123456789abcdef";
+                    *p++ = 'u', *p++ = '0', *p++ = '0';
+                    *p++ = kHex[c >> 4], *p++ = kHex[c & 15];
+                }
             }
         }
-        out_.append(s.data() + start, s.size() - start);
-        out_.push_back('"');
+        *p++ = '"';
+        pos_ = static_cast<std::size_t>(p - out_.data());
     }
 
     // A double that reads back as a double: the shortest exact form, with ".0" added when it
     // would otherwise look integral.
     void real(double d) {
         if (!std::isfinite(d)) d = 0;
-        const std::size_t at = out_.size();
-        fmt::format_to(std::back_inserter(out_), "{}", d);
-        if (out_.find_first_of(".eE", at) == std::string::npos) out_ += ".0";
+        char* start = room(48);
+        char* end = fmt::format_to(start, FMT_COMPILE("{}"), d);
+        if (std::find_if(start, end, [](char c) { return c == '.' || c == 'e' || c == 'E'; }) ==
+            end) {
+            *end++ = '.', *end++ = '0';
+        }
+        pos_ = static_cast<std::size_t>(end - out_.data());
     }
 
 private:
+    // True when no byte of v is a control, a quote or a backslash.
+    static bool cleanWord(std::uint64_t v) {
+        constexpr std::uint64_t kOnes = 0x0101010101010101ULL, kHighs = 0x8080808080808080ULL;
+        const auto hasZero = [](std::uint64_t x) { return (x - kOnes) & ~x & kHighs; };
+        const std::uint64_t below20 = (v - kOnes * 0x20) & ~v & kHighs;
+        return (below20 | hasZero(v ^ (kOnes * '"')) | hasZero(v ^ (kOnes * '\\'))) == 0;
+    }
+    void put(char c) { *room(1) = c, ++pos_; }
+    // At least n writable bytes at the cursor.
+    char* room(std::size_t n) {
+        if (pos_ + n > out_.size()) out_.resize(std::max(out_.size() * 2, pos_ + n + 256));
+        return out_.data() + pos_;
+    }
+
     std::string& out_;
+    std::size_t pos_;
     bool first_ = true;
 };
 
@@ -277,19 +345,20 @@ JSONDictionary RequestEventType::encode() const {
 
 std::string RequestEventType::toJSON() const {
     std::string out;
-    out.reserve(512);
-    Writer w(out);
-    w.open();
-    w.field("eventType", eventTypeText());
-    std::visit(
-        [&](const auto& r) {
-            using T = std::decay_t<decltype(r)>;
-            if constexpr (std::is_same_v<T, RequestTypeLog>) writeLogBody(w, r);
-            else if constexpr (std::is_same_v<T, RequestTypeEvent>) writeEventBody(w, r);
-            else writeRequestBody(w, r);
-        },
-        value_);
-    w.close();
+    {
+        Writer w(out);
+        w.open();
+        w.field("eventType", eventTypeText());
+        std::visit(
+            [&](const auto& r) {
+                using T = std::decay_t<decltype(r)>;
+                if constexpr (std::is_same_v<T, RequestTypeLog>) writeLogBody(w, r);
+                else if constexpr (std::is_same_v<T, RequestTypeEvent>) writeEventBody(w, r);
+                else writeRequestBody(w, r);
+            },
+            value_);
+        w.close();
+    }
     return out;
 }
 
@@ -297,8 +366,10 @@ std::string RequestEventType::toJSON(std::string_view extraKey,
                                      const boost::json::value& extraValue) const {
     std::string out = toJSON();
     out.pop_back();  // the closing brace
-    Writer w(out, false);  // eventType always precedes the extra key
-    w.key(extraKey);
+    {
+        Writer w(out, false);  // eventType always precedes the extra key
+        w.key(extraKey);
+    }
     out += json::serialize(extraValue);
     out.push_back('}');
     return out;

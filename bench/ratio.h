@@ -1,0 +1,48 @@
+#pragma once
+
+// Shared by the benchmark programs: runs the registered benchmarks, keeps each one's time per
+// iteration, and prints "ratio" lines comparing a candidate with its baseline from the same run.
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace kestro::bench {
+
+class CollectingReporter : public ::benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const auto& run : runs) {
+            if (run.run_type != Run::RT_Iteration && run.aggregate_name != "median") continue;
+            // With repetitions, the median wins over single iterations of the same name.
+            const std::string name = run.run_name.function_name;
+            if (run.run_type == Run::RT_Aggregate || !times_.count(name))
+                times_[name] = run.GetAdjustedRealTime();
+            for (const auto& [key, counter] : run.counters) counters_[name + "/" + key] = counter.value;
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+    double time(const std::string& name) const {
+        auto it = times_.find(name);
+        return it == times_.end() ? 0 : it->second;
+    }
+    double counter(const std::string& name, const std::string& key) const {
+        auto it = counters_.find(name + "/" + key);
+        return it == counters_.end() ? 0 : it->second;
+    }
+
+private:
+    std::map<std::string, double> times_;
+    std::map<std::string, double> counters_;
+};
+
+/// Prints one summary line: candidate time / baseline time, with the target it is held to.
+inline void printRatio(const char* what, double ratio, const char* target) {
+    std::printf("RATIO %-60s %8.3f   (target %s)\n", what, ratio, target);
+    std::fflush(stdout);
+}
+
+}  // namespace kestro::bench
