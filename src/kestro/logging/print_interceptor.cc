@@ -31,7 +31,7 @@ struct PendingLog {
         text.resize(total);
         char* out = text.data();
         for (int i = 0; i < 5; ++i) {
-            std::memcpy(out, parts[i].data(), parts[i].size());
+            if (!parts[i].empty()) std::memcpy(out, parts[i].data(), parts[i].size());
             out += parts[i].size();
             lengths[i] = static_cast<std::uint32_t>(parts[i].size());
         }
