@@ -1,0 +1,176 @@
+#include <gtest/gtest.h>
+
+#include <boost/json.hpp>
+#include <unicode/regex.h>
+#include <unicode/unistr.h>
+
+#include <random>
+#include <thread>
+
+#include "kestro/network/mock_cache.h"
+
+namespace kestro {
+namespace {
+
+namespace json = boost::json;
+
+// The reference: escape the pattern, turn each escaped star into ".*", anchor it, and match the
+// whole URL with a regular expression compiled with no options.
+bool regexMatches(const std::string& url, const std::string& pattern) {
+    icu::UnicodeString escaped;
+    const icu::UnicodeString p = icu::UnicodeString::fromUTF8(pattern);
+    for (int32_t i = 0; i < p.length();) {
+        const UChar32 c = p.char32At(i);
+        i += U16_LENGTH(c);
+        if (c == '*') escaped += ".*";
+        else if (u_isalnum(c) && c < 0x80) escaped.append(c);
+        else escaped.append(u"\\Q").append(c).append(u"\\E");
+    }
+    UErrorCode status = U_ZERO_ERROR;
+    icu::RegexMatcher m("^" + escaped + "$", icu::UnicodeString::fromUTF8(url), 0, status);
+    if (U_FAILURE(status)) return false;
+    const bool result = m.matches(status);
+    return U_SUCCESS(status) && result;
+}
+
+TEST(DoesURLMatchPatternTest, GlobRules) {
+    EXPECT_TRUE(doesURLMatchPattern("https://h/users/42", "https://h/users/*"));
+    EXPECT_TRUE(doesURLMatchPattern("https://h/users/", "https://h/users/*"));
+    EXPECT_FALSE(doesURLMatchPattern("https://h/users", "https://h/users/*"));
+    EXPECT_FALSE(doesURLMatchPattern("HTTPS://h/users/42", "https://h/users/*"));
+    EXPECT_TRUE(doesURLMatchPattern("https://h/a.b?c=1", "https://h/a.b?c=1"));
+    EXPECT_FALSE(doesURLMatchPattern("https://h/aXb?c=1", "https://h/a.b?c=1"));
+    EXPECT_FALSE(doesURLMatchPattern("https://h/a.bc=1", "https://h/a.b?c=1"));
+    EXPECT_TRUE(doesURLMatchPattern("anything at all", "*"));
+    EXPECT_TRUE(doesURLMatchPattern("", "*"));
+    EXPECT_TRUE(doesURLMatchPattern("", ""));
+    EXPECT_FALSE(doesURLMatchPattern("x", ""));
+    EXPECT_TRUE(doesURLMatchPattern("https://h/v1/a/b/c.json", "https://*/v1/*/*.json"));
+    // A star never runs across a line break; a literal line break matches itself.
+    EXPECT_FALSE(doesURLMatchPattern("https://h/a\nb", "https://h/*"));
+    EXPECT_TRUE(doesURLMatchPattern("https://h/a\nb", "https://h/*\n*"));
+    EXPECT_FALSE(doesURLMatchPattern("a\u2028b", "a*b"));
+    EXPECT_TRUE(doesURLMatchPattern("a\u00e9b", "a*b"));
+    // Regular-expression syntax in the pattern is plain text.
+    EXPECT_TRUE(doesURLMatchPattern("(a|b)+[x]\\d$^", "(a|b)+[x]\\d$^"));
+    EXPECT_FALSE(doesURLMatchPattern("aaa", "(a|b)+"));
+}
+
+TEST(DoesURLMatchPatternTest, AgreesWithTheRegularExpressionItStandsFor) {
+    // Small alphabets make matches likely; line breaks, stars and expression syntax included.
+    const std::vector<std::string> alphabet = {"a", "b", "*", ".", "?", "\n", "\r", "\u2028",
+                                               "\u0085", "\\", "(", "é", "😀", "/", "\x0b"};
+    std::mt19937 rng(12345);
+    auto randomText = [&](int maxLen, bool allowStar) {
+        std::string s;
+        const int n = static_cast<int>(rng() % (maxLen + 1));
+        for (int i = 0; i < n; ++i) {
+            const auto& piece = alphabet[rng() % alphabet.size()];
+            if (!allowStar && piece == "*") continue;
+            s += piece;
+        }
+        return s;
+    };
+    int matched = 0;
+    for (int round = 0; round < 4000; ++round) {
+        const std::string pattern = randomText(6, true);
+        std::string url = randomText(8, false);
+        // Half the time, build the URL from the pattern so that matches actually occur.
+        if (round % 2 == 0) {
+            url.clear();
+            for (char ch : pattern) {
+                if (ch == '*') url += randomText(3, false);
+                else url += ch;
+            }
+        }
+        const bool expected = regexMatches(url, pattern);
+        matched += expected;
+        ASSERT_EQ(doesURLMatchPattern(url, pattern), expected)
+            << "url=" << json::serialize(json::value(url))
+            << " pattern=" << json::serialize(json::value(pattern));
+    }
+    EXPECT_GT(matched, 500);  // the comparison covered both outcomes
+}
+
+TEST(DoesURLMatchPatternTest, HostilePatternsStayFast) {
+    const std::string url(5000, 'a');
+    const std::string pattern = std::string(200, '*') + std::string(50, 'a') + "b";
+    EXPECT_FALSE(doesURLMatchPattern(url, pattern));
+    EXPECT_TRUE(doesURLMatchPattern(url + "b", pattern));
+    std::string bytes;
+    for (int i = 0; i < 256; ++i) bytes.push_back(static_cast<char>(i));
+    EXPECT_TRUE(doesURLMatchPattern(bytes, bytes));
+    EXPECT_FALSE(doesURLMatchPattern(bytes, "*"));  // contains line breaks
+}
+
+TEST(MockCacheEntryTest, DecodingAndMediaTypes) {
+    auto decode = [](const char* text) { return MockCacheEntry::decode(json::parse(text).as_object()); };
+    auto full = decode(R"({"url":"https://h/*","mockedUrl":"https://m/x.png","statusCode":201,
+                           "headers":{"Content-Type":"IMAGE/JPEG"},"body":"hi","extra":[1]})");
+    ASSERT_TRUE(full);
+    EXPECT_EQ(full->statusCode, 201);
+    EXPECT_TRUE(full->isMediaRequest());
+    EXPECT_EQ(MockCacheEntry::decode(full->encode()), full);
+
+    auto minimal = decode(R"({"url":"u","mockedUrl":null,"statusCode":null,"headers":null,"body":null})");
+    ASSERT_TRUE(minimal);
+    EXPECT_FALSE(minimal->statusCode);
+    EXPECT_FALSE(minimal->isMediaRequest());
+    EXPECT_EQ(minimal->encode(), json::parse(R"({"url":"u"})").as_object());
+
+    EXPECT_FALSE(decode(R"({"mockedUrl":"x"})"));
+    EXPECT_FALSE(decode(R"({"url":5})"));
+    EXPECT_FALSE(decode(R"({"url":"u","statusCode":"200"})"));
+    EXPECT_FALSE(decode(R"({"url":"u","statusCode":200.5})"));
+    EXPECT_FALSE(decode(R"({"url":"u","headers":{"a":1}})"));
+    EXPECT_FALSE(decode(R"({"url":"u","body":{}})"));
+
+    MockCacheEntry svg{"u", {}, {}, std::map<std::string, std::string>{{"X", "image/svg+xml"}}, {}};
+    EXPECT_TRUE(svg.isMediaRequest());
+    svg.headers = std::map<std::string, std::string>{{"Content-Type", "application/json"}};
+    EXPECT_FALSE(svg.isMediaRequest());
+    EXPECT_TRUE(svg.isRequestOfType("json"));
+}
+
+TEST(MockCacheTest, RulesAreKeyedLookedUpInOrderAndReplacedInPlace) {
+    MockCache cache;
+    cache.addToMockCache("https://h/*", {"https://h/*", {}, 500, {}, "first"});
+    cache.addToMockCache("https://h/users/*", {"https://h/users/*", {}, 201, {}, "second"});
+    EXPECT_EQ(cache.getSize(), 2u);
+    EXPECT_EQ(cache.getEntry("https://h/users/1")->body, "first");  // insertion order
+    cache.addToMockCache("https://h/*", {"https://h/*", {}, 404, {}, "replaced"});
+    EXPECT_EQ(cache.getSize(), 2u);
+    EXPECT_EQ(cache.getEntry("https://h/users/1")->statusCode, 404);
+    cache.removeFromMockCache("https://h/users/1");  // matched, but not the key: nothing happens
+    EXPECT_EQ(cache.getSize(), 2u);
+    cache.removeFromMockCache("https://h/*");
+    EXPECT_EQ(cache.getEntry("https://h/users/1")->body, "second");
+    EXPECT_FALSE(cache.getEntry("https://other/"));
+    cache.setMockCache({{"a", {"a", {}, {}, {}, {}}}, {"a", {"a", {}, 1, {}, {}}}});
+    EXPECT_EQ(cache.getSize(), 1u);
+    EXPECT_EQ(cache.getEntry("a")->statusCode, 1);
+}
+
+TEST(MockCacheTest, ReadersSeeWholeSnapshotsWhileWritersChangeRules) {
+    MockCache cache;
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        for (int i = 0; i < 2000; ++i) {
+            cache.addToMockCache("https://h/" + std::to_string(i % 7) + "/*",
+                                 {"https://h/" + std::to_string(i % 7) + "/*", {}, i, {}, "b"});
+            if (i % 3 == 0) cache.removeFromMockCache("https://h/" + std::to_string(i % 5) + "/*");
+        }
+        stop = true;
+    });
+    int lookups = 0;
+    while (!stop && lookups < 1000000) {
+        auto e = cache.getEntry("https://h/3/x");
+        if (e) EXPECT_EQ(e->url, "https://h/3/*");
+        ++lookups;
+    }
+    writer.join();
+    EXPECT_GT(lookups, 0);
+}
+
+}  // namespace
+}  // namespace kestro
