@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <future>
 #include <regex>
 #include <set>
 #include <thread>
@@ -26,6 +27,7 @@ protected:
     void TearDown() override {
         PrintInterceptor::stopIntercepting();
         PrintInterceptor::flush();
+        PrintInterceptor::setQueueFullWait(std::chrono::milliseconds(100));
     }
     void capture() {
         PrintInterceptor::startIntercepting([this](const RequestTypeLog& r) { records.add(r); });
@@ -116,6 +118,9 @@ TEST_F(PrintInterceptorTest, ManyThreadsEveryRecordDeliveredOnce) {
         perThread.at(std::stoi(r.details.category))++;
         ++delivered;
     });
+    // Producers may outrun the handler on a loaded machine: let them wait for room rather
+    // than drop, so that every record must arrive.
+    PrintInterceptor::setQueueFullWait(std::chrono::seconds(30));
     const auto before = PrintInterceptor::stats();
     {
         test::ConsoleSilence silence;
@@ -135,6 +140,35 @@ TEST_F(PrintInterceptorTest, ManyThreadsEveryRecordDeliveredOnce) {
     EXPECT_EQ(delivered.load(), kThreads * kPerThread);
     EXPECT_EQ(ids.size(), static_cast<std::size_t>(kThreads * kPerThread));
     for (int t = 0; t < kThreads; ++t) EXPECT_EQ(perThread[t], kPerThread);
+}
+
+TEST_F(PrintInterceptorTest, FullQueueDropsCountsAndReports) {
+    PrintInterceptor::setQueueFullWait(std::chrono::milliseconds(0));
+    std::promise<void> open;
+    std::shared_future<void> gate = open.get_future().share();
+    std::atomic<int> delivered{0};
+    PrintInterceptor::startIntercepting([&](const RequestTypeLog&) {
+        gate.wait();  // hold the drainer until the queue has overflowed
+        ++delivered;
+    });
+    const auto before = PrintInterceptor::stats();
+    const int extra = 100;
+    const int total = static_cast<int>(PrintInterceptor::queueCapacity()) + extra;
+    test::ConsoleCapture console;
+    {
+        for (int i = 0; i < total; ++i) PrintInterceptor::log({}, i);
+    }
+    open.set_value();
+    ASSERT_TRUE(PrintInterceptor::flush(std::chrono::seconds(30)));
+    const auto after = PrintInterceptor::stats();
+    const auto dropped = after.dropped - before.dropped;
+    // The drainer holds one record while blocked, so at most capacity + 1 fit.
+    EXPECT_GE(dropped, static_cast<std::uint64_t>(extra - 1));
+    EXPECT_EQ(static_cast<std::uint64_t>(delivered.load()) + dropped, static_cast<std::uint64_t>(total));
+    const std::string text = console.text();
+    EXPECT_NE(text.find("⚠️ Log capture dropped"), std::string::npos);
+    // Every console line was written even for dropped records.
+    EXPECT_NE(text.find("] " + std::to_string(total - 1) + "\n"), std::string::npos);
 }
 
 TEST_F(PrintInterceptorTest, HandlerCanBeSwappedWhileLogging) {

@@ -132,7 +132,7 @@ Capture& capture() {
     return *c;
 }
 
-constexpr auto kRoomWait = std::chrono::milliseconds(20);
+std::atomic<std::int64_t> gRoomWaitMs{100};
 // How long an idle drainer keeps looking for new records before it gives its worker back.
 // A steady stream of log calls then never pays for waking a thread.
 constexpr auto kLinger = std::chrono::microseconds(50);
@@ -243,7 +243,8 @@ void enqueue(const LogCall& call, std::string_view message, std::string_view fil
         c.waitingForRoom.fetch_add(1, std::memory_order_acq_rel);
         {
             std::unique_lock lock(c.roomMutex);
-            const auto deadline = std::chrono::steady_clock::now() + kRoomWait;
+            const auto deadline = std::chrono::steady_clock::now() +
+                                  std::chrono::milliseconds(gRoomWaitMs.load());
             while ((slot = c.queue.claim()) == nullptr) {
                 if (c.roomCv.wait_until(lock, deadline) == std::cv_status::timeout) {
                     slot = c.queue.claim();
@@ -318,6 +319,12 @@ void PrintInterceptor::stopIntercepting() {
 }
 
 bool PrintInterceptor::isIntercepting() { return capture().installed.load(); }
+
+void PrintInterceptor::setQueueFullWait(std::chrono::milliseconds wait) {
+    gRoomWaitMs.store(std::max<std::int64_t>(0, wait.count()));
+}
+
+std::size_t PrintInterceptor::queueCapacity() { return CaptureQueue::kCapacity; }
 
 bool PrintInterceptor::flush(std::chrono::milliseconds timeout) {
     Capture& c = capture();

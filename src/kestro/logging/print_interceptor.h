@@ -62,8 +62,9 @@ struct LogCaptureStats {
 ///
 /// The caller pays for formatting, one console write and one push into a bounded lock-free
 /// queue; a worker is woken only when none is already draining the queue. When the queue is
-/// full the caller waits for room for at most a few milliseconds and then drops the record
-/// (the console line is always written); drops are counted and reported through printI.
+/// full the caller waits for room for at most queueFullWait (100 ms unless set) and then drops
+/// the record (the console line is always written); drops are counted and reported through
+/// printI.
 ///
 /// Records reach the handler in no guaranteed order; the handler must accept being called from
 /// worker threads. All members may be called from any thread; nothing here throws.
@@ -91,6 +92,12 @@ public:
     /// Clears the handler. A handler that is running keeps running to its end.
     static void stopIntercepting();
     static bool isIntercepting();
+
+    /// How long a log call may wait for room when the capture queue is full before it drops
+    /// its record. Zero drops at once.
+    static void setQueueFullWait(std::chrono::milliseconds wait);
+    /// Number of records the capture queue holds.
+    static std::size_t queueCapacity();
 
     /// Waits until every record queued so far has been delivered or dropped.
     static bool flush(std::chrono::milliseconds timeout = std::chrono::seconds(5));
