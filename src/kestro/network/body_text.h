@@ -1,0 +1,26 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "kestro/core/export.h"
+
+namespace kestro {
+
+/// Whether a (lowercased) content type names text: it contains "application/json",
+/// "application/ld+json", "image/svg+xml", "application/xml" or "text/".
+KESTRO_API bool isTextRequest(std::string_view contentType);
+
+/// The body as captured: for a text content type the bytes as UTF-8 text, or
+/// "[non-utf8 text]" when they are not valid UTF-8; otherwise standard base64 without line
+/// breaks. The content type is lowercased here. The whole body is converted.
+KESTRO_API std::string capturedBodyText(std::string_view bytes, std::string_view contentType);
+
+/// Standard base64 (RFC 4648, with padding, no line breaks).
+KESTRO_API std::string base64Encode(std::string_view bytes);
+
+/// Whether bytes are well-formed UTF-8 (no overlongs, no surrogates, nothing above U+10FFFF).
+KESTRO_API bool isValidUTF8(std::string_view bytes);
+
+}  // namespace kestro
