@@ -1,0 +1,41 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+
+#include "kestro/core/time_text.h"
+#include "kestro/core/uuid.h"
+
+namespace kestro {
+
+/// The request half of a capture report: the forwarded copy's URL, method, header fields and
+/// body bytes, and when the interceptor started it.
+struct InterceptedRequest {
+    struct Copy {
+        std::optional<std::string> url;  // absolute text; absent when the request had none
+        std::optional<std::string> method;
+        std::map<std::string, std::string> headers;
+        std::optional<std::string> body;  // bytes
+    };
+    std::optional<Copy> request;
+    std::optional<TimePoint> startedAt;
+};
+
+/// The response half of a capture report.
+struct InterceptedResponse {
+    std::int64_t statusCode = 0;
+    std::map<std::string, std::string> headers;
+    std::string body;  // text, base64 of the bytes, or "[non-utf8 text]"
+    std::optional<TimePoint> receivedAt;
+};
+
+/// One report of the network interceptor: the start of a request (request half only) or its
+/// response (response half only), both under the same identifier.
+struct InterceptedRequestWrapper {
+    std::optional<InterceptedRequest> request;
+    std::optional<InterceptedResponse> response;
+    std::optional<UUID> requestId;
+};
+
+}  // namespace kestro
