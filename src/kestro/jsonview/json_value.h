@@ -124,6 +124,7 @@ class KESTRO_API JSONValue {
     static JSONValue string(std::string_view text,
                             std::optional<std::string_view> wrong = std::nullopt);
     static JSONValue string(std::string&& text);
+    static JSONValue string(const char* text) { return string(std::string_view(text)); }
     static JSONValue number(std::string_view sourceText,
                             std::optional<std::string_view> wrong = std::nullopt);
     static JSONValue boolean(bool value, std::optional<std::string_view> wrong = std::nullopt);
@@ -132,6 +133,7 @@ class KESTRO_API JSONValue {
     static JSONValue object(JSONObject members = {});
     static JSONValue unknown(std::string_view rawText);
     static JSONValue unknown(std::string&& rawText);
+    static JSONValue unknown(const char* rawText) { return unknown(std::string_view(rawText)); }
 
     JSONValue(const JSONValue& other);
     JSONValue(JSONValue&& other) noexcept;
