@@ -1,0 +1,67 @@
+#include "devservice/device_links.h"
+
+namespace kestro::devservice {
+
+void DeviceLinks::attach(const std::string& deviceId, const std::shared_ptr<DeviceLink>& link,
+                         double now) {
+    std::shared_ptr<DeviceLink> replaced;
+    {
+        std::lock_guard lock(mutex_);
+        auto& entry = links_[deviceId];
+        replaced = entry.link.lock();
+        entry = Entry{link, now};
+    }
+    if (replaced && replaced != link) replaced->close(1000, "replaced by a newer connection");
+}
+
+void DeviceLinks::detach(const std::string& deviceId, const DeviceLink* link) {
+    std::lock_guard lock(mutex_);
+    auto it = links_.find(deviceId);
+    if (it == links_.end()) return;
+    auto current = it->second.link.lock();
+    // An expired entry is also dropped: its connection is gone either way.
+    if (!current || current.get() == link) links_.erase(it);
+}
+
+bool DeviceLinks::send(const std::string& deviceId, std::string text) {
+    std::shared_ptr<DeviceLink> link;
+    {
+        std::lock_guard lock(mutex_);
+        auto it = links_.find(deviceId);
+        if (it != links_.end()) link = it->second.link.lock();
+    }
+    if (!link) return false;
+    link->send(std::move(text));
+    return true;
+}
+
+std::optional<double> DeviceLinks::connectedSince(const std::string& deviceId) const {
+    std::lock_guard lock(mutex_);
+    auto it = links_.find(deviceId);
+    if (it == links_.end() || it->second.link.expired()) return std::nullopt;
+    return it->second.since;
+}
+
+std::vector<std::string> DeviceLinks::connectedDevices() const {
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> ids;
+    for (const auto& [id, entry] : links_) {
+        if (!entry.link.expired()) ids.push_back(id);
+    }
+    return ids;
+}
+
+std::size_t DeviceLinks::connectedCount() const { return connectedDevices().size(); }
+
+void DeviceLinks::closeAll(const std::string& reason) {
+    std::vector<std::shared_ptr<DeviceLink>> links;
+    {
+        std::lock_guard lock(mutex_);
+        for (const auto& [id, entry] : links_) {
+            if (auto l = entry.link.lock()) links.push_back(std::move(l));
+        }
+    }
+    for (const auto& l : links) l->close(1001, reason);
+}
+
+}  // namespace kestro::devservice

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kestro::devservice {
+
+/// One open WebSocket connection of a device, as the registry sees it. Implementations queue
+/// what they are given on the connection's own strand, so both calls return at once and may be
+/// made from any thread.
+class DeviceLink {
+  public:
+    virtual ~DeviceLink() = default;
+    /// Queues one text frame.
+    virtual void send(std::string text) = 0;
+    /// Closes the connection with the close code and reason given.
+    virtual void close(std::uint16_t code, std::string reason) = 0;
+};
+
+/// Which device is connected over which link. A device has at most one link: a new
+/// connection replaces the previous one, which is closed with code 1000 and a reason. The registry
+/// holds links weakly; a link lives as long as its connection. Any thread; one mutex guards the map
+/// and is never held while calling into a link.
+class DeviceLinks {
+  public:
+    /// Records `link` as the device's connection and closes the one it replaces, if any.
+    void attach(const std::string& deviceId, const std::shared_ptr<DeviceLink>& link, double now);
+    /// Forgets the device's connection if it is still `link` (a replaced link leaves the newer
+    /// one alone).
+    void detach(const std::string& deviceId, const DeviceLink* link);
+    /// Queues `text` to the device; false when it has no open connection.
+    bool send(const std::string& deviceId, std::string text);
+    /// When the device's current connection opened, or nothing if it has none.
+    std::optional<double> connectedSince(const std::string& deviceId) const;
+    std::vector<std::string> connectedDevices() const;
+    std::size_t connectedCount() const;
+    /// Closes every link with code 1001, going away (service shutdown).
+    void closeAll(const std::string& reason);
+
+  private:
+    struct Entry {
+        std::weak_ptr<DeviceLink> link;
+        double since = 0;
+    };
+    mutable std::mutex mutex_;
+    std::map<std::string, Entry> links_;
+};
+
+}  // namespace kestro::devservice
