@@ -1,0 +1,146 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <typeindex>
+#include <vector>
+
+#include "kestro/core/export.h"
+#include "kestro/network/url_request.h"
+
+namespace kestro {
+
+class URLProtocol;
+
+/// Whether a handler's response may be kept in a cache. The layer keeps no cache; the value is
+/// passed through for handlers that report it.
+enum class URLCacheStoragePolicy : std::uint8_t { allowed = 0, allowedInMemoryOnly = 1, notAllowed = 2 };
+
+/// What a protocol handler reports to: the data task that it loads for. A handler calls
+/// didReceiveResponse (at most once), didLoadData (any number of times), then exactly one of
+/// didFinishLoading or didFailWithError. Calls after the end, or after the task was cancelled,
+/// are ignored.
+///
+/// Thread safety: every member may be called from any thread, but the calls of one handler
+/// must not overlap (make them from one thread or one chain of asynchronous steps).
+class KESTRO_API URLProtocolClient {
+public:
+    virtual ~URLProtocolClient() = default;
+    virtual void didReceiveResponse(URLProtocol& protocol, const HTTPURLResponse& response,
+                                    URLCacheStoragePolicy policy) = 0;
+    virtual void didLoadData(URLProtocol& protocol, std::string_view data) = 0;
+    virtual void didFinishLoading(URLProtocol& protocol) = 0;
+    virtual void didFailWithError(URLProtocol& protocol, const URLError& error) = 0;
+};
+
+/// A handler class, as the registry sees it: the class-level admission test, the class-level
+/// canonical form, and the making of one handler object per admitted request. Use
+/// URLProtocolClass::of<T>() for a URLProtocol subclass T; implement this interface directly
+/// only for handler classes assembled at run time.
+class KESTRO_API URLProtocolClass {
+public:
+    virtual ~URLProtocolClass() = default;
+    /// Whether the class takes over this request. Called on a worker of the global executor;
+    /// must be quick and must not block.
+    virtual bool canInit(const URLRequest& request) const = 0;
+    /// The form of the request that the handler object is made with.
+    virtual URLRequest canonicalRequest(const URLRequest& request) const = 0;
+    virtual std::shared_ptr<URLProtocol> create(const URLRequest& request,
+                                                std::shared_ptr<URLProtocolClient> client) const = 0;
+    /// Identity of the class in the registry: registering an equal identity again replaces it.
+    virtual std::type_index identity() const = 0;
+
+    /// The one class object of a URLProtocol subclass T. T provides
+    ///   static bool canInit(const URLRequest&);
+    ///   T(const URLRequest&, std::shared_ptr<URLProtocolClient>);
+    /// and may hide URLProtocol::canonicalRequest with a static of its own.
+    template <typename T>
+    static std::shared_ptr<const URLProtocolClass> of();
+};
+
+/// The base of protocol handlers: objects that answer a request instead of the network (or
+/// before passing it on). The loading layer makes one handler object per admitted request,
+/// calls startLoading() once and, if the task is cancelled before the handler ended it,
+/// stopLoading() once.
+///
+/// Threads: startLoading() and stopLoading() are called on workers of the global executor and
+/// must return promptly. A handler that waits (for a breakpoint, for its own network load)
+/// does so asynchronously and reports to client() later from whatever thread it is on; it
+/// keeps itself alive meanwhile with shared_from_this().
+///
+/// Ownership: the data task owns its handler object until the task has completed.
+class KESTRO_API URLProtocol : public std::enable_shared_from_this<URLProtocol> {
+public:
+    URLProtocol(URLRequest request, std::shared_ptr<URLProtocolClient> client);
+    virtual ~URLProtocol();
+    URLProtocol(const URLProtocol&) = delete;
+    URLProtocol& operator=(const URLProtocol&) = delete;
+
+    const URLRequest& request() const { return request_; }
+    const std::shared_ptr<URLProtocolClient>& client() const { return client_; }
+
+    virtual void startLoading() = 0;
+    virtual void stopLoading() = 0;
+
+    /// Default canonical form: the request unchanged.
+    static URLRequest canonicalRequest(const URLRequest& request) { return request; }
+
+    // The registry of handler classes that the shared session consults for every new request,
+    // most recently registered first. Any thread; a change applies to requests resumed after
+    // it.
+
+    /// Adds a class (or moves it to the front when its identity is already registered).
+    static void registerClass(std::shared_ptr<const URLProtocolClass> cls);
+    template <typename T>
+    static void registerClass() {
+        registerClass(URLProtocolClass::of<T>());
+    }
+    static void unregisterClass(const URLProtocolClass& cls);
+    template <typename T>
+    static void unregisterClass() {
+        unregisterClass(*URLProtocolClass::of<T>());
+    }
+    /// The registered classes, most recent first (a snapshot).
+    static std::shared_ptr<const std::vector<std::shared_ptr<const URLProtocolClass>>>
+    registeredClasses();
+
+    // The property bag of a request. Properties travel with the request and its copies and are
+    // never sent on the wire.
+
+    static std::optional<URLPropertyValue> property(std::string_view key,
+                                                    const URLRequest& request);
+    static void setProperty(URLPropertyValue value, std::string_view key, URLRequest& request);
+    static void removeProperty(std::string_view key, URLRequest& request);
+
+private:
+    URLRequest request_;
+    std::shared_ptr<URLProtocolClient> client_;
+};
+
+namespace network::internal {
+template <typename T>
+class ProtocolClassOf final : public URLProtocolClass {
+public:
+    bool canInit(const URLRequest& request) const override { return T::canInit(request); }
+    URLRequest canonicalRequest(const URLRequest& request) const override {
+        return T::canonicalRequest(request);
+    }
+    std::shared_ptr<URLProtocol> create(const URLRequest& request,
+                                        std::shared_ptr<URLProtocolClient> client) const override {
+        return std::make_shared<T>(request, std::move(client));
+    }
+    std::type_index identity() const override { return typeid(T); }
+};
+}  // namespace network::internal
+
+template <typename T>
+std::shared_ptr<const URLProtocolClass> URLProtocolClass::of() {
+    static_assert(std::is_base_of_v<URLProtocol, T>, "a handler class derives from URLProtocol");
+    static const std::shared_ptr<const URLProtocolClass> cls =
+        std::make_shared<network::internal::ProtocolClassOf<T>>();
+    return cls;
+}
+
+}  // namespace kestro

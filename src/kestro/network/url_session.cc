@@ -1,0 +1,713 @@
+#include "kestro/network/url_session.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <boost/url/parse.hpp>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <thread>
+#include <unordered_map>
+
+#include "kestro/core/config.h"
+#include "kestro/core/console.h"
+#include "kestro/core/executor.h"
+
+namespace kestro {
+namespace network::internal {
+
+using Clock = std::chrono::steady_clock;
+
+struct SessionState {
+    URLSessionConfiguration configuration;
+    bool consultsRegistry = false;
+    std::string extraCAPEM;  // file and text together; empty when none
+};
+
+enum class TaskState : std::uint8_t { suspended, running, canceling, completed };
+
+// One task. Owned jointly by the user's URLSessionDataTask handle, the loading thread while it
+// transfers, and a handler's client while a handler loads it.
+struct TaskCore : std::enable_shared_from_this<TaskCore> {
+    std::uint64_t id = 0;
+    URLRequest request;
+    std::shared_ptr<const SessionState> session;
+    URLSessionDataTask::CompletionHandler completion;  // touched only by the winner of `done`
+
+    std::atomic<TaskState> state{TaskState::suspended};
+    std::atomic<bool> done{false};      // set once by whoever completes the task
+    std::atomic<bool> onLoop{false};    // handed to the loading thread
+
+    // Handler path. handlerMutex orders startLoading before stopLoading.
+    std::mutex handlerMutex;
+    std::shared_ptr<URLProtocol> handler;
+
+    // Network path: touched only on the loading thread.
+    CURL* easy = nullptr;
+    curl_slist* headerList = nullptr;
+    std::string body;
+    HTTPHeaderFields responseHeaders;
+    std::string statusLineVersion;
+    bool overLimit = false;
+    bool sizeChecked = false;
+    Clock::time_point lastActivity;
+    Clock::duration idleTimeout{};
+    curl_off_t lastUp = 0, lastDown = 0;
+    char errorBuffer[CURL_ERROR_SIZE] = {};
+
+    // Claims the right to complete. True for exactly one caller.
+    bool claim() { return !done.exchange(true, std::memory_order_acq_rel); }
+
+    // Called by the winner of claim(): hands the result to the executor.
+    void deliver(std::optional<std::string> data, std::optional<HTTPURLResponse> response,
+                 std::optional<URLError> error) {
+        state.store(TaskState::completed);
+        auto cb = std::move(completion);
+        completion = nullptr;
+        postTask([cb = std::move(cb), data = std::move(data), response = std::move(response),
+                  error = std::move(error)]() mutable {
+            if (!cb) return;
+            try {
+                cb(std::move(data), std::move(response), std::move(error));
+            } catch (const std::exception& e) {
+                printI(std::string("❌ A request's completion threw: ") + e.what(),
+                       LogLevel::error);
+            } catch (...) {
+                printI("❌ A request's completion threw", LogLevel::error);
+            }
+        });
+    }
+
+    // Lets go of the handler object, which holds our client and so this task. Done on the
+    // executor because the caller may be inside one of the handler's own calls; with `stop`
+    // the handler is told stopLoading() first (it had not ended the load itself). Taking the
+    // handler under handlerMutex orders this after startLoading() has returned.
+    void releaseHandler(bool stop) {
+        postTask([self = shared_from_this(), stop] {
+            std::shared_ptr<URLProtocol> h;
+            {
+                std::lock_guard lock(self->handlerMutex);
+                h = std::move(self->handler);
+            }
+            if (!h || !stop) return;
+            try {
+                h->stopLoading();
+            } catch (...) {
+                printI("❌ A protocol handler's stopLoading threw", LogLevel::error);
+            }
+        });
+    }
+};
+
+// ---------------------------------------------------------------------------------------------
+// The loading thread: one libcurl multi handle for every session of the process. Commands
+// arrive through a mutex-guarded list and curl_multi_wakeup; everything else runs here.
+
+class Loop {
+public:
+    static Loop& instance() {
+        static Loop* loop = new Loop();  // never destroyed: transfers may still run at exit
+        return *loop;
+    }
+
+    void add(std::shared_ptr<TaskCore> core) { push({Command::add, std::move(core)}); }
+    void cancel(std::shared_ptr<TaskCore> core) { push({Command::cancel, std::move(core)}); }
+    std::size_t activeCount() const { return activeCount_.load(); }
+
+private:
+    struct Command {
+        enum Kind { add, cancel } kind;
+        std::shared_ptr<TaskCore> core;
+    };
+
+    Loop() {
+        curl_global_init(CURL_GLOBAL_DEFAULT);
+        multi_ = curl_multi_init();
+        curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
+        curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 4 * kMaxConnectionsPerHost);
+        curl_multi_setopt(multi_, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
+        std::thread([this] { run(); }).detach();
+    }
+
+    void push(Command c) {
+        {
+            std::lock_guard lock(mutex_);
+            commands_.push_back(std::move(c));
+        }
+        curl_multi_wakeup(multi_);
+    }
+
+    void run();
+    void start(const std::shared_ptr<TaskCore>& core);
+    void finish(TaskCore* core, CURLcode result);
+    void drop(TaskCore* core);
+    void checkIdle(Clock::time_point now);
+    CURL* takeEasy();
+    void returnEasy(CURL* easy);
+
+    static size_t onWrite(char* data, size_t size, size_t n, void* user);
+    static size_t onHeader(char* data, size_t size, size_t n, void* user);
+    static int onProgress(void* user, curl_off_t dlTotal, curl_off_t dlNow, curl_off_t ulTotal,
+                          curl_off_t ulNow);
+
+    static constexpr long kMaxConnectionsPerHost = 16;
+    static constexpr std::size_t kSpareEasyHandles = 32;
+    static constexpr auto kIdleScanInterval = std::chrono::milliseconds(5);
+
+    CURLM* multi_ = nullptr;
+    std::mutex mutex_;
+    std::vector<Command> commands_;
+    std::unordered_map<TaskCore*, std::shared_ptr<TaskCore>> active_;
+    std::atomic<std::size_t> activeCount_{0};
+    std::vector<CURL*> spare_;
+    Clock::time_point nextIdleScan_{};
+};
+
+URLError errorFor(CURLcode code, const TaskCore& core) {
+    if (core.overLimit) {
+        return URLError::make(URLErrorCode::dataLengthExceedsMaximum,
+                              "limit " +
+                                  std::to_string(core.session->configuration.maximumResponseBodySize) +
+                                  " bytes");
+    }
+    const std::string detail =
+        core.errorBuffer[0] ? std::string(core.errorBuffer) : std::string(curl_easy_strerror(code));
+    switch (code) {
+        case CURLE_OPERATION_TIMEDOUT: return URLError::make(URLErrorCode::timedOut, detail);
+        case CURLE_COULDNT_CONNECT: return URLError::make(URLErrorCode::cannotConnectToHost, detail);
+        case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_RESOLVE_PROXY:
+            return URLError::make(URLErrorCode::cannotFindHost, detail);
+        case CURLE_URL_MALFORMAT: return URLError::make(URLErrorCode::badURL, detail);
+        case CURLE_TOO_MANY_REDIRECTS:
+            return URLError::make(URLErrorCode::httpTooManyRedirects, detail);
+        case CURLE_BAD_CONTENT_ENCODING:
+            return URLError::make(URLErrorCode::cannotDecodeContentData, detail);
+        case CURLE_PEER_FAILED_VERIFICATION:
+            return URLError::make(URLErrorCode::serverCertificateUntrusted, detail);
+        case CURLE_SSL_CONNECT_ERROR:
+        case CURLE_SSL_CERTPROBLEM:
+        case CURLE_SSL_CIPHER:
+        case CURLE_SSL_CACERT_BADFILE:
+        case CURLE_SSL_ISSUER_ERROR:
+            return URLError::make(URLErrorCode::secureConnectionFailed, detail);
+        // The scheme was checked before the transfer began, so an unsupported protocol here
+        // means the server answered with something that is not HTTP (HTTP/0.9 or garbage).
+        case CURLE_UNSUPPORTED_PROTOCOL:
+        case CURLE_WEIRD_SERVER_REPLY:
+        case CURLE_HTTP2:
+        case CURLE_HTTP2_STREAM:
+            return URLError::make(URLErrorCode::badServerResponse, detail);
+        case CURLE_GOT_NOTHING:
+        case CURLE_PARTIAL_FILE:
+        case CURLE_RECV_ERROR:
+        case CURLE_SEND_ERROR:
+            return URLError::make(URLErrorCode::networkConnectionLost, detail);
+        default: return URLError::make(URLErrorCode::unknown, detail);
+    }
+}
+
+std::string versionText(long v) {
+    switch (v) {
+        case CURL_HTTP_VERSION_1_0: return "HTTP/1.0";
+        case CURL_HTTP_VERSION_1_1: return "HTTP/1.1";
+        case CURL_HTTP_VERSION_2_0: return "HTTP/2";
+        case CURL_HTTP_VERSION_3: return "HTTP/3";
+        default: return "HTTP/1.1";
+    }
+}
+
+size_t Loop::onWrite(char* data, size_t size, size_t n, void* user) {
+    auto* core = static_cast<TaskCore*>(user);
+    const size_t bytes = size * n;
+    const std::uint64_t max = core->session->configuration.maximumResponseBodySize;
+    if (!core->sizeChecked) {
+        // First bytes of the final response: a declared length past the limit fails at once,
+        // one within it is reserved in one piece (a 100 MB body then costs no regrowth).
+        core->sizeChecked = true;
+        curl_off_t declared = -1;
+        curl_easy_getinfo(core->easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &declared);
+        if (declared > 0 && static_cast<std::uint64_t>(declared) > max) {
+            core->overLimit = true;
+            return CURL_WRITEFUNC_ERROR;
+        }
+        if (declared > 0) core->body.reserve(static_cast<size_t>(declared));
+    }
+    if (core->body.size() + bytes > max) {
+        core->overLimit = true;
+        return CURL_WRITEFUNC_ERROR;
+    }
+    core->body.append(data, bytes);
+    core->lastActivity = Clock::now();
+    return bytes;
+}
+
+size_t Loop::onHeader(char* data, size_t size, size_t n, void* user) {
+    auto* core = static_cast<TaskCore*>(user);
+    const size_t bytes = size * n;
+    core->lastActivity = Clock::now();
+    std::string_view line(data, bytes);
+    while (!line.empty() && (line.back() == '\r' || line.back() == '\n')) line.remove_suffix(1);
+    if (line.starts_with("HTTP/")) {
+        // A new response head (after a 1xx or a followed redirect) replaces the previous one.
+        core->responseHeaders.clear();
+        core->body.clear();
+        core->sizeChecked = false;
+        return bytes;
+    }
+    const auto colon = line.find(':');
+    if (colon == std::string_view::npos || colon == 0) return bytes;
+    std::string name = canonicalHeaderName(line.substr(0, colon));
+    std::string_view value = line.substr(colon + 1);
+    while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.remove_prefix(1);
+    while (!value.empty() && (value.back() == ' ' || value.back() == '\t')) value.remove_suffix(1);
+    auto it = core->responseHeaders.find(name);
+    if (it == core->responseHeaders.end()) {
+        core->responseHeaders.emplace(std::move(name), std::string(value));
+    } else {
+        it->second.append(", ").append(value);
+    }
+    return bytes;
+}
+
+int Loop::onProgress(void* user, curl_off_t, curl_off_t dlNow, curl_off_t, curl_off_t ulNow) {
+    // Sending the body counts as activity for the idle time-out too.
+    auto* core = static_cast<TaskCore*>(user);
+    if (dlNow != core->lastDown || ulNow != core->lastUp) {
+        core->lastDown = dlNow;
+        core->lastUp = ulNow;
+        core->lastActivity = Clock::now();
+    }
+    return 0;
+}
+
+CURL* Loop::takeEasy() {
+    if (spare_.empty()) return curl_easy_init();
+    CURL* e = spare_.back();
+    spare_.pop_back();
+    curl_easy_reset(e);
+    return e;
+}
+
+void Loop::returnEasy(CURL* easy) {
+    if (spare_.size() < kSpareEasyHandles) {
+        spare_.push_back(easy);
+    } else {
+        curl_easy_cleanup(easy);
+    }
+}
+
+void Loop::start(const std::shared_ptr<TaskCore>& core) {
+    if (core->done.load()) return;  // cancelled before it reached us
+    const URLSessionConfiguration& cfg = core->session->configuration;
+    const URLRequest& rq = core->request;
+    CURL* e = takeEasy();
+    if (!e) {
+        if (core->claim()) core->deliver({}, {}, URLError::make(URLErrorCode::unknown, "no handle"));
+        return;
+    }
+    core->easy = e;
+    const auto idle = rq.timeoutInterval.value_or(cfg.timeoutIntervalForRequest);
+    core->idleTimeout = std::max<Clock::duration>(idle, std::chrono::milliseconds(1));
+    core->lastActivity = Clock::now();
+    nextIdleScan_ = std::min(nextIdleScan_, core->lastActivity + core->idleTimeout);
+
+    curl_easy_setopt(e, CURLOPT_URL, rq.url->c_str());
+    curl_easy_setopt(e, CURLOPT_PRIVATE, core.get());
+    curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(e, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(e, CURLOPT_MAXREDIRS, static_cast<long>(cfg.maximumRedirects));
+    curl_easy_setopt(e, CURLOPT_AUTOREFERER, 1L);
+    curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
+    curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &Loop::onWrite);
+    curl_easy_setopt(e, CURLOPT_WRITEDATA, core.get());
+    curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &Loop::onHeader);
+    curl_easy_setopt(e, CURLOPT_HEADERDATA, core.get());
+    curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, &Loop::onProgress);
+    curl_easy_setopt(e, CURLOPT_XFERINFODATA, core.get());
+    curl_easy_setopt(e, CURLOPT_ERRORBUFFER, core->errorBuffer);
+    curl_easy_setopt(e, CURLOPT_TIMEOUT_MS,
+                     static_cast<long>(std::max<std::int64_t>(cfg.timeoutIntervalForResource.count(), 1)));
+    curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS,
+                     static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                           core->idleTimeout)
+                                           .count()));
+    curl_easy_setopt(e, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+    curl_easy_setopt(e, CURLOPT_USERAGENT, (std::string("kestro/") + SDK_VERSION).c_str());
+    if (!core->session->extraCAPEM.empty()) {
+        curl_blob blob{const_cast<char*>(core->session->extraCAPEM.data()),
+                       core->session->extraCAPEM.size(), CURL_BLOB_NOCOPY};
+        curl_easy_setopt(e, CURLOPT_CAINFO_BLOB, &blob);
+    }
+
+    const std::string method = rq.method();
+    if (method == "GET" && !rq.httpBody) {
+        curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);
+    } else if (method == "HEAD") {
+        curl_easy_setopt(e, CURLOPT_NOBODY, 1L);
+    } else {
+        // POST is not set as a custom method, so that redirects turn it into GET.
+        if (method != "POST") curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, method.c_str());
+        const char* data = rq.httpBody ? rq.httpBody->data() : "";
+        const auto size = static_cast<curl_off_t>(rq.httpBody ? rq.httpBody->size() : 0);
+        curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, size);
+        curl_easy_setopt(e, CURLOPT_POSTFIELDS, data);
+    }
+
+    auto appendHeader = [&](const std::string& name, const std::string& value) {
+        // "Name;" is libcurl's way of sending a field with an empty value.
+        std::string line = value.empty() ? name + ";" : name + ": " + value;
+        if (curl_slist* next = curl_slist_append(core->headerList, line.c_str())) {
+            core->headerList = next;
+        }
+    };
+    for (const auto& [name, value] : rq.allHTTPHeaderFields) appendHeader(name, value);
+    for (const auto& [name, value] : cfg.httpAdditionalHeaders) {
+        if (!rq.allHTTPHeaderFields.count(name)) appendHeader(name, value);
+    }
+    // No "Expect: 100-continue" round trip before large bodies.
+    if (!rq.allHTTPHeaderFields.count(std::string_view("Expect"))) {
+        if (curl_slist* next = curl_slist_append(core->headerList, "Expect:")) core->headerList = next;
+    }
+    curl_easy_setopt(e, CURLOPT_HTTPHEADER, core->headerList);
+
+    if (curl_multi_add_handle(multi_, e) != CURLM_OK) {
+        curl_slist_free_all(core->headerList);
+        core->headerList = nullptr;
+        core->easy = nullptr;
+        returnEasy(e);
+        if (core->claim()) core->deliver({}, {}, URLError::make(URLErrorCode::unknown, "add"));
+        return;
+    }
+    active_.emplace(core.get(), core);
+    activeCount_.store(active_.size());
+}
+
+void Loop::drop(TaskCore* core) {
+    auto it = active_.find(core);
+    if (it == active_.end()) return;
+    std::shared_ptr<TaskCore> keep = std::move(it->second);
+    active_.erase(it);
+    activeCount_.store(active_.size());
+    curl_multi_remove_handle(multi_, core->easy);
+    returnEasy(core->easy);
+    core->easy = nullptr;
+    curl_slist_free_all(core->headerList);
+    core->headerList = nullptr;
+}
+
+void Loop::finish(TaskCore* core, CURLcode result) {
+    std::optional<HTTPURLResponse> response;
+    long status = 0;
+    curl_easy_getinfo(core->easy, CURLINFO_RESPONSE_CODE, &status);
+    if (status > 0) {
+        long version = 0;
+        char* url = nullptr;
+        curl_easy_getinfo(core->easy, CURLINFO_HTTP_VERSION, &version);
+        curl_easy_getinfo(core->easy, CURLINFO_EFFECTIVE_URL, &url);
+        response = HTTPURLResponse(url ? url : core->request.url.value_or(""), status,
+                                   versionText(version), std::move(core->responseHeaders));
+    }
+    std::optional<URLError> error;
+    if (result != CURLE_OK) error = errorFor(result, *core);
+    std::shared_ptr<TaskCore> keep = core->shared_from_this();
+    std::string body = std::move(core->body);
+    drop(core);
+    if (!keep->claim()) return;  // cancelled meanwhile: the cancellation already completed it
+    if (error) {
+        keep->deliver(std::nullopt, std::move(response), std::move(error));
+    } else {
+        keep->deliver(std::move(body), std::move(response), std::nullopt);
+    }
+}
+
+void Loop::checkIdle(Clock::time_point now) {
+    if (now < nextIdleScan_) return;
+    // Activity only moves deadlines later, so the earliest deadline seen now is the next time
+    // a scan can find anything (new transfers pull it earlier in start()).
+    std::vector<TaskCore*> expired;
+    Clock::time_point earliest = now + std::chrono::seconds(1);
+    for (auto& [core, _] : active_) {
+        const auto deadline = core->lastActivity + core->idleTimeout;
+        if (now > deadline) {
+            expired.push_back(core);
+        } else {
+            earliest = std::min(earliest, deadline);
+        }
+    }
+    nextIdleScan_ = std::max(earliest, now + kIdleScanInterval);
+    for (TaskCore* core : expired) {
+        std::shared_ptr<TaskCore> keep = core->shared_from_this();
+        drop(core);
+        if (keep->claim()) {
+            const auto ms =
+                std::chrono::duration_cast<std::chrono::milliseconds>(keep->idleTimeout).count();
+            keep->deliver(std::nullopt, std::nullopt,
+                          URLError::make(URLErrorCode::timedOut,
+                                         "no data for " + std::to_string(ms) + " ms"));
+        }
+    }
+}
+
+void Loop::run() {
+    std::vector<Command> batch;
+    for (;;) {
+        {
+            std::lock_guard lock(mutex_);
+            batch.swap(commands_);
+        }
+        for (auto& c : batch) {
+            if (c.kind == Command::add) {
+                start(c.core);
+            } else {
+                drop(c.core.get());  // already completed by cancel()
+            }
+        }
+        batch.clear();
+
+        int running = 0;
+        curl_multi_perform(multi_, &running);
+        int left = 0;
+        while (CURLMsg* msg = curl_multi_info_read(multi_, &left)) {
+            if (msg->msg != CURLMSG_DONE) continue;
+            void* priv = nullptr;
+            curl_easy_getinfo(msg->easy_handle, CURLINFO_PRIVATE, &priv);
+            finish(static_cast<TaskCore*>(priv), msg->data.result);
+        }
+        const auto now = Clock::now();
+        checkIdle(now);
+
+        // curl_multi_poll also wakes for libcurl's own timers and for curl_multi_wakeup.
+        const auto untilScan =
+            std::chrono::duration_cast<std::chrono::milliseconds>(nextIdleScan_ - now).count() + 1;
+        const int waitMs = static_cast<int>(std::clamp<std::int64_t>(untilScan, 1, 1000));
+        curl_multi_poll(multi_, nullptr, 0, waitMs, nullptr);
+    }
+}
+
+std::string readCAFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        printI("❌ Could not read the trusted certificate file " + path, LogLevel::error);
+        return {};
+    }
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+std::shared_ptr<const SessionState> makeState(URLSessionConfiguration cfg, bool registry) {
+    auto s = std::make_shared<SessionState>();
+    if (cfg.additionalTrustedCAFile) s->extraCAPEM = readCAFile(*cfg.additionalTrustedCAFile);
+    if (cfg.additionalTrustedCAPEM) {
+        if (!s->extraCAPEM.empty() && s->extraCAPEM.back() != '\n') s->extraCAPEM += '\n';
+        s->extraCAPEM += *cfg.additionalTrustedCAPEM;
+    }
+    s->configuration = std::move(cfg);
+    s->consultsRegistry = registry;
+    return s;
+}
+
+// The client a handler reports to: gathers the response and the bytes, and completes the task
+// at the end.
+class TaskClient final : public URLProtocolClient {
+public:
+    explicit TaskClient(std::shared_ptr<TaskCore> core) : core_(std::move(core)) {}
+
+    void didReceiveResponse(URLProtocol&, const HTTPURLResponse& response,
+                            URLCacheStoragePolicy) override {
+        std::lock_guard lock(mutex_);
+        if (core_->done.load()) return;
+        response_ = response;
+    }
+    void didLoadData(URLProtocol&, std::string_view data) override {
+        bool over = false;
+        {
+            std::lock_guard lock(mutex_);
+            if (core_->done.load()) return;
+            const auto max = core_->session->configuration.maximumResponseBodySize;
+            if (data_.size() + data.size() > max) {
+                over = true;
+            } else {
+                data_.append(data);
+            }
+        }
+        if (over && core_->claim()) {
+            core_->deliver(std::nullopt, takeResponse(),
+                           URLError::make(URLErrorCode::dataLengthExceedsMaximum));
+            core_->releaseHandler(true);
+        }
+    }
+    void didFinishLoading(URLProtocol&) override {
+        if (!core_->claim()) return;
+        std::string data;
+        {
+            std::lock_guard lock(mutex_);
+            data = std::move(data_);
+        }
+        core_->deliver(std::move(data), takeResponse(), std::nullopt);
+        core_->releaseHandler(false);
+    }
+    void didFailWithError(URLProtocol&, const URLError& error) override {
+        if (!core_->claim()) return;
+        core_->deliver(std::nullopt, takeResponse(), error);
+        core_->releaseHandler(false);
+    }
+
+private:
+    std::optional<HTTPURLResponse> takeResponse() {
+        std::lock_guard lock(mutex_);
+        return std::move(response_);
+    }
+    std::shared_ptr<TaskCore> core_;
+    std::mutex mutex_;
+    std::optional<HTTPURLResponse> response_;
+    std::string data_;
+};
+
+// Runs on the executor: offers the request to the session's handler classes, and starts the
+// first that admits it, or hands the request to the loading thread.
+void startWithHandlers(const std::shared_ptr<TaskCore>& core,
+                       const std::vector<std::shared_ptr<const URLProtocolClass>>& classes) {
+    if (core->done.load()) return;
+    for (const auto& cls : classes) {
+        bool admitted = false;
+        try {
+            admitted = cls->canInit(core->request);
+        } catch (...) {
+            printI("❌ A protocol handler's admission test threw", LogLevel::error);
+        }
+        if (!admitted) continue;
+        try {
+            URLRequest canonical = cls->canonicalRequest(core->request);
+            auto client = std::make_shared<TaskClient>(core);
+            std::shared_ptr<URLProtocol> handler = cls->create(canonical, std::move(client));
+            if (!handler) continue;
+            std::lock_guard lock(core->handlerMutex);
+            if (core->done.load()) return;
+            core->handler = handler;
+            handler->startLoading();
+        } catch (const std::exception& e) {
+            printI(std::string("❌ A protocol handler failed to start: ") + e.what(),
+                   LogLevel::error);
+            if (core->claim()) {
+                core->deliver(std::nullopt, std::nullopt,
+                              URLError::make(URLErrorCode::unknown, e.what()));
+            }
+        }
+        return;
+    }
+    core->onLoop.store(true);
+    Loop::instance().add(core);
+}
+
+std::atomic<std::uint64_t> gNextTaskId{1};
+
+}  // namespace network::internal
+
+using network::internal::TaskCore;
+using network::internal::TaskState;
+
+URLSessionDataTask::URLSessionDataTask(std::shared_ptr<TaskCore> core) : core_(std::move(core)) {}
+URLSessionDataTask::~URLSessionDataTask() = default;
+
+void URLSessionDataTask::resume() {
+    TaskState expected = TaskState::suspended;
+    if (!core_->state.compare_exchange_strong(expected, TaskState::running)) return;
+    const auto& rq = core_->request;
+
+    // Only absolute http(s) URLs reach a handler or the network.
+    std::optional<URLError> bad;
+    if (!rq.url) {
+        bad = URLError::make(URLErrorCode::badURL, "the request has no URL");
+    } else {
+        auto parsed = boost::urls::parse_absolute_uri(*rq.url);
+        if (!parsed || !parsed->has_authority() || parsed->host().empty()) {
+            bad = URLError::make(URLErrorCode::badURL, *rq.url);
+        } else if (parsed->scheme_id() != boost::urls::scheme::http &&
+                   parsed->scheme_id() != boost::urls::scheme::https) {
+            bad = URLError::make(URLErrorCode::unsupportedURL, *rq.url);
+        }
+    }
+    if (bad) {
+        if (core_->claim()) core_->deliver(std::nullopt, std::nullopt, std::move(bad));
+        return;
+    }
+
+    std::shared_ptr<const std::vector<std::shared_ptr<const URLProtocolClass>>> classes;
+    if (core_->session->consultsRegistry) {
+        classes = URLProtocol::registeredClasses();
+    } else if (!core_->session->configuration.protocolClasses.empty()) {
+        classes = std::shared_ptr<const std::vector<std::shared_ptr<const URLProtocolClass>>>(
+            core_->session, &core_->session->configuration.protocolClasses);
+    }
+    if (!classes || classes->empty()) {
+        // No handler to consult: straight to the loading thread, no executor hop.
+        core_->onLoop.store(true);
+        network::internal::Loop::instance().add(core_);
+        return;
+    }
+    postTask([core = core_, classes = std::move(classes)] {
+        network::internal::startWithHandlers(core, *classes);
+    });
+}
+
+void URLSessionDataTask::cancel() {
+    if (!core_->claim()) return;
+    core_->state.store(TaskState::canceling);
+    core_->deliver(std::nullopt, std::nullopt, URLError::make(URLErrorCode::cancelled));
+    if (core_->onLoop.load()) {
+        network::internal::Loop::instance().cancel(core_);
+    } else {
+        core_->releaseHandler(true);
+    }
+}
+
+URLSessionDataTask::State URLSessionDataTask::state() const {
+    return static_cast<State>(core_->state.load());
+}
+
+std::uint64_t URLSessionDataTask::taskIdentifier() const { return core_->id; }
+
+const URLRequest& URLSessionDataTask::originalRequest() const { return core_->request; }
+
+URLSession& URLSession::shared() {
+    static URLSession* s = new URLSession(SharedTag{});  // lives for the whole process
+    return *s;
+}
+
+URLSession::URLSession(URLSessionConfiguration configuration)
+    : state_(network::internal::makeState(std::move(configuration), false)) {}
+
+URLSession::URLSession(SharedTag)
+    : state_(network::internal::makeState(URLSessionConfiguration::defaultSessionConfiguration(),
+                                          true)) {}
+
+URLSession::~URLSession() = default;
+
+const URLSessionConfiguration& URLSession::configuration() const { return state_->configuration; }
+
+std::shared_ptr<URLSessionDataTask> URLSession::dataTask(URLRequest request,
+                                                         CompletionHandler completion) {
+    auto core = std::make_shared<TaskCore>();
+    core->id = network::internal::gNextTaskId.fetch_add(1);
+    core->request = std::move(request);
+    core->session = state_;
+    core->completion = std::move(completion);
+    return std::shared_ptr<URLSessionDataTask>(new URLSessionDataTask(std::move(core)));
+}
+
+std::shared_ptr<URLSessionDataTask> URLSession::dataTask(std::string url,
+                                                         CompletionHandler completion) {
+    return dataTask(URLRequest(std::move(url)), std::move(completion));
+}
+
+std::size_t URLSession::activeTransferCount() {
+    return network::internal::Loop::instance().activeCount();
+}
+
+}  // namespace kestro

@@ -1,0 +1,129 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kestro/core/export.h"
+#include "kestro/network/url_protocol.h"
+#include "kestro/network/url_request.h"
+
+namespace kestro {
+
+namespace network::internal {
+struct TaskCore;
+struct SessionState;
+}  // namespace network::internal
+
+/// How a session loads. A plain value, copied into the session when it is made.
+struct KESTRO_API URLSessionConfiguration {
+    static URLSessionConfiguration defaultSessionConfiguration() { return {}; }
+
+    /// Longest wait for the next byte of a transfer (connecting included), for requests that
+    /// carry no timeoutInterval of their own.
+    std::chrono::milliseconds timeoutIntervalForRequest{std::chrono::seconds(60)};
+    /// Longest time a whole transfer may take.
+    std::chrono::milliseconds timeoutIntervalForResource{std::chrono::hours(24 * 7)};
+    /// Handler classes this session consults for each request, first match wins. Empty: no
+    /// handler is consulted and every request goes to the network.
+    std::vector<std::shared_ptr<const URLProtocolClass>> protocolClasses;
+    /// Largest response body a task accepts (after content decoding). A longer body fails the
+    /// task with URLErrorCode::dataLengthExceedsMaximum as soon as the limit is passed (at once
+    /// when a declared Content-Length is already larger), so no response can exhaust memory.
+    std::uint64_t maximumResponseBodySize = 512ull * 1024 * 1024;
+    /// Redirects followed before a task fails with httpTooManyRedirects. POST becomes GET on
+    /// 301, 302 and 303, as browsers do.
+    int maximumRedirects = 20;
+    /// Header fields added to every request that does not set them itself.
+    HTTPHeaderFields httpAdditionalHeaders;
+    /// Extra certificate authorities to trust for HTTPS, besides the system's trust store: a
+    /// PEM file, and/or PEM text. A file that cannot be read gives a console line and is
+    /// ignored.
+    std::optional<std::string> additionalTrustedCAFile;
+    std::optional<std::string> additionalTrustedCAPEM;
+};
+
+/// One load of one request. Made suspended by URLSession::dataTask; resume() starts it.
+/// The completion runs exactly once: with the body bytes and the response on success, or with
+/// an error (and the response head, when one had arrived) on failure. A cancelled task
+/// completes with URLErrorCode::cancelled.
+///
+/// Threads: every member may be called from any thread and returns at once. The completion
+/// runs on a worker of the global executor, never on the caller of resume() and never on the
+/// loading thread, so it may start other requests or wait without stalling other transfers.
+///
+/// Ownership: a running task keeps itself alive until it has completed; the caller may drop
+/// its handle right after resume().
+class KESTRO_API URLSessionDataTask {
+public:
+    enum class State : std::uint8_t { suspended, running, canceling, completed };
+    using CompletionHandler = std::function<void(std::optional<std::string> data,
+                                                 std::optional<HTTPURLResponse> response,
+                                                 std::optional<URLError> error)>;
+
+    ~URLSessionDataTask();
+    URLSessionDataTask(const URLSessionDataTask&) = delete;
+    URLSessionDataTask& operator=(const URLSessionDataTask&) = delete;
+
+    /// Starts the task. A second call does nothing.
+    void resume();
+    /// Ends the task with URLErrorCode::cancelled, unless it has already completed. A
+    /// transfer in progress is dropped; a protocol handler loading the request is told
+    /// stopLoading().
+    void cancel();
+
+    State state() const;
+    std::uint64_t taskIdentifier() const;
+    const URLRequest& originalRequest() const;
+
+private:
+    friend class URLSession;
+    explicit URLSessionDataTask(std::shared_ptr<network::internal::TaskCore> core);
+    std::shared_ptr<network::internal::TaskCore> core_;
+};
+
+/// A source of data tasks with one configuration.
+///
+/// Every session's transfers run on one shared loading thread (libcurl's multi interface):
+/// connections are kept alive and reused between transfers, HTTP/2 is used where the server
+/// offers it over TLS, HTTPS is verified against the system's trust store, and gzip / brotli
+/// bodies are decoded. The shared session consults the handler classes registered with
+/// URLProtocol::registerClass; a session made from a configuration consults only the classes
+/// listed in it.
+///
+/// A session is cheap to make and may be destroyed while its tasks run: they still complete.
+/// Thread safety: every member may be called from any thread.
+class KESTRO_API URLSession {
+public:
+    using CompletionHandler = URLSessionDataTask::CompletionHandler;
+
+    /// The process-wide session; lives for the whole process.
+    static URLSession& shared();
+
+    explicit URLSession(URLSessionConfiguration configuration =
+                            URLSessionConfiguration::defaultSessionConfiguration());
+    ~URLSession();
+    URLSession(const URLSession&) = delete;
+    URLSession& operator=(const URLSession&) = delete;
+
+    const URLSessionConfiguration& configuration() const;
+
+    /// A suspended task for the request; call resume() on it.
+    std::shared_ptr<URLSessionDataTask> dataTask(URLRequest request, CompletionHandler completion);
+    std::shared_ptr<URLSessionDataTask> dataTask(std::string url, CompletionHandler completion);
+
+    /// Transfers currently held by the loading thread, for all sessions (diagnostics, tests).
+    static std::size_t activeTransferCount();
+
+private:
+    struct SharedTag {};
+    URLSession(SharedTag);
+    std::shared_ptr<const network::internal::SessionState> state_;
+};
+
+}  // namespace kestro

@@ -1,0 +1,420 @@
+#include "kestro/network/url_session.h"
+
+#include <gtest/gtest.h>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+#include "kestro/network/http.h"
+#include "network/url_test_util.h"
+#include "support/http_server.h"
+
+namespace kestro {
+namespace {
+
+using test::HttpReply;
+using test::HttpServer;
+using test::load;
+using test::Outcome;
+
+URLSession& session() {
+    static URLSession s;
+    return s;
+}
+
+TEST(URLSessionTest, GetAndPostRoundTrips) {
+    HttpServer server([](const test::ReceivedRequest& r) {
+        if (r.method == "GET") {
+            HttpReply reply = HttpReply::text(200, "hello " + r.target);
+            reply.headers.emplace_back("X-Answer", "42");
+            return reply;
+        }
+        // Echo method and body back.
+        return HttpReply::text(201, r.method + ":" + r.body, "application/octet-stream");
+    });
+
+    URLRequest get(server.url("/greet?who=me"));
+    get.setValue("7", "x-request-id");
+    const std::thread::id caller = std::this_thread::get_id();
+    Outcome o = load(session(), get);
+    ASSERT_FALSE(o.error) << o.error->localizedDescription();
+    ASSERT_TRUE(o.response && o.data);
+    EXPECT_EQ(*o.data, "hello /greet?who=me");
+    EXPECT_EQ(o.response->statusCode, 200);
+    EXPECT_EQ(o.response->httpVersion, "HTTP/1.1");
+    EXPECT_EQ(o.response->url, server.url("/greet?who=me"));
+    EXPECT_EQ(o.response->value("x-answer"), "42");
+    EXPECT_NE(o.thread, caller);
+
+    const std::string binary("a\0b\xff\r\n", 6);
+    for (const char* method : {"POST", "PUT", "PATCH", "DELETE"}) {
+        URLRequest r(server.url("/echo"));
+        r.httpMethod = method;
+        r.httpBody = binary;
+        o = load(session(), r);
+        ASSERT_FALSE(o.error) << method;
+        EXPECT_EQ(o.response->statusCode, 201);
+        EXPECT_EQ(*o.data, std::string(method) + ":" + binary) << method;
+    }
+    // A POST without body is sent with an empty one.
+    URLRequest empty(server.url("/echo"));
+    empty.httpMethod = "POST";
+    o = load(session(), empty);
+    EXPECT_EQ(o.data, "POST:");
+
+    const auto received = server.requests();
+    ASSERT_EQ(received.size(), 6u);
+    EXPECT_EQ(received[0].method, "GET");
+    EXPECT_EQ(received[0].target, "/greet?who=me");
+    EXPECT_EQ(received[0].header("X-Request-Id"), "7");
+    EXPECT_TRUE(received[0].header("User-Agent").value_or("").starts_with("kestro/"));
+    EXPECT_FALSE(received[1].header("Expect").has_value());
+    EXPECT_EQ(received[5].header("Content-Length"), "0");
+}
+
+TEST(URLSessionTest, ResponseHeadersAreCanonicalAndRepeatedFieldsJoined) {
+    EXPECT_EQ(canonicalHeaderName("content-TYPE"), "Content-Type");
+    EXPECT_EQ(canonicalHeaderName("x-a-b"), "X-A-B");
+    EXPECT_EQ(canonicalHeaderName("ETAG"), "Etag");
+    EXPECT_EQ(canonicalHeaderName(""), "");
+
+    HttpServer server([](const test::ReceivedRequest&) {
+        HttpReply reply;
+        reply.headers = {{"content-type", "application/json"},
+                         {"x-weird-HEADER", "v"},
+                         {"set-cookie", "a=1"},
+                         {"Set-Cookie", "b=2"}};
+        reply.body = "{}";
+        return reply;
+    });
+    Outcome o = load(session(), server.url());
+    ASSERT_TRUE(o.response);
+    const auto& h = o.response->allHeaderFields;
+    std::vector<std::string> names;
+    for (const auto& [name, value] : h) names.push_back(name);
+    EXPECT_NE(std::find(names.begin(), names.end(), "Content-Type"), names.end());
+    EXPECT_NE(std::find(names.begin(), names.end(), "X-Weird-Header"), names.end());
+    EXPECT_EQ(o.response->value("SET-COOKIE"), "a=1, b=2");
+    EXPECT_EQ(o.response->expectedContentLength(), 2);
+}
+
+TEST(URLSessionTest, SequentialRequestsReuseOneConnection) {
+    HttpServer server;
+    for (int i = 0; i < 5; ++i) {
+        Outcome o = load(session(), server.url("/n" + std::to_string(i)));
+        ASSERT_FALSE(o.error);
+    }
+    EXPECT_EQ(server.connectionCount(), 1u);
+    for (const auto& r : server.requests()) EXPECT_EQ(r.connection, 1u);
+
+    // An answer that closes the connection makes the next request open a new one.
+    server.setHandler([](const test::ReceivedRequest&) {
+        HttpReply r;
+        r.closeConnection = true;
+        return r;
+    });
+    ASSERT_FALSE(load(session(), server.url("/close")).error);
+    ASSERT_FALSE(load(session(), server.url("/after")).error);
+    EXPECT_EQ(server.connectionCount(), 2u);
+}
+
+TEST(URLSessionTest, HttpsIsVerifiedAgainstTheSystemStoreAndTheConfiguredAuthority) {
+    HttpServer server([](const test::ReceivedRequest& r) { return HttpReply::text(200, r.target); },
+                      HttpServer::Scheme::https);
+
+    // Without the test authority the certificate is not trusted.
+    Outcome untrusted = load(session(), server.url("/x"));
+    ASSERT_TRUE(untrusted.error);
+    EXPECT_TRUE(untrusted.error->is(URLErrorCode::serverCertificateUntrusted) ||
+                untrusted.error->is(URLErrorCode::secureConnectionFailed))
+        << untrusted.error->localizedDescription();
+
+    URLSessionConfiguration pemConfig;
+    pemConfig.additionalTrustedCAPEM = server.certificatePem();
+    URLSession pemSession(pemConfig);
+    for (const std::string& url : {server.url("/ip"), server.localhostUrl("/name")}) {
+        Outcome o = load(pemSession, url);
+        ASSERT_FALSE(o.error) << url << ": " << o.error->localizedDescription();
+        EXPECT_EQ(o.response->statusCode, 200);
+    }
+
+    const auto file = std::filesystem::temp_directory_path() /
+                      ("kestro-ca-" + std::to_string(server.port()) + ".pem");
+    std::ofstream(file) << server.certificatePem();
+    URLSessionConfiguration fileConfig;
+    fileConfig.additionalTrustedCAFile = file.string();
+    URLSession fileSession(fileConfig);
+    Outcome viaFile = load(fileSession, server.url("/file"));
+    std::filesystem::remove(file);
+    ASSERT_FALSE(viaFile.error) << viaFile.error->localizedDescription();
+    EXPECT_EQ(viaFile.data, "/file");
+    for (const auto& r : server.requests()) EXPECT_TRUE(r.tls);
+}
+
+TEST(URLSessionTest, CompressedAndChunkedBodiesAreDecoded) {
+    std::string text;
+    for (int i = 0; i < 2000; ++i) text += "line " + std::to_string(i) + "\n";
+    HttpServer server([&](const test::ReceivedRequest& r) {
+        HttpReply reply = HttpReply::text(200, text);
+        reply.gzip = r.target != "/chunked";
+        reply.chunked = r.target != "/gzip";
+        return reply;
+    });
+    for (const char* path : {"/gzip", "/chunked", "/both"}) {
+        Outcome o = load(session(), server.url(path));
+        ASSERT_FALSE(o.error) << path;
+        EXPECT_EQ(o.data, text) << path;
+    }
+    const auto accept = server.requests()[0].header("Accept-Encoding").value_or("");
+    EXPECT_NE(accept.find("gzip"), std::string::npos);
+    EXPECT_NE(accept.find("br"), std::string::npos);
+}
+
+TEST(URLSessionTest, RedirectsAreFollowedAsABrowserWould) {
+    HttpServer server([](const test::ReceivedRequest& r) {
+        auto redirect = [](int status, std::string to) {
+            HttpReply reply;
+            reply.status = status;
+            reply.headers.emplace_back("Location", std::move(to));
+            return reply;
+        };
+        if (r.target == "/see-other") return redirect(303, "/final");
+        if (r.target == "/moved") return redirect(301, "/final");
+        if (r.target == "/temporary") return redirect(307, "/final");
+        if (r.target.starts_with("/loop")) return redirect(302, "/loop" + r.target);
+        return HttpReply::text(200, r.method + " " + r.body);
+    });
+    auto post = [&](const char* path) {
+        URLRequest r(server.url(path));
+        r.httpMethod = "POST";
+        r.httpBody = "payload";
+        return load(session(), r);
+    };
+    Outcome o = post("/see-other");
+    EXPECT_EQ(o.data, "GET ");
+    EXPECT_EQ(o.response->url, server.url("/final"));
+    EXPECT_EQ(post("/moved").data, "GET ");
+    EXPECT_EQ(post("/temporary").data, "POST payload");
+
+    URLSessionConfiguration cfg;
+    cfg.maximumRedirects = 3;
+    URLSession limited(cfg);
+    Outcome loop = load(limited, server.url("/loop"));
+    ASSERT_TRUE(loop.error);
+    EXPECT_TRUE(loop.error->is(URLErrorCode::httpTooManyRedirects));
+}
+
+TEST(URLSessionTest, CancellationCompletesOnceWithCancelled) {
+    HttpServer server([](const test::ReceivedRequest&) {
+        HttpReply r;
+        r.fault = HttpReply::Fault::neverAnswer;
+        return r;
+    });
+    test::Fetch running(session(), URLRequest(server.url("/held")));
+    running.resume();
+    ASSERT_TRUE(server.waitForRequests(1));
+    running.task().cancel();
+    running.task().cancel();
+    Outcome o = running.wait();
+    ASSERT_TRUE(o.error);
+    EXPECT_TRUE(o.error->is(URLErrorCode::cancelled));
+    EXPECT_EQ(running.task().state(), URLSessionDataTask::State::completed);
+    ASSERT_TRUE(test::waitUntil([] { return URLSession::activeTransferCount() == 0; }));
+
+    // Cancelled before it ever ran: completes once, and resume() no longer starts it.
+    test::Fetch never(session(), URLRequest(server.url("/never")));
+    never.task().cancel();
+    never.resume();
+    EXPECT_TRUE(never.wait().error->is(URLErrorCode::cancelled));
+
+    // A later request through the same loop completes normally, and by then no second
+    // completion of the cancelled tasks has arrived.
+    server.setHandler({});
+    EXPECT_FALSE(load(session(), server.url("/after")).error);
+    EXPECT_EQ(running.completions(), 1u);
+    EXPECT_EQ(never.completions(), 1u);
+    EXPECT_EQ(server.requestCount(), 2u);
+}
+
+TEST(URLSessionTest, TimeOutsFire) {
+    HttpServer server([](const test::ReceivedRequest& r) {
+        HttpReply reply = HttpReply::text(200, "late");
+        if (r.target == "/silent") reply.fault = HttpReply::Fault::neverAnswer;
+        if (r.target == "/slow") reply.delay = std::chrono::milliseconds(100);
+        return reply;
+    });
+    URLRequest silent(server.url("/silent"));
+    silent.timeoutInterval = std::chrono::milliseconds(200);
+    const auto start = std::chrono::steady_clock::now();
+    Outcome o = load(session(), silent);
+    ASSERT_TRUE(o.error);
+    EXPECT_TRUE(o.error->is(URLErrorCode::timedOut)) << o.error->localizedDescription();
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+
+    URLSessionConfiguration cfg;
+    cfg.timeoutIntervalForRequest = std::chrono::milliseconds(150);
+    URLSession quick(cfg);
+    EXPECT_TRUE(load(quick, server.url("/silent")).error->is(URLErrorCode::timedOut));
+    // A slow answer within the time-out arrives.
+    Outcome slow = load(quick, server.url("/slow"));
+    ASSERT_FALSE(slow.error);
+    EXPECT_EQ(slow.data, "late");
+
+    cfg.timeoutIntervalForRequest = std::chrono::seconds(30);
+    cfg.timeoutIntervalForResource = std::chrono::milliseconds(200);
+    URLSession resourceBound(cfg);
+    EXPECT_TRUE(load(resourceBound, server.url("/silent")).error->is(URLErrorCode::timedOut));
+}
+
+TEST(URLSessionTest, TransportFaultsAreReportedOnce) {
+    std::uint16_t closedPort = 0;
+    {
+        boost::asio::io_context io;
+        boost::asio::ip::tcp::acceptor a(
+            io, {boost::asio::ip::make_address("127.0.0.1"), 0});
+        closedPort = a.local_endpoint().port();
+    }
+    Outcome refused =
+        load(session(), "http://127.0.0.1:" + std::to_string(closedPort) + "/nobody");
+    ASSERT_TRUE(refused.error);
+    EXPECT_TRUE(refused.error->is(URLErrorCode::cannotConnectToHost))
+        << refused.error->localizedDescription();
+    EXPECT_FALSE(refused.response);
+
+    HttpServer server([](const test::ReceivedRequest& r) {
+        HttpReply reply = HttpReply::text(200, std::string(10000, 'x'));
+        if (r.target == "/mid") reply.fault = HttpReply::Fault::closeMidBody;
+        if (r.target == "/nothing") reply.fault = HttpReply::Fault::closeWithoutAnswer;
+        if (r.target == "/garbage") reply.fault = HttpReply::Fault::invalidStatusLine;
+        return reply;
+    });
+    Outcome mid = load(session(), server.url("/mid"));
+    ASSERT_TRUE(mid.error);
+    EXPECT_TRUE(mid.error->is(URLErrorCode::networkConnectionLost))
+        << mid.error->localizedDescription();
+    ASSERT_TRUE(mid.response);  // the head had arrived
+    EXPECT_EQ(mid.response->statusCode, 200);
+    EXPECT_FALSE(mid.data);
+
+    Outcome nothing = load(session(), server.url("/nothing"));
+    ASSERT_TRUE(nothing.error);
+    EXPECT_TRUE(nothing.error->is(URLErrorCode::networkConnectionLost))
+        << nothing.error->localizedDescription();
+
+    Outcome garbage = load(session(), server.url("/garbage"));
+    ASSERT_TRUE(garbage.error);
+    EXPECT_TRUE(garbage.error->is(URLErrorCode::badServerResponse))
+        << garbage.error->localizedDescription();
+
+    for (const char* url : {"not a url", "http://", "/relative/path"}) {
+        Outcome bad = load(session(), url);
+        ASSERT_TRUE(bad.error) << url;
+        EXPECT_TRUE(bad.error->is(URLErrorCode::badURL)) << url;
+    }
+    EXPECT_TRUE(load(session(), "ftp://127.0.0.1/file").error->is(URLErrorCode::unsupportedURL));
+    EXPECT_TRUE(load(session(), URLRequest()).error->is(URLErrorCode::badURL));
+
+    // The layer still serves requests after all of that.
+    server.setHandler({});
+    EXPECT_FALSE(load(session(), server.url("/ok")).error);
+}
+
+TEST(URLSessionTest, LargeBodiesAreDeliveredIntactOrRefusedPastTheLimit) {
+    constexpr std::uint64_t k100MB = 100ull * 1000 * 1000;
+    HttpServer server([](const test::ReceivedRequest& r) {
+        HttpReply reply;
+        if (r.target == "/100mb") reply.generatedBodySize = k100MB;
+        if (r.target == "/1gb") reply.generatedBodySize = 1ull << 30;
+        if (r.target == "/chunked") {
+            reply.generatedBodySize = 64ull << 20;
+            reply.chunked = true;
+        }
+        return reply;
+    });
+    Outcome big = load(session(), URLRequest(server.url("/100mb")), std::chrono::seconds(60));
+    ASSERT_FALSE(big.error) << big.error->localizedDescription();
+    ASSERT_TRUE(big.data);
+    ASSERT_EQ(big.data->size(), k100MB);
+    const auto* bytes = reinterpret_cast<const unsigned char*>(big.data->data());
+    std::uint64_t mismatches = 0;
+    for (std::uint64_t i = 0; i < k100MB; ++i) mismatches += bytes[i] != test::patternByte(i);
+    EXPECT_EQ(mismatches, 0u);
+    big = {};
+
+    // A declared 1 GB body is refused as soon as its head arrives, by the default limit.
+    Outcome huge = load(session(), URLRequest(server.url("/1gb")), std::chrono::seconds(30));
+    ASSERT_TRUE(huge.error);
+    EXPECT_TRUE(huge.error->is(URLErrorCode::dataLengthExceedsMaximum));
+
+    // A body of unknown length is cut off once it passes the limit.
+    URLSessionConfiguration cfg;
+    cfg.maximumResponseBodySize = 1 << 20;
+    URLSession small(cfg);
+    Outcome chunked = load(small, URLRequest(server.url("/chunked")), std::chrono::seconds(30));
+    ASSERT_TRUE(chunked.error);
+    EXPECT_TRUE(chunked.error->is(URLErrorCode::dataLengthExceedsMaximum));
+    EXPECT_FALSE(load(small, server.url("/small")).error);
+}
+
+TEST(URLSessionTest, CompletionsMayWaitForOtherRequests) {
+    HttpServer server([](const test::ReceivedRequest& r) { return HttpReply::text(200, r.target); });
+    test::Recorder<std::string> inner;
+    auto task = session().dataTask(
+        server.url("/outer"), [&](std::optional<std::string>, std::optional<HTTPURLResponse>,
+                                  std::optional<URLError>) {
+            http::Result r = http::getBlocking(server.url("/inner"), std::chrono::seconds(5));
+            inner.add(r.ok() ? r.body : r.summary());
+        });
+    task->resume();
+    ASSERT_TRUE(inner.waitFor(1));
+    EXPECT_EQ(inner.values()[0], "/inner");
+}
+
+TEST(HttpTest, OneLineCallsAndBlockingDeadline) {
+    HttpServer server([](const test::ReceivedRequest& r) {
+        if (r.target == "/silent") {
+            HttpReply reply;
+            reply.fault = HttpReply::Fault::neverAnswer;
+            return reply;
+        }
+        if (r.method == "POST") return HttpReply::text(200, r.body, "application/json");
+        return HttpReply::text(404, "missing");
+    });
+    test::Recorder<http::Result> results;
+    http::postJSON(server.url("/json"), boost::json::value{{"a", 1}, {"b", {true, nullptr}}},
+                   [&](http::Result r) { results.add(std::move(r)); });
+    ASSERT_TRUE(results.waitFor(1));
+    http::Result posted = results.values()[0];
+    EXPECT_TRUE(posted.ok());
+    ASSERT_TRUE(posted.json());
+    EXPECT_EQ(*posted.json(), (boost::json::value{{"a", 1}, {"b", {true, nullptr}}}));
+    EXPECT_EQ(server.requests()[0].header("Content-Type"), "application/json");
+
+    http::get(server.url("/nothing-here"), [&](http::Result r) { results.add(std::move(r)); });
+    ASSERT_TRUE(results.waitFor(2));
+    http::Result missing = results.values()[1];
+    EXPECT_FALSE(missing.ok());
+    EXPECT_EQ(missing.status, 404);
+    EXPECT_EQ(missing.summary(), "404 (7 bytes)");
+    EXPECT_FALSE(missing.json());
+
+    http::Options opts;
+    opts.headers.emplace("Authorization", "Bearer t");
+    http::Result blocking = http::postJSONBlocking(server.url("/b"), {{"x", 2}},
+                                                   std::chrono::seconds(5), opts);
+    EXPECT_EQ(blocking.body, R"({"x":2})");
+    EXPECT_EQ(server.requests().back().header("Authorization"), "Bearer t");
+
+    const auto start = std::chrono::steady_clock::now();
+    http::Result late = http::getBlocking(server.url("/silent"), std::chrono::milliseconds(100));
+    ASSERT_TRUE(late.error);
+    EXPECT_TRUE(late.error->is(URLErrorCode::timedOut));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_TRUE(test::waitUntil([] { return URLSession::activeTransferCount() == 0; }));
+}
+
+}  // namespace
+}  // namespace kestro
