@@ -1,12 +1,14 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <source_location>
 #include <string>
 #include <string_view>
 
 #include "kestro/core/config.h"
 #include "kestro/core/export.h"
+#include "kestro/facade/device_info.h"
 #include "kestro/logging/print_interceptor.h"
 
 namespace kestro {
@@ -21,7 +23,7 @@ namespace kestro {
 /// by the instance; the logging calls only format and write their console line on the caller's
 /// thread and capture on the global executor. Nothing here throws into the host.
 class KESTRO_API KestroInternal {
-public:
+  public:
     KestroInternal();
     ~KestroInternal();
     KestroInternal(const KestroInternal&) = delete;
@@ -39,6 +41,67 @@ public:
     bool isEnabled() const;
     std::string getVersion() const { return SDK_VERSION; }
 
+    /// The service environment this instance talks to (dev until initialisation chooses).
+    KestroEnvironment getEnvironment() const;
+    /// HTTP base URL of the service for the current environment.
+    std::string getAPIEndpoint() const;
+
+    // --- API key -------------------------------------------------------------------------
+    // The key has the form "kt-prod-..." or "kt-dev-..." (case-sensitive prefix, nothing else
+    // checked). The saved key lives in the settings store under "apiKey"; the key in use is
+    // this instance's own field, set by initialisation.
+
+    /// Whether apiKey starts with "kt-prod-" or "kt-dev-".
+    bool isValidAPIKey(std::string_view apiKey) const;
+    /// Stores apiKey under "apiKey"; the key in use is not changed.
+    void saveAPIKey(std::string_view apiKey);
+    /// The stored key; absent when none (or a value that is not text) is stored.
+    std::optional<std::string> getSavedAPIKey() const;
+    /// Empties the key in use, then removes the stored key. The link and capture keep running.
+    void clearAPIKey();
+    /// The key in use (what initialisation accepted), not the stored one.
+    std::string getAPIKey() const;
+
+    // --- Device identity and name --------------------------------------------------------
+
+    /// Removes the stored device identifier; the next loadOrCreateUUID() creates a new one.
+    /// An open link keeps the old identifier until the next initialisation.
+    void deleteDeviceId();
+    /// The custom device name stored under "kestroDeviceName", if any.
+    std::optional<std::string> getCustomDeviceName() const;
+    /// Stores the custom name, renames the gathered device description and registers the
+    /// device again (asynchronously, on the global executor).
+    void setCustomDeviceName(std::string_view name);
+
+    /// A description the host keeps on the facade for its own use; Kestro itself never sets it
+    /// (registration and uploads use DeviceInfo::shared()).
+    std::optional<DeviceInfo> deviceInfo() const;
+    void setDeviceInfo(std::optional<DeviceInfo> deviceInfo);
+
+    /// The device dictionary. With a description: "id" (the device identifier, read anew),
+    /// "sdkVersion", "platform" ("linux"), "name" (the custom name if one is stored, else the
+    /// description's name), "model", "osName", "osVersion", "identifierForVendor" (empty text
+    /// when absent). Without one: "id", "sdkVersion", and "model", "name", "osName",
+    /// "osVersion" all "Unknown".
+    DeviceDictionary getDeviceInfo(const std::optional<DeviceInfo>& deviceInfo) const;
+
+    // --- Inspector in production builds and build kind ----------------------------------
+
+    /// Stores whether the inspector may be opened in production builds.
+    void setDebugWindowInProductionBuilds(bool enabled);
+    /// The stored switch, read from the store on every call; false when never set.
+    bool useDebugWindowInProductionBuilds() const;
+    /// True in a test-distribution ("beta") build.
+    bool isTestFlightBuild() const;
+    /// True in a store build.
+    bool isStoreBuild() const;
+    /// isStoreBuild() or isTestFlightBuild(); such builds always use the production service.
+    bool isStoreOrTestFlightBuild() const;
+
+    /// The stored "enforceKestroSheetInProductionBuilds" switch as it was when this instance
+    /// was constructed; later changes of the setting do not update it.
+    const bool enforceKestroSheetInProductionBuilds;
+
     /// The SDK's leveled console print, filtered by this instance's config.logLevel.
     void printI(std::string_view text, LogLevel level = LogLevel::verbose) const;
     template <typename... Items>
@@ -53,19 +116,17 @@ public:
     // The six logging calls. Each takes zero or more items of any type and captures the
     // caller's file and line; a first argument `At{file, line}` passes them explicitly.
     // Level texts: l "info", i "info", w "warn", e "error", n "notice", f "fault".
-#define KESTRO_FACADE_LOG(name, levelText)                                                 \
-    void name(std::source_location loc = std::source_location::current()) const {         \
-        PrintInterceptor::log({.level = levelText, .location = loc});                      \
-    }                                                                                      \
-    template <typename... Rest>                                                            \
-    void name(LocatedItem first, const Rest&... rest) const {                              \
-        PrintInterceptor::log({.level = levelText, .location = first.location()}, first,   \
-                              rest...);                                                    \
-    }                                                                                      \
-    template <typename... Items>                                                           \
-    void name(At at, const Items&... items) const {                                        \
-        PrintInterceptor::log({.level = levelText, .file = at.file, .line = at.line},      \
-                              items...);                                                   \
+#define KESTRO_FACADE_LOG(name, levelText)                                                         \
+    void name(std::source_location loc = std::source_location::current()) const {                  \
+        PrintInterceptor::log({.level = levelText, .location = loc});                              \
+    }                                                                                              \
+    template <typename... Rest>                                                                    \
+    void name(LocatedItem first, const Rest&... rest) const {                                      \
+        PrintInterceptor::log({.level = levelText, .location = first.location()}, first, rest...); \
+    }                                                                                              \
+    template <typename... Items>                                                                   \
+    void name(At at, const Items&... items) const {                                                \
+        PrintInterceptor::log({.level = levelText, .file = at.file, .line = at.line}, items...);   \
     }
 
     KESTRO_FACADE_LOG(l, "info")
@@ -76,12 +137,28 @@ public:
     KESTRO_FACADE_LOG(f, "fault")
 #undef KESTRO_FACADE_LOG
 
-private:
+  private:
+    // The device registration: gathers the shared description once, builds the dictionary
+    // and posts it to "/v1/devices" with the key in use, all on the global executor.
+    void setupDevice();
+
     struct Impl;
-    std::unique_ptr<Impl> impl_;
+    std::shared_ptr<Impl> impl_;  // shared with tasks that may outlive a local instance
 };
 
 /// The process-wide facade instance that the SDK itself uses. Created on first use.
 KESTRO_API KestroInternal& Kestro();
+
+namespace facade::internal {
+/// What a distribution channel ("development", "beta", "store") means for the build-kind
+/// queries. Any other text is a development build.
+struct BuildKind {
+    bool testDistribution = false;
+    bool store = false;
+};
+KESTRO_API BuildKind buildKindOf(std::string_view channel);
+/// The channel this library was built for (the KESTRO_DISTRIBUTION build setting).
+KESTRO_API std::string_view distributionChannel();
+}  // namespace facade::internal
 
 }  // namespace kestro
