@@ -1,0 +1,422 @@
+#include "kestro/jsonview/json_decorator.h"
+
+#include <boost/json/monotonic_resource.hpp>
+#include <boost/json/parse.hpp>
+
+#include "kestro/core/console.h"
+#include "kestro/jsonview/json_parser.h"
+#include "kestro/jsonview/json_value.h"
+
+namespace kestro {
+
+namespace {
+
+using jsonview::internal::advanceUTF16;
+using jsonview::internal::isWellFormedUTF8;
+using jsonview::internal::scalarCount;
+using jsonview::internal::utf16Count;
+
+std::string withoutLineFeeds(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text)
+        if (c != '\n') out.push_back(c);
+    return out;
+}
+
+// A strict reading: well-formed JSON whose top level is an array or an object.
+bool strictlyValid(std::string_view json) {
+    boost::json::monotonic_resource resource;
+    boost::json::parse_options options;
+    options.max_depth = 100000;  // the strict reader has no practical nesting limit
+    boost::system::error_code ec;
+    const boost::json::value v = boost::json::parse(json, ec, &resource, options);
+    return !ec && (v.is_array() || v.is_object());
+}
+
+}  // namespace
+
+// ---- JSONSlice ------------------------------------------------------------------------------
+
+JSONSlice::JSONSlice(int lineNumber, State state, int level, AttributedText expand,
+                     std::optional<AttributedText> folded, int foldedTimes)
+    : lineNumber(lineNumber),
+      state(state),
+      level(level),
+      expand(std::move(expand)),
+      folded(std::move(folded)),
+      foldedTimes(foldedTimes) {}
+
+JSONSlice::JSONSlice(int lineNumber, State state, int level, std::string expand,
+                     AttributesRef expandAttributes,
+                     std::optional<std::pair<std::string, AttributesRef>> folded, int foldedTimes)
+    : lineNumber(lineNumber),
+      state(state),
+      level(level),
+      expand(std::move(expand), std::move(expandAttributes)),
+      foldedTimes(foldedTimes) {
+    if (folded) this->folded.emplace(std::move(folded->first), std::move(folded->second));
+}
+
+const AttributedText* JSONSlice::showContent() const {
+    if (state == State::folded) return folded ? &*folded : nullptr;
+    return &expand;
+}
+
+std::size_t JSONSlice::showContentLength() const {
+    const AttributedText* t = showContent();
+    return t ? t->length() : 0;
+}
+
+// ---- styles ---------------------------------------------------------------------------------
+
+struct JSONDecorator::Styles {
+    AttributesRef start, keyWord, key, link, string, number, boolean, null, placeholder, unknown;
+    AttributedText expandIcon, foldIcon, wrap;
+    AttributedText comma;  // "," in the key-word style
+};
+
+JSONDecorator::JSONDecorator(HighlightStyle style, State initialState)
+    : style_(std::move(style)), initialState_(initialState) {}
+
+JSONDecorator::~JSONDecorator() = default;
+
+TextAttributes JSONDecorator::createStyle(std::optional<Color> foregroundColor,
+                                          const TextAttributes& other) const {
+    TextAttributes a;
+    a.font = style_.jsonFont;
+    a.foregroundColor = foregroundColor;
+    ParagraphStyle p;
+    p.hyphenationFactor = 0;
+    p.lineHeightMultiple = 1.0;
+    p.minimumLineHeight = style_.lineHeight;
+    p.maximumLineHeight = style_.lineHeight;
+    p.lineSpacing = 0;
+    a.paragraphStyle = p;
+    a.baselineOffset = style_.lineHeight - style_.jsonFont.lineHeight() + 1.0;
+    a.merge(other);
+    return a;
+}
+
+AttributedText JSONDecorator::createIconAttributedString(const Image& image) const {
+    const Font& f = style_.jsonFont;
+    TextAttachment attachment;
+    attachment.image = image;
+    attachment.bounds = {0, style_.lineHeight - f.lineHeight() + 1 + f.descender(), f.ascender(),
+                         f.ascender()};
+    return AttributedText::attachment(std::move(attachment));
+}
+
+const JSONDecorator::Styles& JSONDecorator::styles() const {
+    std::call_once(stylesOnce_, [this] {
+        auto s = std::make_unique<Styles>();
+        const HighlightColor& c = style_.color;
+        auto make = [&](Color fg, const TextAttributes& other = {}) {
+            return makeAttributes(createStyle(fg, other));
+        };
+        s->start = make(c.keyWord);
+        s->keyWord = s->start;
+        s->key = make(c.key);
+        s->link = make(c.link);
+        s->string = make(c.string);
+        s->number = make(c.number);
+        s->boolean = make(c.boolean);
+        s->null = make(c.null);
+        TextAttributes placeholderExtra;
+        placeholderExtra.backgroundColor = c.lineBackground;
+        s->placeholder = make(c.lineText, placeholderExtra);
+        TextAttributes unknownExtra;
+        unknownExtra.backgroundColor = c.unknownBackground;
+        s->unknown = make(c.unknownText, unknownExtra);
+        s->expandIcon = createIconAttributedString(style_.expandIcon);
+        s->foldIcon = createIconAttributedString(style_.foldIcon);
+        s->wrap = AttributedText("\n", makeAttributes(createStyle(std::nullopt)));
+        s->comma = AttributedText(",", s->keyWord);
+        styles_ = std::move(s);
+    });
+    return *styles_;
+}
+
+const AttributesRef& JSONDecorator::startStyle() const { return styles().start; }
+const AttributesRef& JSONDecorator::keyWordStyle() const { return styles().keyWord; }
+const AttributesRef& JSONDecorator::keyStyle() const { return styles().key; }
+const AttributesRef& JSONDecorator::linkStyle() const { return styles().link; }
+const AttributesRef& JSONDecorator::stringStyle() const { return styles().string; }
+const AttributesRef& JSONDecorator::numberStyle() const { return styles().number; }
+const AttributesRef& JSONDecorator::boolStyle() const { return styles().boolean; }
+const AttributesRef& JSONDecorator::nullStyle() const { return styles().null; }
+const AttributesRef& JSONDecorator::placeholderStyle() const { return styles().placeholder; }
+const AttributesRef& JSONDecorator::unknownStyle() const { return styles().unknown; }
+const AttributedText& JSONDecorator::expandIconString() const { return styles().expandIcon; }
+const AttributedText& JSONDecorator::foldIconString() const { return styles().foldIcon; }
+const AttributedText& JSONDecorator::wrapString() const { return styles().wrap; }
+
+std::string JSONDecorator::writeIndent() const {
+    return std::string(static_cast<std::size_t>(std::max(indent_, 0)), '\t');
+}
+
+// ---- entry points ---------------------------------------------------------------------------
+
+std::shared_ptr<JSONDecorator> JSONDecorator::highlight(std::string_view json,
+                                                        const HighlightStyle& style,
+                                                        State initialState, bool judgmentValid) {
+    if (!isWellFormedUTF8(json)) {
+        printI("❌ JSON viewer: the text is not valid UTF-8 and was not decorated", LogLevel::error);
+        return nullptr;
+    }
+    if (judgmentValid && !strictlyValid(json)) return nullptr;
+    auto decorator = std::make_shared<JSONDecorator>(style, initialState);
+    decorator->slices = decorator->createSlices(parseJSON(json));
+    return decorator;
+}
+
+std::vector<JSONSlice> JSONDecorator::createSlices(std::string_view json) {
+    if (!isWellFormedUTF8(json)) return {};
+    return createSlices(parseJSON(json));
+}
+
+std::vector<JSONSlice> JSONDecorator::createSlices(const JSONValue& value) {
+    std::vector<JSONSlice> out;
+    indent_ = 0;
+    processJSONValueRecursively(value, 0, IsNeed{false, false}, 0, out);
+    indent_ = 0;
+    return out;
+}
+
+JSONDecorator::Assembly JSONDecorator::assemble() const {
+    Assembly result;
+    const AttributedText& wrap = wrapString();
+    std::size_t bytes = 0;
+    std::size_t runs = 0;
+    for (const auto& s : slices) {
+        bytes += s.expand.length() + 1;
+        runs += s.expand.runCount() + 1;
+    }
+    result.lines.reserve(slices.size());
+    AttributedText& text = result.attributedText;
+    text.reserve(bytes, runs);
+    std::optional<int> hidden;
+    for (std::size_t i = 0; i < slices.size(); ++i) {
+        const JSONSlice& s = slices[i];
+        if (hidden) {
+            if (s.level > *hidden) continue;
+            if (s.level == *hidden) {
+                hidden.reset();  // the folded container's closing line
+                continue;
+            }
+            hidden.reset();
+        }
+        if (s.state == State::expand) {
+            text.append(s.expand);
+            text.append(wrap);
+            result.lines.push_back(static_cast<int>(i) + 1);
+        } else if (s.folded) {
+            text.append(*s.folded);
+            text.append(wrap);
+            result.lines.push_back(static_cast<int>(i) + 1);
+            hidden = s.level;
+        }
+    }
+    return result;
+}
+
+// ---- layout ---------------------------------------------------------------------------------
+
+std::pair<AttributedText, AttributedText> JSONDecorator::createStartAttribute(
+    std::string_view expand, std::string_view fold, IsNeed isNeed) const {
+    const Styles& st = styles();
+    const std::string prefix = isNeed.indent ? writeIndent() : std::string();
+    // The icon goes after the tabs, before the blank.
+    AttributedText expanded(prefix, st.start);
+    expanded.append(st.foldIcon);
+    expanded.append(" ", st.start);
+    expanded.append(expand, st.start);
+
+    AttributedText folded(prefix, st.keyWord);
+    folded.append(st.expandIcon);
+    folded.append(" ", st.keyWord);
+    folded.append(fold, st.placeholder);
+    if (isNeed.comma) folded.append(",", st.placeholder);
+    return {std::move(expanded), std::move(folded)};
+}
+
+AttributedText JSONDecorator::createEndAttribute(std::string_view key, bool isNeedComma) const {
+    std::string text = writeIndent();
+    text += key;
+    if (isNeedComma) text += ',';
+    return AttributedText(std::move(text), styles().start);
+}
+
+void JSONDecorator::processJSONValueRecursively(const JSONValue& value, int currentSlicesCount,
+                                                IsNeed isNeed, int foldedTimes,
+                                                std::vector<JSONSlice>& out) {
+    switch (value.kind()) {
+        case JSONValue::Case::array:
+            processArrayValue(value, currentSlicesCount, isNeed, foldedTimes, out);
+            break;
+        case JSONValue::Case::object:
+            processObjectValue(value, currentSlicesCount, isNeed, foldedTimes, out);
+            break;
+        case JSONValue::Case::unknown:
+            processUnknownValue(value, currentSlicesCount, isNeed, foldedTimes, out);
+            break;
+        default:
+            processScalarValue(value, currentSlicesCount, isNeed, foldedTimes, out);
+            break;
+    }
+}
+
+void JSONDecorator::processScalarValue(const JSONValue& value, int currentSlicesCount,
+                                       IsNeed isNeed, int foldedTimes,
+                                       std::vector<JSONSlice>& out) {
+    const Styles& st = styles();
+    std::string body = isNeed.indent ? writeIndent() : std::string();
+    const std::size_t prefixLength = body.size();
+    AttributesRef style;
+    std::optional<ValidURL> link;
+    switch (value.kind()) {
+        case JSONValue::Case::string: {
+            const std::string_view s = value.text();
+            body += '"';
+            body += s;
+            body += '"';
+            style = st.string;
+            if (scalarCount(s) >= 2) link = validURL(s);
+            if (link) style = st.link;
+            break;
+        }
+        case JSONValue::Case::number:
+            body += value.text();
+            style = st.number;
+            break;
+        case JSONValue::Case::boolean:
+            body += value.asBool() ? "true" : "false";
+            style = st.boolean;
+            break;
+        default:
+            body += "null";
+            style = st.null;
+            break;
+    }
+    AttributedText line(std::move(body), style);
+    if (link) {
+        // The link covers as many UTF-16 units of the shown string as the link text has,
+        // starting just inside the opening quote.
+        const std::size_t start = prefixLength + 1;
+        const std::size_t length = advanceUTF16(std::string_view(line.string()).substr(start),
+                                                utf16Count(link->urlString));
+        TextAttributes linkAttributes;
+        linkAttributes.link = link->urlString;
+        linkAttributes.underlineStyle = UnderlineStyle::single;
+        line.addAttributes({start, length}, linkAttributes);
+    }
+    if (isNeed.comma) line.append(st.comma);
+    if (auto wrong = value.wrong()) line.append(withoutLineFeeds(*wrong), st.unknown);
+    const int lineNumber = currentSlicesCount + 1;
+    out.emplace_back(lineNumber, State::expand, indent_, std::move(line), std::nullopt,
+                     foldedTimes);
+}
+
+void JSONDecorator::processUnknownValue(const JSONValue& value, int currentSlicesCount,
+                                        IsNeed isNeed, int foldedTimes,
+                                        std::vector<JSONSlice>& out) {
+    AttributedText line(isNeed.indent ? writeIndent() : std::string(), nullptr);
+    line.append(withoutLineFeeds(value.text()), styles().unknown);
+    out.emplace_back(currentSlicesCount + 1, State::expand, indent_, std::move(line), std::nullopt,
+                     foldedTimes);
+}
+
+void JSONDecorator::processArrayValue(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
+                                      int foldedTimes, std::vector<JSONSlice>& out) {
+    const std::size_t base = out.size();
+    auto made = [&] { return currentSlicesCount + static_cast<int>(out.size() - base); };
+    auto [expanded, folded] = createStartAttribute("[", "[Array...]", isNeed);
+    out.emplace_back(made() + 1, initialState_, indent_, std::move(expanded), std::move(folded),
+                     foldedTimes);
+    const int child = childFoldedTimes(foldedTimes);
+    const JSONArray& elements = value.asArray();
+    if (!elements.empty()) {
+        ++indent_;
+        for (std::size_t i = 0; i < elements.size(); ++i) {
+            processJSONValueRecursively(elements[i], made(), IsNeed{true, i + 1 < elements.size()},
+                                        child, out);
+        }
+        --indent_;
+        // A wrong last element carries the rest of the document, closing bracket included.
+        if (elements.back().isRight().isWrong()) return;
+    }
+    out.emplace_back(made() + 1, State::expand, indent_, createEndAttribute("]", isNeed.comma),
+                     std::nullopt, child);
+}
+
+void JSONDecorator::processObjectValue(const JSONValue& value, int currentSlicesCount,
+                                       IsNeed isNeed, int foldedTimes,
+                                       std::vector<JSONSlice>& out) {
+    const Styles& st = styles();
+    const std::size_t base = out.size();
+    auto made = [&] { return currentSlicesCount + static_cast<int>(out.size() - base); };
+    auto [expanded, folded] = createStartAttribute("{", "{Object...}", isNeed);
+    out.emplace_back(made() + 1, initialState_, indent_, std::move(expanded), std::move(folded),
+                     foldedTimes);
+    const int child = childFoldedTimes(foldedTimes);
+    const std::vector<const JSONObjectEntry*> entries = rankedEntries(value.asObject());
+    if (!entries.empty()) {
+        ++indent_;
+        for (std::size_t k = 0; k < entries.size(); ++k) {
+            const JSONObjectKey& key = entries[k]->key;
+            const JSONValue& member = entries[k]->value;
+            std::string quoted = writeIndent();
+            quoted += '"';
+            quoted += key.key;
+            quoted += '"';
+            if (member.isRight().isWrong()) {
+                if (key.isWrong) {
+                    processJSONValueRecursively(member, made(), IsNeed{true, false}, child, out);
+                    continue;
+                }
+                // The key and the first line of its value on one line; the value's further
+                // lines are not shown.
+                std::vector<JSONSlice> valueSlices;
+                processJSONValueRecursively(member, made(), IsNeed{true, false}, child,
+                                            valueSlices);
+                AttributedText line(std::move(quoted), st.key);
+                if (!valueSlices.empty()) line.append(valueSlices.front().expand);
+                out.emplace_back(made() + 1, State::expand, indent_, std::move(line), std::nullopt,
+                                 child);
+                continue;
+            }
+            const bool comma = k + 1 < entries.size() && !entries[k + 1]->value.isRight().isWrong();
+            AttributedText start(std::move(quoted), st.key);
+            start.append(" : ", st.keyWord);
+            if (member.isScalar()) {
+                std::vector<JSONSlice> valueSlices;
+                processJSONValueRecursively(member, made(), IsNeed{false, comma}, child,
+                                            valueSlices);
+                start.append(valueSlices.front().expand);
+                out.emplace_back(made() + 1, State::expand, indent_, std::move(start), std::nullopt,
+                                 child);
+                continue;
+            }
+            // A container: its opening line becomes the member line.
+            const std::size_t opening = out.size();
+            processJSONValueRecursively(member, made(), IsNeed{false, comma}, child, out);
+            JSONSlice& slice = out[opening];
+            AttributedText expandedLine = start;
+            expandedLine.append(slice.expand);
+            slice.expand = std::move(expandedLine);
+            if (slice.folded) {
+                AttributedText foldedLine = std::move(start);
+                foldedLine.append(*slice.folded);
+                slice.folded = std::move(foldedLine);
+            }
+            slice.state = initialState_;
+            slice.foldedTimes = child;
+        }
+        --indent_;
+        if (entries.back()->value.isRight().isWrong()) return;
+    }
+    out.emplace_back(made() + 1, State::expand, indent_, createEndAttribute("}", isNeed.comma),
+                     std::nullopt, child);
+}
+
+}  // namespace kestro

@@ -1,0 +1,156 @@
+#pragma once
+
+// The JSON decorator: lays a JSON text out as highlighted, foldable lines.
+//
+// The text is read with the tolerant parser (broken input becomes "wrong" and "unknown" text,
+// painted in the unknown style), pretty-printed with one tab per nesting level, coloured by
+// token kind, and cut into one JSONSlice per displayed line. Every line that opens an array or
+// object carries a fold icon and has a one-line placeholder form. assemble() builds the visible
+// document from the slices and their fold states.
+//
+// Ownership and threads: a decorator is made once per document (highlight() may run on any
+// thread), then handed to one owner (the viewer), which changes slice states on its own thread.
+// The lazily built styles and icon strings may be read from any thread; layout (highlight,
+// createSlices) uses the decorator's running indentation, so one decorator lays out one text at
+// a time.
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kestro/core/export.h"
+#include "kestro/jsonview/attributed_text.h"
+#include "kestro/jsonview/highlight_style.h"
+#include "kestro/jsonview/valid_url.h"
+
+namespace kestro {
+
+class JSONValue;
+
+/// One displayed line.
+struct KESTRO_API JSONSlice {
+    enum class State : std::uint8_t { expand, folded };
+
+    int lineNumber = 0;  // 1-based position in the decorator's slices; the shown line number
+    State state = State::expand;
+    int level = 0;          // nesting level; an opening line and its closing line share it
+    AttributedText expand;  // the line when expanded
+    std::optional<AttributedText> folded;  // the placeholder; only on lines opening a container
+    int foldedTimes = 0;  // folded containers enclosing the line; visible exactly when 0
+
+    JSONSlice(int lineNumber, State state, int level, AttributedText expand,
+              std::optional<AttributedText> folded = std::nullopt, int foldedTimes = 0);
+    /// From plain texts, each paired with its attributes.
+    JSONSlice(int lineNumber, State state, int level, std::string expand,
+              AttributesRef expandAttributes,
+              std::optional<std::pair<std::string, AttributesRef>> folded, int foldedTimes = 0);
+
+    /// The text shown for the current state: the folded text when folded (nullptr when the
+    /// line has none), else the expanded text.
+    const AttributedText* showContent() const;
+    /// Byte length of showContent() (0 when there is none).
+    std::size_t showContentLength() const;
+};
+
+class KESTRO_API JSONDecorator {
+  public:
+    using State = JSONSlice::State;
+
+    /// The visible document: its text (every line ends with a line feed) and the line numbers
+    /// of its lines, in order.
+    struct Assembly {
+        AttributedText attributedText;
+        std::vector<int> lines;
+    };
+
+    JSONDecorator(HighlightStyle style, State initialState);
+    ~JSONDecorator();
+    JSONDecorator(const JSONDecorator&) = delete;
+    JSONDecorator& operator=(const JSONDecorator&) = delete;
+
+    /// Decorates json. Returns nothing when json is not well-formed UTF-8, or when judgmentValid
+    /// is set and a strict JSON reader rejects it (it must be an array or object); otherwise
+    /// any text is accepted and broken parts are shown as unknown text. Any thread.
+    static std::shared_ptr<JSONDecorator> highlight(
+        std::string_view json, const HighlightStyle& style = HighlightStyle::default_(),
+        State initialState = State::expand, bool judgmentValid = false);
+
+    /// Lays out another text with this decorator's style and initial state, without storing the
+    /// slices; an empty list when the text is not well-formed UTF-8.
+    std::vector<JSONSlice> createSlices(std::string_view json);
+    /// The slices of an already parsed value.
+    std::vector<JSONSlice> createSlices(const JSONValue& value);
+
+    /// The visible document for the current slice states.
+    Assembly assemble() const;
+
+    const HighlightStyle& style() const { return style_; }
+    State initialState() const { return initialState_; }
+    /// The nesting level while slices are being built; 0 otherwise.
+    int indent() const { return indent_; }
+
+    /// The laid-out document. Its owner changes states and foldedTimes in place.
+    std::vector<JSONSlice> slices;
+
+    // Styles and icon strings, built on first use and shared by every line.
+    const AttributesRef& startStyle() const;
+    const AttributesRef& keyWordStyle() const;
+    const AttributesRef& keyStyle() const;
+    const AttributesRef& linkStyle() const;
+    const AttributesRef& stringStyle() const;
+    const AttributesRef& numberStyle() const;
+    const AttributesRef& boolStyle() const;
+    const AttributesRef& nullStyle() const;
+    const AttributesRef& placeholderStyle() const;
+    const AttributesRef& unknownStyle() const;
+    const AttributedText& expandIconString() const;
+    const AttributedText& foldIconString() const;
+    const AttributedText& wrapString() const;
+
+    /// The JSON font, the line-height paragraph metrics and baseline offset, the given
+    /// foreground (if any), then every attribute of other.
+    TextAttributes createStyle(std::optional<Color> foregroundColor,
+                               const TextAttributes& other = {}) const;
+    /// One tab per level of indent().
+    std::string writeIndent() const;
+
+  private:
+    struct IsNeed {
+        bool indent = false;
+        bool comma = false;
+    };
+    struct Styles;
+
+    const Styles& styles() const;
+    void processJSONValueRecursively(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
+                                     int foldedTimes, std::vector<JSONSlice>& out);
+    void processArrayValue(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
+                           int foldedTimes, std::vector<JSONSlice>& out);
+    void processObjectValue(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
+                            int foldedTimes, std::vector<JSONSlice>& out);
+    void processScalarValue(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
+                            int foldedTimes, std::vector<JSONSlice>& out);
+    void processUnknownValue(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
+                             int foldedTimes, std::vector<JSONSlice>& out);
+    // The opening line of a container: (expanded, folded).
+    std::pair<AttributedText, AttributedText> createStartAttribute(std::string_view expand,
+                                                                   std::string_view fold,
+                                                                   IsNeed isNeed) const;
+    AttributedText createEndAttribute(std::string_view key, bool isNeedComma) const;
+    AttributedText createIconAttributedString(const Image& image) const;
+    int childFoldedTimes(int foldedTimes) const {
+        return initialState_ == State::folded ? foldedTimes + 1 : 0;
+    }
+
+    HighlightStyle style_;
+    State initialState_;
+    int indent_ = 0;
+    mutable std::once_flag stylesOnce_;
+    mutable std::unique_ptr<Styles> styles_;
+};
+
+}  // namespace kestro

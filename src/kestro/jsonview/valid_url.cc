@@ -1,0 +1,113 @@
+#include "kestro/jsonview/valid_url.h"
+
+#include <unicode/locid.h>
+#include <unicode/regex.h>
+#include <unicode/unistr.h>
+#include <unicode/utext.h>
+
+#include <boost/url/parse.hpp>
+#include <memory>
+
+#include "kestro/core/console.h"
+#include "kestro/jsonview/attributed_text.h"
+
+namespace kestro {
+
+namespace {
+
+constexpr const char* kURLPattern =
+    R"(((?:http|https)://)?[-a-zA-Z0-9@:%._\+~#=]{1,256}\.[a-zA-Z0-9()]{1,6}\b([-a-zA-Z0-9()@:%_\+.~#?&//=]*))";
+constexpr const char* kIPPattern =
+    R"(^(?:(?:25[0-5]|2[0-4][0-9]|[01]?[0-9][0-9]?)\.){3}(?:25[0-5]|2[0-4][0-9]|[01]?[0-9][0-9]?)$)";
+
+// Compiled patterns are immutable and may be shared by threads; matchers may not, so each
+// thread keeps its own matcher per pattern.
+std::unique_ptr<icu::RegexPattern> compile(const char* pattern) {
+    UErrorCode status = U_ZERO_ERROR;
+    UParseError parseError{};
+    std::unique_ptr<icu::RegexPattern> compiled(
+        icu::RegexPattern::compile(icu::UnicodeString::fromUTF8(pattern), 0, parseError, status));
+    if (U_FAILURE(status)) {
+        printI(std::string("❌ A link pattern could not be compiled: ") + u_errorName(status),
+               LogLevel::error);
+        return nullptr;
+    }
+    return compiled;
+}
+
+const icu::RegexPattern* urlPattern() {
+    static const icu::RegexPattern* p = compile(kURLPattern).release();
+    return p;
+}
+const icu::RegexPattern* ipPattern() {
+    static const icu::RegexPattern* p = compile(kIPPattern).release();
+    return p;
+}
+
+struct Matchers {
+    std::unique_ptr<icu::RegexMatcher> url;
+    std::unique_ptr<icu::RegexMatcher> ip;
+};
+
+icu::RegexMatcher* matcherFor(std::unique_ptr<icu::RegexMatcher>& slot,
+                              const icu::RegexPattern* pattern) {
+    if (!slot && pattern) {
+        UErrorCode status = U_ZERO_ERROR;
+        slot.reset(pattern->matcher(status));
+        if (U_FAILURE(status)) slot.reset();
+        // Bound the work on pathological inputs (long runs of host characters make the
+        // pattern backtrack); a match that times out counts as no match.
+        if (slot) slot->setTimeLimit(2000, status);
+    }
+    return slot.get();
+}
+
+bool matchesWhole(icu::RegexMatcher* m, const icu::UnicodeString& text) {
+    if (!m) return false;
+    m->reset(text);
+    UErrorCode status = U_ZERO_ERROR;
+    const bool ok = m->matches(status);
+    return U_SUCCESS(status) && ok;
+}
+
+}  // namespace
+
+std::optional<ValidURL> validURL(std::string_view text) {
+    if (jsonview::internal::scalarCount(text) < 2) return std::nullopt;
+    // Both patterns need a full stop; most strings have none and skip the matchers.
+    if (text.find('.') == std::string_view::npos) return std::nullopt;
+    std::string replaced;
+    replaced.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\\' && i + 1 < text.size() && text[i + 1] == '/') {
+            replaced.push_back('/');
+            ++i;
+        } else {
+            replaced.push_back(text[i]);
+        }
+    }
+    icu::UnicodeString lowered = icu::UnicodeString::fromUTF8(replaced);
+    lowered.toLower(icu::Locale::getRoot());
+
+    thread_local Matchers matchers;
+    if (matchesWhole(matcherFor(matchers.ip, ipPattern()), lowered))
+        return ValidURL{std::move(replaced), true};
+    if (matchesWhole(matcherFor(matchers.url, urlPattern()), lowered))
+        return ValidURL{std::move(replaced), false};
+    return std::nullopt;
+}
+
+std::optional<std::string> ValidURL::openingURL() const {
+    if (isIP) {
+        std::string s = "http://" + urlString;
+        if (boost::urls::parse_uri_reference(s)) return s;
+        return std::nullopt;
+    }
+    if (auto u = boost::urls::parse_uri_reference(urlString); u && u->has_scheme())
+        return urlString;
+    std::string s = "https://" + urlString;
+    if (boost::urls::parse_uri_reference(s)) return s;
+    return std::nullopt;
+}
+
+}  // namespace kestro
