@@ -1,0 +1,85 @@
+// A child process for the store's fault tests.
+//
+//   store_test_child add <database> <fd>
+//       Adds log records without end; after each add has returned, writes the record's id and a
+//       line feed to file descriptor <fd>. Runs until it is killed.
+//   store_test_child readonly <database>
+//       Gives up the rights to write the database's folder (when run as root, it becomes the
+//       unprivileged user "nobody"), opens the store, reports how many items it loaded as
+//       "loaded <n>", tries one add, and exits with 0.
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "kestro/core/console.h"
+#include "kestro/core/uuid.h"
+#include "kestro/store/request_store_sqlite.h"
+
+namespace {
+
+using namespace kestro;
+
+RequestEventType logRecord(const std::string& id, double createdAt) {
+    return RequestTypeLog{id,
+                          "log",
+                          "info",
+                          fromSecondsSince1970(createdAt),
+                          fromSecondsSince1970(createdAt),
+                          {"request finished with status 200", "com.example.app", "network",
+                           "/src/app/client.cc", "client.cc", 42}};
+}
+
+bool writeAll(int fd, const std::string& text) {
+    const char* p = text.data();
+    std::size_t left = text.size();
+    while (left > 0) {
+        const ssize_t n = ::write(fd, p, left);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        p += n;
+        left -= static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+int addForever(const char* database, int fd) {
+    RequestStoreSQLite store(database);
+    for (double t = 1.7e9;; t += 0.001) {
+        const std::string id = newUUIDString();
+        store.add(logRecord(id, t));
+        if (!writeAll(fd, id + "\n")) return 1;
+    }
+}
+
+int readOnly(const char* database) {
+    if (geteuid() == 0) {
+        // "nobody": root would write through any permission bits.
+        if (setgid(65534) != 0 || setuid(65534) != 0) {
+            std::perror("setuid");
+            return 2;
+        }
+    }
+    RequestStoreSQLite store(database);
+    std::printf("loaded %zu\n", store.requests().size());
+    std::fflush(stdout);
+    store.add(logRecord(newUUIDString(), 1.8e9));
+    std::printf("listed %zu\n", store.requests().size());
+    std::fflush(stdout);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    setConsoleLevel(LogLevel::verbose);
+    if (argc == 4 && std::strcmp(argv[1], "add") == 0)
+        return addForever(argv[2], std::atoi(argv[3]));
+    if (argc == 3 && std::strcmp(argv[1], "readonly") == 0) return readOnly(argv[2]);
+    std::fprintf(stderr, "usage: store_test_child add <database> <fd> | readonly <database>\n");
+    return 64;
+}
