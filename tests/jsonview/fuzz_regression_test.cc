@@ -1,0 +1,62 @@
+// Replays the inputs the parser's fuzzer once failed on (tests/fuzz/regressions/json_parser_fuzz)
+// and its seed corpus, checking what the fuzzer checks: parse() returns a tree whose texts are
+// well-formed UTF-8 and that equals its copy.
+
+#include <gtest/gtest.h>
+#include <unicode/ustring.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "kestro/jsonview/json_parser.h"
+
+namespace kestro {
+namespace {
+
+namespace fs = std::filesystem;
+
+bool isValidUTF8(std::string_view s) {
+    UErrorCode status = U_ZERO_ERROR;
+    int32_t length = 0;
+    u_strFromUTF8(nullptr, 0, &length, s.data(), static_cast<int32_t>(s.size()), &status);
+    return status == U_BUFFER_OVERFLOW_ERROR || U_SUCCESS(status);
+}
+
+void expectWellFormed(const JSONValue& v) {
+    EXPECT_TRUE(isValidUTF8(v.text()));
+    if (auto wrong = v.wrong()) EXPECT_TRUE(isValidUTF8(*wrong));
+    if (v.isArray())
+        for (const auto& e : v.asArray()) expectWellFormed(e);
+    if (v.isObject()) {
+        for (const auto& e : v.asObject()) {
+            EXPECT_TRUE(isValidUTF8(e.key.key));
+            expectWellFormed(e.value);
+        }
+    }
+}
+
+TEST(JSONParserFuzzRegressions, KeptInputsParseToWellFormedTrees) {
+    const fs::path fuzzDir = fs::path(KESTRO_FUZZ_REGRESSIONS_DIR).parent_path();
+    int replayed = 0;
+    for (const fs::path dir :
+         {fuzzDir / "regressions" / "json_parser_fuzz", fuzzDir / "corpus" / "json_parser_fuzz"}) {
+        std::error_code ec;
+        for (const auto& entry : fs::directory_iterator(dir, ec)) {
+            if (!entry.is_regular_file()) continue;
+            SCOPED_TRACE(entry.path().string());
+            std::ifstream in(entry.path(), std::ios::binary);
+            const std::string bytes(std::istreambuf_iterator<char>(in), {});
+            const JSONValue value = parseJSON(bytes);
+            expectWellFormed(value);
+            const JSONValue copy = value;
+            EXPECT_EQ(copy, value);
+            ++replayed;
+        }
+    }
+    EXPECT_GE(replayed, 8);
+}
+
+}  // namespace
+}  // namespace kestro
