@@ -14,6 +14,7 @@
 
 #include <boost/json.hpp>
 #include <cstdio>
+#include <deque>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -160,6 +161,42 @@ void BM_RawSelectAndParse100k(benchmark::State& state) {
 }
 BENCHMARK(BM_RawSelectAndParse100k)->Unit(benchmark::kMillisecond)->Iterations(5)->UseRealTime();
 
+// Adding at the front of a list of 100,000 items and taking a snapshot of the result, as the
+// store does for each add, against pushing onto the front of a std::deque of shared items
+// (which gives readers no snapshot at all).
+std::vector<RequestEventType> hundredThousandLogs() {
+    std::vector<RequestEventType> items;
+    items.reserve(kRows);
+    for (int i = 0; i < kRows; ++i) items.push_back(typicalLog(i));
+    return items;
+}
+
+void BM_ListAddAt100k(benchmark::State& state) {
+    store::internal::RequestListEditor editor;
+    editor.commit({RequestsChange::Kind::replaced,
+                   {},
+                   store::internal::RequestListEditor::fromVector(hundredThousandLogs())});
+    auto item = std::make_shared<const RequestEventType>(typicalLog(-1));
+    for (auto _ : state) {
+        RequestList next = editor.pushingFront(item);
+        editor.commit({RequestsChange::Kind::inserted, item->id(), next});
+        benchmark::DoNotOptimize(next.size());
+    }
+}
+BENCHMARK(BM_ListAddAt100k)->Iterations(100000);
+
+void BM_DequePushFrontAt100k(benchmark::State& state) {
+    std::deque<std::shared_ptr<const RequestEventType>> list;
+    for (auto& item : hundredThousandLogs())
+        list.push_back(std::make_shared<const RequestEventType>(std::move(item)));
+    auto item = std::make_shared<const RequestEventType>(typicalLog(-1));
+    for (auto _ : state) {
+        list.push_front(item);
+        benchmark::DoNotOptimize(list.size());
+    }
+}
+BENCHMARK(BM_DequePushFrontAt100k)->Iterations(100000);
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -180,6 +217,9 @@ int main(int argc, char** argv) {
                               speed("BM_StoreAdd", "BM_RawInsert"), ">= 0.8");
     kestro::bench::printRatio("getAll() / raw SELECT + Boost.JSON parse, 100k rows (speed)",
                               speed("BM_StoreGetAll100k", "BM_RawSelectAndParse100k"), ">= 0.8");
+    kestro::bench::printRatio("list add at 100k items + snapshot / deque push_front (speed)",
+                              speed("BM_ListAddAt100k", "BM_DequePushFrontAt100k"),
+                              "for reference");
     std::error_code ec;
     fs::remove_all(gDir, ec);
     return 0;

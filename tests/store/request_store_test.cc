@@ -2,6 +2,7 @@
 
 #include <boost/json.hpp>
 #include <regex>
+#include <thread>
 
 #include "kestro/store/request_store_sqlite.h"
 #include "store/store_fixtures.h"
@@ -277,6 +278,26 @@ TEST_F(RequestStoreTest, WritingTheListChangesMemoryOnly) {
     EXPECT_EQ(ids(store.getAll()), (std::vector<std::string>{"stored"}));
     store.deleteById("a");
     EXPECT_EQ(ids(store.requests()), (std::vector<std::string>{"b"}));
+}
+
+TEST(RequestStoreSharedTest, OneStoreInTheDataDirectoryCreatedOnceAcrossThreads) {
+    TempDir home;
+    ASSERT_EQ(setenv("KESTRO_HOME", (home.path() / "data").c_str(), 1), 0);
+    test::ConsoleSilence quiet;
+    std::vector<RequestStoreSQLite*> seen(4, nullptr);
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < seen.size(); ++i)
+        threads.emplace_back([&, i] { seen[i] = &RequestStoreSQLite::shared(); });
+    for (auto& t : threads) t.join();
+    unsetenv("KESTRO_HOME");
+    for (auto* store : seen) EXPECT_EQ(store, seen[0]);
+    RequestStoreSQLite& shared = RequestStoreSQLite::shared();
+    EXPECT_EQ(shared.databasePath(), home.path() / "data" / "requests.sqlite");
+    EXPECT_TRUE(shared.isOpen());
+    shared.add(logRecord("shared", 1));
+    EXPECT_EQ(shared.getById("shared")->id(), "shared");
+    EXPECT_TRUE(std::filesystem::exists(shared.databasePath()));
+    shared.deleteAll();
 }
 
 }  // namespace

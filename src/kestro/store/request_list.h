@@ -122,7 +122,9 @@ struct KESTRO_API RequestsChange {
 /// Keeps an observer of the store's list subscribed. Destroying or reset() unsubscribes: the
 /// observer is not called again afterwards; if it is being called on another thread at that
 /// moment, reset() waits for that call to return (from inside the observer itself it does not
-/// wait). Move-only; may outlive the store.
+/// wait). So a subscription must not be ended while holding something its observer waits for;
+/// in particular store work (an observer told on the store's queue) must not end a main-queue
+/// subscription whose observer calls the store. Move-only; may outlive the store.
 class KESTRO_API RequestsSubscription {
   public:
     struct Entry;
