@@ -69,9 +69,15 @@ void BM_Boost(benchmark::State& state, const std::string& name) {
 int main(int argc, char** argv) {
     for (const char* name : kDocuments) {
         const std::string n(name);
-        benchmark::RegisterBenchmark(("kestro/" + n).c_str(), BM_Kestro, n)->MinTime(0.5);
-        benchmark::RegisterBenchmark(("nlohmann/" + n).c_str(), BM_Nlohmann, n)->MinTime(0.5);
-        benchmark::RegisterBenchmark(("boost/" + n).c_str(), BM_Boost, n)->MinTime(0.5);
+        benchmark::RegisterBenchmark(("kestro/" + n).c_str(), BM_Kestro, n)
+            ->MinTime(0.3)
+            ->Repetitions(3);
+        benchmark::RegisterBenchmark(("nlohmann/" + n).c_str(), BM_Nlohmann, n)
+            ->MinTime(0.3)
+            ->Repetitions(3);
+        benchmark::RegisterBenchmark(("boost/" + n).c_str(), BM_Boost, n)
+            ->MinTime(0.3)
+            ->Repetitions(3);
     }
     benchmark::Initialize(&argc, argv);
     kestro::bench::CollectingReporter reporter;

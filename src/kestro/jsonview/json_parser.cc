@@ -379,6 +379,60 @@ std::string JSONParser::DocumentReader::readString() {
     return readUTF8StringTillNextUnescapedQuote();
 }
 
+std::string_view JSONParser::DocumentReader::readStringView(std::string& scratch, bool& ascii) {
+    const std::int64_t n = count();
+    if (index_ < n && array_[static_cast<std::size_t>(index_)] == kQuote) {
+        // Fast path: plain bytes and well-formed UTF-8 up to the closing quote need no copy.
+        const std::uint8_t* const data = array_.data();
+        const std::uint8_t* const end = data + n;
+        const std::uint8_t* const first = data + index_ + 1;
+        const std::uint8_t* p = first;
+        bool plainASCII = true;
+        for (;;) {
+            // Eight bytes at a time while none of them needs a closer look.
+            while (end - p >= 8) {
+                std::uint64_t w;
+                std::memcpy(&w, p, 8);
+                const std::uint64_t quote = w ^ 0x2222222222222222ULL;
+                const std::uint64_t backslash = w ^ 0x5C5C5C5C5C5C5C5CULL;
+                const std::uint64_t ones = 0x0101010101010101ULL;
+                const std::uint64_t high = 0x8080808080808080ULL;
+                const std::uint64_t special = ((quote - ones) & ~quote) |
+                                              ((backslash - ones) & ~backslash) |
+                                              ((w - 0x2020202020202020ULL) & ~w) | w;
+                if (special & high) break;
+                p += 8;
+            }
+            if (p >= end) break;
+            const std::uint8_t c = *p;
+            if (kPlain.plain[c]) {
+                ++p;
+                continue;
+            }
+            if (c == kQuote) {
+                index_ = p + 1 - data;
+                ascii = plainASCII;
+                return {reinterpret_cast<const char*>(first), static_cast<std::size_t>(p - first)};
+            }
+            if (c < 0x80) break;  // escape or control byte: the full reader handles it
+            const int length = utf8SequenceLength(p, end);
+            if (length <= 0) break;
+            plainASCII = false;
+            p += length;
+        }
+    }
+    scratch.clear();
+    readUTF8StringTillNextUnescapedQuote(scratch);
+    ascii = true;
+    for (unsigned char c : scratch) {
+        if (c >= 0x80) {
+            ascii = false;
+            break;
+        }
+    }
+    return scratch;
+}
+
 std::string JSONParser::DocumentReader::readUTF8StringTillNextUnescapedQuote() {
     std::string out;
     readUTF8StringTillNextUnescapedQuote(out);
@@ -705,10 +759,8 @@ JSONValue JSONParser::parseValue() {
             case '{':
                 return parseObject();
             case '"': {
-                JSONValue v(JSONValue::Case::string);
-                new (&v.text_) std::string();
-                reader_.readUTF8StringTillNextUnescapedQuote(v.text_);
-                return v;
+                bool ascii;
+                return JSONValue::string(reader_.readStringView(scratch_, ascii));
             }
             case '-':
             case '0':
@@ -740,35 +792,60 @@ JSONValue JSONParser::parseValue() {
     }
 }
 
+namespace {
+
+// Drops what a container left on a scratch stack, on every way out.
+template <typename Stack>
+class StackMark {
+  public:
+    explicit StackMark(Stack& stack) : stack_(stack), base_(stack.size()) {}
+    ~StackMark() { stack_.resize(base_); }
+    StackMark(const StackMark&) = delete;
+    StackMark& operator=(const StackMark&) = delete;
+    std::size_t base() const { return base_; }
+
+  private:
+    Stack& stack_;
+    std::size_t base_;
+};
+
+}  // namespace
+
 JSONValue JSONParser::parseArray() {
     if (depth_ >= maxDepth) throw JSONError::tooManyNestedArraysOrDictionaries(reader_.index_);
     DepthGuard guard(depth_);
     ++reader_.index_;  // [
 
-    JSONValue result(JSONValue::Case::array);
-    new (&result.array_) JSONArray();
-    JSONArray& elements = result.array_;
+    StackMark mark(values_);
+    auto finish = [&] {
+        JSONValue result(JSONValue::Case::array);
+        new (&result.array_) JSONArray();
+        result.array_.reserve(values_.size() - mark.base());
+        for (std::size_t i = mark.base(); i < values_.size(); ++i)
+            result.array_.push_back(std::move(values_[i]));
+        return result;
+    };
 
     if (reader_.consumeWhitespace() == ']') {
         ++reader_.index_;
-        return result;
+        return finish();
     }
     for (;;) {
-        elements.push_back(parseValue());
+        values_.push_back(parseValue());
         std::uint8_t c = reader_.consumeWhitespace();
         if (c == ',') {
             ++reader_.index_;
             if (reader_.consumeWhitespace() == ']') {
                 ++reader_.index_;
-                return result;
+                return finish();
             }
             continue;
         }
         if (c == ']') {
             ++reader_.index_;
-            return result;
+            return finish();
         }
-        throw JSONError::unexpectedCharacter(std::move(result), c, reader_.index_);
+        throw JSONError::unexpectedCharacter(finish(), c, reader_.index_);
     }
 }
 
@@ -777,67 +854,76 @@ JSONValue JSONParser::parseObject() {
     DepthGuard guard(depth_);
     ++reader_.index_;  // {
 
-    JSONValue result(JSONValue::Case::object);
-    new (&result.object_) JSONObject();
-    JSONObject& members = result.object_;
+    StackMark mark(members_);
+    StackMark asciiMark(asciiKeys_);
+    auto add = [&](JSONObjectKey key, bool ascii, JSONValue value) {
+        members_.push_back(JSONObjectEntry{std::move(key), std::move(value)});
+        asciiKeys_.push_back(ascii ? 1 : 0);
+    };
+    auto finish = [&] {
+        JSONValue result(JSONValue::Case::object);
+        new (&result.object_) JSONObject();
+        result.object_.adopt(members_.data() + mark.base(), members_.size() - mark.base(),
+                             asciiKeys_.data() + asciiMark.base());
+        return result;
+    };
 
     if (reader_.consumeWhitespace() == '}') {
         ++reader_.index_;
-        return result;
+        return finish();
     }
     for (;;) {
-        std::string key;
+        bool ascii = true;
+        std::string_view keyText;
         try {
-            reader_.readUTF8StringTillNextUnescapedQuote(key);
+            keyText = reader_.readStringView(scratch_, ascii);
         } catch (JSONError& e) {
             if (e.kind() != JSONError::Case::unexpectedCharacter) throw;
             // A key that does not start with a quote: keep the rest of the document as text
             // and end this object here; the enclosing context goes on after the offending byte.
-            members.insertOrAssign(JSONObjectKey::wrong(),
-                                   JSONValue::unknown(reader_.readUnknown(e.index())));
-            return result;
+            add(JSONObjectKey::wrong(), true, JSONValue::unknown(reader_.readUnknown(e.index())));
+            return finish();
         }
+        // The key leaves the scratch buffer before the value (which may use it) is read.
+        JSONObjectKey key{std::string(keyText)};
 
         std::uint8_t c = reader_.consumeWhitespace();
         if (c != ':') {
             const std::int64_t at = reader_.index_;
-            members.insertOrAssign(JSONObjectKey(std::move(key)),
-                                   JSONValue::unknown(reader_.readUnknown(at)));
-            throw JSONError::unexpectedCharacter(std::move(result), c, at);
+            add(std::move(key), ascii, JSONValue::unknown(reader_.readUnknown(at)));
+            throw JSONError::unexpectedCharacter(finish(), c, at);
         }
         ++reader_.index_;
         reader_.consumeWhitespace();
 
         try {
             JSONValue value = parseValue();
-            members.insertOrAssign(JSONObjectKey(std::move(key)), std::move(value));
-            c = reader_.consumeWhitespace();
-            if (c == ',') {
-                ++reader_.index_;
-                if (reader_.consumeWhitespace() == '}') {
-                    ++reader_.index_;
-                    return result;
-                }
-                continue;
-            }
-            if (c == '}') {
-                ++reader_.index_;
-                return result;
-            }
-            const std::int64_t at = reader_.index_;
-            members.insertOrAssign(JSONObjectKey::wrong(),
-                                   JSONValue::unknown(reader_.readUnknown(at)));
-            throw JSONError::unexpectedCharacter(std::move(result), c, at);
+            add(std::move(key), ascii, std::move(value));
         } catch (JSONError& e) {
             if (e.kind() != JSONError::Case::unexpectedCharacter || e.jsonValue()) throw;
             // The value did not start like JSON, or a number or literal was malformed: keep the
             // rest, from two bytes before the fault, under the key, and make this object the
             // result.
-            members.insertOrAssign(
-                JSONObjectKey(std::move(key)),
+            add(std::move(key), ascii,
                 JSONValue::unknown(reader_.readUnknown(std::max<std::int64_t>(e.index() - 2, 0))));
-            throw JSONError::unexpectedCharacter(std::move(result), e.ascii(), e.index());
+            throw JSONError::unexpectedCharacter(finish(), e.ascii(), e.index());
         }
+        c = reader_.consumeWhitespace();
+        if (c == ',') {
+            ++reader_.index_;
+            if (reader_.consumeWhitespace() == '}') {
+                ++reader_.index_;
+                return finish();
+            }
+            continue;
+        }
+        if (c == '}') {
+            ++reader_.index_;
+            return finish();
+        }
+        const std::int64_t at = reader_.index_;
+        add(JSONObjectKey::wrong(), true, JSONValue::unknown(reader_.readUnknown(at)));
+        throw JSONError::unexpectedCharacter(finish(), c, at);
     }
 }
 

@@ -10,6 +10,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "kestro/core/export.h"
 #include "kestro/jsonview/json_value.h"
@@ -131,6 +132,9 @@ class KESTRO_API JSONParser {
       private:
         friend class JSONParser;
         std::string readUTF8StringTillNextUnescapedQuote();
+        // The string's text: a view of the document when it holds no escape and no ill-formed
+        // UTF-8, else of scratch. ascii tells whether the text is plain ASCII.
+        std::string_view readStringView(std::string& scratch, bool& ascii);
         void readUTF8StringTillNextUnescapedQuote(std::string& out);
         void parseEscapeSequence(std::string& out);
         std::uint32_t parseUnicodeSequence();
@@ -165,6 +169,12 @@ class KESTRO_API JSONParser {
 
     DocumentReader reader_;
     std::int64_t depth_ = 0;
+    // Elements and members of the containers being read, innermost last; each container
+    // moves its own into an exact-size allocation when it closes.
+    std::vector<JSONValue> values_;
+    std::vector<JSONObjectEntry> members_;
+    std::vector<std::uint8_t> asciiKeys_;
+    std::string scratch_;
 };
 
 using DocumentReader = JSONParser::DocumentReader;

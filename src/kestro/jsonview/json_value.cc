@@ -16,9 +16,17 @@ namespace jsonview::internal {
 namespace {
 
 bool isASCII(std::string_view text) {
-    for (unsigned char c : text)
-        if (c >= 0x80) return false;
-    return true;
+    const char* p = text.data();
+    const std::size_t n = text.size();
+    std::uint64_t acc = 0;
+    std::size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, p + i, 8);
+        acc |= word;
+    }
+    for (; i < n; ++i) acc |= static_cast<unsigned char>(p[i]);
+    return (acc & 0x8080808080808080ULL) == 0;
 }
 
 // NFC form of a text; texts ICU cannot normalise compare as they are.
@@ -47,6 +55,7 @@ using jsonview::internal::isASCII;
 bool operator==(const JSONObjectKey& a, const JSONObjectKey& b) {
     if (a.isWrong != b.isWrong) return false;
     if (a.key == b.key) return true;
+    // Canonically equivalent texts that differ byte-wise hold at least one non-ASCII byte.
     // Only non-ASCII texts can be canonically equivalent without being byte-equal.
     if (isASCII(a.key) && isASCII(b.key)) return false;
     return canonical(a.key) == canonical(b.key);
@@ -140,6 +149,40 @@ void JSONObject::reserve(std::size_t capacity) {
     capacity_ = static_cast<std::uint32_t>(capacity);
 }
 
+void JSONObject::adopt(JSONObjectEntry* first, std::size_t n, const std::uint8_t* asciiKeys) {
+    release();
+    reserve(n);
+    if (n > kLinearLimit) {
+        for (std::size_t i = 0; i < n; ++i)
+            insertOrAssign(std::move(first[i].key), std::move(first[i].value));
+        return;
+    }
+    // Small objects: a duplicate check by scan. Two ASCII keys are canonically equivalent only
+    // when byte-equal, so those compare without normalisation.
+    std::uint8_t placedASCII[kLinearLimit];
+    for (std::size_t i = 0; i < n; ++i) {
+        const JSONObjectKey& key = first[i].key;
+        std::ptrdiff_t duplicate = -1;
+        for (std::uint32_t j = 0; j < size_; ++j) {
+            const JSONObjectKey& placed = entries_[j].key;
+            const bool same = asciiKeys[i] && placedASCII[j]
+                                  ? placed.isWrong == key.isWrong && placed.key == key.key
+                                  : placed == key;
+            if (same) {
+                duplicate = j;
+                break;
+            }
+        }
+        if (duplicate >= 0) {
+            entries_[duplicate].value = std::move(first[i].value);
+            continue;
+        }
+        new (entries_ + size_) JSONObjectEntry(std::move(first[i]));
+        placedASCII[size_] = asciiKeys[i];
+        ++size_;
+    }
+}
+
 void JSONObject::rebuildIndex() {
     delete[] index_;
     index_ = nullptr;
@@ -211,20 +254,20 @@ bool operator==(const JSONObject& a, const JSONObject& b) {
 
 JSONValue JSONValue::string(std::string_view text, std::optional<std::string_view> wrong) {
     JSONValue v(Case::string);
-    new (&v.text_) std::string(text);
+    new (&v.text_) jsonview::internal::Text(text);
     if (wrong) v.setWrong(*wrong);
     return v;
 }
 
 JSONValue JSONValue::string(std::string&& text) {
     JSONValue v(Case::string);
-    new (&v.text_) std::string(std::move(text));
+    new (&v.text_) jsonview::internal::Text(text);
     return v;
 }
 
 JSONValue JSONValue::number(std::string_view sourceText, std::optional<std::string_view> wrong) {
     JSONValue v(Case::number);
-    new (&v.text_) std::string(sourceText);
+    new (&v.text_) jsonview::internal::Text(sourceText);
     if (wrong) v.setWrong(*wrong);
     return v;
 }
@@ -256,13 +299,13 @@ JSONValue JSONValue::object(JSONObject members) {
 
 JSONValue JSONValue::unknown(std::string_view rawText) {
     JSONValue v(Case::unknown);
-    new (&v.text_) std::string(rawText);
+    new (&v.text_) jsonview::internal::Text(rawText);
     return v;
 }
 
 JSONValue JSONValue::unknown(std::string&& rawText) {
     JSONValue v(Case::unknown);
-    new (&v.text_) std::string(std::move(rawText));
+    new (&v.text_) jsonview::internal::Text(rawText);
     return v;
 }
 
@@ -297,7 +340,7 @@ void JSONValue::destroy() noexcept {
         case Case::string:
         case Case::number:
         case Case::unknown:
-            text_.~basic_string();
+            text_.~Text();
             break;
         case Case::array:
             array_.~JSONArray();
@@ -319,7 +362,7 @@ void JSONValue::copyFrom(const JSONValue& other) {
         case Case::string:
         case Case::number:
         case Case::unknown:
-            new (&text_) std::string(other.text_);
+            new (&text_) jsonview::internal::Text(other.text_);
             break;
         case Case::array:
             new (&array_) JSONArray(other.array_);
@@ -341,7 +384,7 @@ void JSONValue::moveFrom(JSONValue&& other) noexcept {
         case Case::string:
         case Case::number:
         case Case::unknown:
-            new (&text_) std::string(std::move(other.text_));
+            new (&text_) jsonview::internal::Text(std::move(other.text_));
             break;
         case Case::array:
             new (&array_) JSONArray(std::move(other.array_));
@@ -371,7 +414,7 @@ std::string_view JSONValue::text() const {
         case Case::string:
         case Case::number:
         case Case::unknown:
-            return text_;
+            return text_.view();
         default:
             return {};
     }
@@ -465,7 +508,7 @@ bool operator==(const JSONValue& a, const JSONValue& b) {
         case JSONValue::Case::string:
         case JSONValue::Case::number:
         case JSONValue::Case::unknown:
-            return a.text_ == b.text_;
+            return a.text_.view() == b.text_.view();
         case JSONValue::Case::boolean:
             return a.bool_ == b.bool_;
         case JSONValue::Case::null:

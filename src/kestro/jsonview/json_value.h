@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "kestro/core/export.h"
+#include "kestro/jsonview/json_text.h"
 
 namespace kestro {
 
@@ -84,6 +85,11 @@ class KESTRO_API JSONObject {
     friend KESTRO_API bool operator==(const JSONObject& a, const JSONObject& b);
 
   private:
+    friend class JSONParser;
+    // Takes n entries (moved from), keeping the first position and the last value of
+    // duplicate keys. asciiKeys[i] tells whether entry i's key is plain ASCII, which allows a
+    // byte comparison.
+    void adopt(JSONObjectEntry* first, std::size_t n, const std::uint8_t* asciiKeys);
     std::ptrdiff_t indexOf(const JSONObjectKey& key, std::size_t hash) const;
     void rebuildIndex();
     void release() noexcept;
@@ -195,9 +201,9 @@ class KESTRO_API JSONValue {
     Case case_;
     bool bool_ = false;
     union {
-        std::string text_;   // string, number, unknown
-        JSONArray array_;    // array
-        JSONObject object_;  // object
+        jsonview::internal::Text text_;  // string, number, unknown
+        JSONArray array_;                // array
+        JSONObject object_;              // object
     };
     std::string* wrong_ = nullptr;  // owned; only scalars
 };
