@@ -1,7 +1,6 @@
 #include "kestro/network/network_interceptor.h"
 
 #include <boost/url/parse.hpp>
-
 #include <mutex>
 #include <typeindex>
 
@@ -59,7 +58,8 @@ struct NetworkInterceptor::State : std::enable_shared_from_this<NetworkIntercept
         try {
             (*cb)(wrapper);
         } catch (const std::exception& e) {
-            printI(std::string("❌ The network capture handler threw: ") + e.what(), LogLevel::error);
+            printI(std::string("❌ The network capture handler threw: ") + e.what(),
+                   LogLevel::error);
         } catch (...) {
             printI("❌ The network capture handler threw", LogLevel::error);
         }
@@ -77,7 +77,7 @@ namespace {
 // The handler class as the registry sees it: made per interceptor, so that each handler
 // object knows the interceptor state it reports to.
 class InterceptorProtocolClass final : public URLProtocolClass {
-public:
+  public:
     explicit InterceptorProtocolClass(std::weak_ptr<NetworkInterceptor::State> state)
         : state_(std::move(state)) {}
     bool canInit(const URLRequest& request) const override {
@@ -93,7 +93,7 @@ public:
     }
     std::type_index identity() const override { return typeid(NetworkInterceptorRequest); }
 
-private:
+  private:
     std::weak_ptr<NetworkInterceptor::State> state_;
 };
 
@@ -216,8 +216,7 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
         if (!state->breakPointEnabled.load()) return afterBreakpoint();
 
         printI("Waiting for breakpoint... " + copy.url.value_or("-"), LogLevel::verbose);
-        const auto timeout =
-            std::chrono::steady_clock::duration(state->breakpointTimeout.load());
+        const auto timeout = std::chrono::steady_clock::duration(state->breakpointTimeout.load());
         auto self = shared_from_this();
         auto ticket = state->gate->hold(
             [self](bool released) {

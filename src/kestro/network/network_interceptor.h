@@ -35,7 +35,7 @@ namespace kestro {
 /// workers of the global executor, possibly concurrently for different requests; the start
 /// report of a request always comes before its response report.
 class KESTRO_API NetworkInterceptor {
-public:
+  public:
     using Callback = std::function<void(const InterceptedRequestWrapper&)>;
 
     /// How long a request may wait at a breakpoint before it fails with a time-out error.
@@ -81,13 +81,13 @@ public:
 
     struct State;
 
-private:
+  private:
     std::shared_ptr<State> state_;
 };
 
 /// The per-request handler of the interceptor.
 class KESTRO_API NetworkInterceptorRequest : public URLProtocol {
-public:
+  public:
     /// The admission test: a request carrying "Intercepted" (any value) is declined; one
     /// carrying a boolean "SkipIntercept" is admitted exactly when it is false; any other
     /// request is admitted.
@@ -104,7 +104,7 @@ public:
     /// Header fields as a plain text-to-text dictionary.
     static std::map<std::string, std::string> headersToMap(const HTTPHeaderFields& headers);
 
-private:
+  private:
     struct Flow;
     std::shared_ptr<Flow> flow_;
 };

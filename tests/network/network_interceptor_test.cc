@@ -1,0 +1,378 @@
+#include "kestro/network/network_interceptor.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "kestro/core/console.h"
+#include "kestro/network/body_text.h"
+#include "kestro/network/http.h"
+#include "support/console_capture.h"
+#include "support/http_server.h"
+#include "support/wait.h"
+
+namespace kestro {
+namespace {
+
+using namespace std::chrono_literals;
+using test::HttpReply;
+using test::HttpServer;
+using test::Recorder;
+
+// A request made through the shared session, as the application would make it.
+http::Result fetch(URLRequest request) { return http::sendBlocking(std::move(request), 10s); }
+http::Result fetch(const std::string& url) { return fetch(URLRequest(url)); }
+
+// Starts capturing into a recorder and stops when the test ends.
+struct Capture {
+    std::shared_ptr<MockCache> cache = std::make_shared<MockCache>();
+    NetworkInterceptor interceptor{cache};
+    Recorder<InterceptedRequestWrapper> reports;
+
+    Capture() {
+        interceptor.startIntercepting(
+            [this](const InterceptedRequestWrapper& w) { reports.add(w); });
+    }
+    ~Capture() { interceptor.stopIntercepting(); }
+};
+
+class NetworkInterceptorTest : public ::testing::Test {
+  protected:
+    void SetUp() override { setConsoleLevel(LogLevel::verbose); }
+    void TearDown() override { setConsoleLevel(LogLevel::debug); }
+};
+
+TEST(NetworkInterceptorAdmission, PropertiesDecideWhichRequestsAreTakenOver) {
+    struct Case {
+        const char* what;
+        std::optional<URLPropertyValue> skip;
+        std::optional<URLPropertyValue> intercepted;
+        bool admitted;
+    };
+    const std::vector<Case> cases = {
+        {"plain request", {}, {}, true},
+        {"SkipIntercept true (the SDK's own upload)", true, {}, false},
+        {"SkipIntercept false", false, {}, true},
+        {"SkipIntercept that is not a boolean", std::string("true"), {}, true},
+        {"Intercepted true (a forwarded copy)", {}, true, false},
+        {"Intercepted of any value", {}, std::string("no"), false},
+        {"Intercepted wins over SkipIntercept false", false, true, false},
+    };
+    for (const auto& c : cases) {
+        URLRequest request("http://127.0.0.1:1/x");
+        if (c.skip) URLProtocol::setProperty(*c.skip, "SkipIntercept", request);
+        if (c.intercepted) URLProtocol::setProperty(*c.intercepted, "Intercepted", request);
+        EXPECT_EQ(NetworkInterceptorRequest::canInit(request), c.admitted) << c.what;
+    }
+}
+
+TEST_F(NetworkInterceptorTest, ReportsStartAndResponseUnderOneIdAndForwardsACleanCopy) {
+    HttpServer server([](const test::ReceivedRequest&) {
+        return HttpReply::text(201, R"({"id":7})", "Application/JSON; charset=utf-8");
+    });
+    Capture capture;
+    test::ConsoleCapture console;
+
+    URLRequest request(server.url("/orders?page=2"));
+    request.httpMethod = "POST";
+    request.httpBody = R"({"sku":"A-1"})";
+    request.setValue("application/json", "Content-Type");
+    request.setValue("abc", "X-Trace");
+    const auto result = fetch(request);
+
+    ASSERT_FALSE(result.error) << result.summary();
+    EXPECT_EQ(result.status, 201);
+    EXPECT_EQ(result.body, R"({"id":7})");
+    ASSERT_TRUE(capture.reports.waitFor(2));
+    const auto reports = capture.reports.values();
+
+    const auto& start = reports[0];
+    ASSERT_TRUE(start.request && start.request->request);
+    EXPECT_FALSE(start.response);
+    EXPECT_EQ(start.request->request->url, server.url("/orders?page=2"));
+    EXPECT_EQ(start.request->request->method, "POST");
+    EXPECT_EQ(start.request->request->body, R"({"sku":"A-1"})");
+    EXPECT_EQ(start.request->request->headers.at("X-Trace"), "abc");
+    EXPECT_TRUE(start.request->startedAt);
+
+    const auto& done = reports[1];
+    EXPECT_FALSE(done.request);
+    ASSERT_TRUE(done.response);
+    EXPECT_EQ(done.requestId, start.requestId);
+    ASSERT_TRUE(start.requestId);
+    EXPECT_EQ(done.response->statusCode, 201);
+    EXPECT_EQ(done.response->body, R"({"id":7})");  // a JSON type is reported as text
+    EXPECT_EQ(done.response->headers.at("Content-Type"), "Application/JSON; charset=utf-8");
+    EXPECT_TRUE(done.response->receivedAt);
+
+    // Only the application's own fields reached the server: properties never go on the wire.
+    ASSERT_EQ(server.requestCount(), 1u);
+    const auto received = server.requests()[0];
+    EXPECT_EQ(received.method, "POST");
+    EXPECT_EQ(received.body, R"({"sku":"A-1"})");
+    EXPECT_EQ(received.header("X-Trace"), "abc");
+    EXPECT_FALSE(received.header("Intercepted"));
+    EXPECT_FALSE(received.header("Kes-Tro-Request-ID"));
+
+    const std::string text = console.text();
+    EXPECT_NE(text.find("📝 Intercept Req: POST:" + server.url("/orders?page=2")),
+              std::string::npos);
+    EXPECT_NE(
+        text.find("⚡ Should mock: false POST:" + server.url("/orders?page=2") + "  hasSkip: -0"),
+        std::string::npos);
+}
+
+TEST_F(NetworkInterceptorTest, ApplicationReceivesTheSameResponseWithAndWithoutCapture) {
+    std::string png = "\x89PNG\r\n\x1a\n";
+    for (int i = 0; i < 300; ++i) png.push_back(static_cast<char>(i * 37));
+    struct Case {
+        const char* what;
+        HttpReply reply;
+        std::string reportedBody;  // what the response report carries
+    };
+    HttpReply chunked = HttpReply::text(200, std::string(20000, 'c'), "text/plain");
+    chunked.chunked = true;
+    HttpReply gzip = HttpReply::text(200, std::string(5000, 'z'), "application/json");
+    gzip.gzip = true;
+    HttpReply nonUtf8 = HttpReply::text(200, "{\"a\":\"\xff\xfe\"}", "application/json");
+    const std::vector<Case> cases = {
+        {"text", HttpReply::text(200, "hello", "text/plain"), "hello"},
+        {"json", HttpReply::text(404, R"({"e":1})", "application/json"), R"({"e":1})"},
+        {"png", HttpReply::text(200, png, "image/png"), base64Encode(png)},
+        {"svg counts as text", HttpReply::text(200, "<svg/>", "image/svg+xml"), "<svg/>"},
+        {"chunked", chunked, std::string(20000, 'c')},
+        {"gzip-encoded", gzip, std::string(5000, 'z')},
+        {"json that is not UTF-8", nonUtf8, "[non-utf8 text]"},
+    };
+    for (const auto& c : cases) {
+        HttpServer server([&](const test::ReceivedRequest&) { return c.reply; });
+        const auto plain = fetch(server.url("/r"));
+        ASSERT_FALSE(plain.error) << c.what;
+
+        Capture capture;
+        const auto captured = fetch(server.url("/r"));
+        ASSERT_FALSE(captured.error) << c.what;
+        EXPECT_EQ(captured.status, plain.status) << c.what;
+        EXPECT_EQ(captured.body, plain.body) << c.what;
+        auto withoutDate = [](HTTPHeaderFields h) {
+            h.erase("Date");
+            return h;
+        };
+        EXPECT_EQ(withoutDate(captured.headers), withoutDate(plain.headers)) << c.what;
+
+        ASSERT_TRUE(capture.reports.waitFor(2)) << c.what;
+        const auto done = capture.reports.values()[1];
+        ASSERT_TRUE(done.response) << c.what;
+        EXPECT_EQ(done.response->body, c.reportedBody) << c.what;
+        EXPECT_EQ(done.response->statusCode, plain.status) << c.what;
+    }
+}
+
+TEST_F(NetworkInterceptorTest, TransportFailuresReachTheApplicationAsWithoutCapture) {
+    HttpReply midBody = HttpReply::text(200, std::string(100000, 'x'));
+    midBody.fault = HttpReply::Fault::closeMidBody;
+    HttpReply badStatus;
+    badStatus.fault = HttpReply::Fault::invalidStatusLine;
+    for (const auto& reply : {midBody, badStatus}) {
+        HttpServer server([&](const test::ReceivedRequest&) { return reply; });
+        const auto plain = fetch(server.url("/f"));
+        ASSERT_TRUE(plain.error);
+
+        Capture capture;
+        const auto captured = fetch(server.url("/f"));
+        ASSERT_TRUE(captured.error);
+        EXPECT_EQ(captured.error->code, plain.error->code);
+        EXPECT_EQ(captured.error->domain, plain.error->domain);
+        // The start was reported; a failed load reports no response.
+        ASSERT_TRUE(capture.reports.waitFor(1));
+        EXPECT_EQ(capture.reports.size(), 1u);
+    }
+}
+
+TEST_F(NetworkInterceptorTest, MockRulesAnswerWithoutTheNetwork) {
+    HttpServer server;
+    Capture capture;
+    test::ConsoleCapture console;
+    MockCacheEntry rule;
+    rule.url = server.url("/users/*");
+    rule.statusCode = 404;
+    rule.headers =
+        std::map<std::string, std::string>{{"Content-Type", "application/json"}, {"X-Mock", "yes"}};
+    rule.body = R"({"error":"gone"})";
+    capture.cache->addToMockCache(rule.url, rule);
+
+    const auto result = fetch(server.url("/users/42"));
+    ASSERT_FALSE(result.error) << result.summary();
+    EXPECT_EQ(result.status, 404);
+    EXPECT_EQ(result.body, R"({"error":"gone"})");
+    EXPECT_EQ(result.headers.at("X-Mock"), "yes");
+    EXPECT_FALSE(result.headers.count("Kestro-Intercepted"));  // the application never sees it
+    EXPECT_EQ(server.requestCount(), 0u);
+
+    ASSERT_TRUE(capture.reports.waitFor(2));
+    const auto done = capture.reports.values()[1];
+    ASSERT_TRUE(done.response);
+    EXPECT_EQ(done.response->statusCode, 404);
+    EXPECT_EQ(done.response->headers.at("Kestro-Intercepted"), "true");
+    EXPECT_EQ(done.response->headers.at("X-Mock"), "yes");
+    EXPECT_EQ(done.response->body, R"({"error":"gone"})");
+    EXPECT_NE(console.text().find("customStatusCode:: 404\n"), std::string::npos);
+    EXPECT_NE(console.text().find("⚡ Should mock: true GET:" + server.url("/users/42") +
+                                  "  hasSkip: -404"),
+              std::string::npos);
+
+    // A rule without status and body answers 200 with an empty body.
+    MockCacheEntry bare;
+    bare.url = server.url("/bare");
+    capture.cache->addToMockCache(bare.url, bare);
+    const auto empty = fetch(server.url("/bare"));
+    ASSERT_FALSE(empty.error) << empty.summary();
+    EXPECT_EQ(empty.status, 200);
+    EXPECT_EQ(empty.body, "");
+    EXPECT_EQ(server.requestCount(), 0u);
+}
+
+TEST_F(NetworkInterceptorTest, MediaRulesRedirectTheRealLoad) {
+    HttpServer server([](const test::ReceivedRequest& r) {
+        return HttpReply::text(200, "bytes of " + r.target, "image/jpeg");
+    });
+    Capture capture;
+    MockCacheEntry media;
+    media.url = server.url("/avatar.png");
+    media.mockedUrl = server.url("/placeholder.jpg");
+    media.headers = std::map<std::string, std::string>{{"Content-Type", "IMAGE/JPEG"}};
+    capture.cache->addToMockCache(media.url, media);
+    MockCacheEntry withoutTarget;
+    withoutTarget.url = server.url("/video");
+    withoutTarget.headers = std::map<std::string, std::string>{{"Accept", "video/mp4"}};
+    capture.cache->addToMockCache(withoutTarget.url, withoutTarget);
+
+    const auto redirected = fetch(server.url("/avatar.png"));
+    ASSERT_FALSE(redirected.error) << redirected.summary();
+    EXPECT_EQ(redirected.body, "bytes of /placeholder.jpg");
+    ASSERT_TRUE(capture.reports.waitFor(2));
+    // The start report names the URL the application asked for.
+    EXPECT_EQ(capture.reports.values()[0].request->request->url, server.url("/avatar.png"));
+
+    // A media rule without another URL loads the request's own.
+    const auto own = fetch(server.url("/video"));
+    ASSERT_FALSE(own.error) << own.summary();
+    EXPECT_EQ(own.body, "bytes of /video");
+}
+
+TEST_F(NetworkInterceptorTest, HeldRequestsWaitForTheSwitchOffAndThenSeeNewRules) {
+    HttpServer server([](const test::ReceivedRequest&) { return HttpReply::text(200, "real"); });
+    Capture capture;
+    test::ConsoleCapture console;
+    capture.interceptor.setBreakPointEnabled(true);
+
+    Recorder<http::Result> results;
+    http::get(server.url("/one"), [&](http::Result r) { results.add(std::move(r)); });
+    http::get(server.url("/two"), [&](http::Result r) { results.add(std::move(r)); });
+
+    // Both starts are reported while the requests are held; nothing reached the server.
+    ASSERT_TRUE(capture.reports.waitFor(2));
+    ASSERT_TRUE(test::waitUntil([&] { return capture.interceptor.semaphore().heldCount() == 2; }));
+    EXPECT_EQ(server.requestCount(), 0u);
+    EXPECT_EQ(results.size(), 0u);
+    EXPECT_NE(console.text().find("Waiting for breakpoint... " + server.url("/one")),
+              std::string::npos);
+
+    // A rule added while they are held applies once they go on.
+    MockCacheEntry rule;
+    rule.url = server.url("/two");
+    rule.statusCode = 503;
+    rule.body = "mocked";
+    capture.cache->addToMockCache(rule.url, rule);
+
+    capture.interceptor.setBreakPointEnabled(false);
+    capture.interceptor.semaphore().release();  // one switch-off lets every held request go
+    ASSERT_TRUE(results.waitFor(2));
+    std::map<std::string, http::Result> byBody;
+    for (auto& r : results.values()) byBody[r.body] = r;
+    EXPECT_EQ(byBody.at("real").status, 200);
+    EXPECT_EQ(byBody.at("mocked").status, 503);
+    EXPECT_EQ(server.requestCount(), 1u);
+    EXPECT_NE(console.text().find("Continue after breakpoint..."), std::string::npos);
+
+    // A switch-off with nothing held leaves one spare permit: the next request passes.
+    capture.interceptor.semaphore().release();
+    capture.interceptor.setBreakPointEnabled(true);
+    const auto passed = fetch(server.url("/three"));
+    EXPECT_EQ(passed.status, 200);
+    EXPECT_EQ(capture.interceptor.semaphore().sparePermits(), 0);
+}
+
+TEST_F(NetworkInterceptorTest, AHeldRequestGivesUpAfterItsTimeOutAndCancellingReleasesIt) {
+    HttpServer server;
+    Capture capture;
+    capture.interceptor.setBreakPointEnabled(true);
+    capture.interceptor.setBreakpointTimeout(200ms);
+
+    const auto timedOut = fetch(server.url("/held"));
+    ASSERT_TRUE(timedOut.error);
+    EXPECT_TRUE(timedOut.error->is(URLErrorCode::timedOut)) << timedOut.summary();
+    EXPECT_EQ(server.requestCount(), 0u);
+
+    // An application that cancels a held request ends the hold at once.
+    capture.interceptor.setBreakpointTimeout(std::chrono::seconds(60));
+    Recorder<std::optional<URLError>> done;
+    auto task = URLSession::shared().dataTask(
+        URLRequest(server.url("/cancelled")),
+        [&](auto, auto, std::optional<URLError> error) { done.add(error); });
+    task->resume();
+    ASSERT_TRUE(test::waitUntil([&] { return capture.interceptor.semaphore().heldCount() == 1; }));
+    task->cancel();
+    ASSERT_TRUE(done.waitFor(1));
+    ASSERT_TRUE(done.values()[0]);
+    EXPECT_TRUE(done.values()[0]->is(URLErrorCode::cancelled));
+    EXPECT_TRUE(test::waitUntil([&] { return capture.interceptor.semaphore().heldCount() == 0; }));
+}
+
+TEST_F(NetworkInterceptorTest, CancellingTheApplicationRequestCancelsThePrivateLoad) {
+    HttpReply silent;
+    silent.fault = HttpReply::Fault::neverAnswer;
+    HttpServer server([&](const test::ReceivedRequest&) { return silent; });
+    Capture capture;
+    const std::size_t before = URLSession::activeTransferCount();
+
+    Recorder<std::optional<URLError>> done;
+    auto task = URLSession::shared().dataTask(
+        URLRequest(server.url("/slow")),
+        [&](auto, auto, std::optional<URLError> error) { done.add(error); });
+    task->resume();
+    ASSERT_TRUE(server.waitForRequests(1));
+    task->cancel();
+    ASSERT_TRUE(done.waitFor(1));
+    EXPECT_TRUE(done.values()[0] && done.values()[0]->is(URLErrorCode::cancelled));
+    EXPECT_TRUE(test::waitUntil([&] { return URLSession::activeTransferCount() <= before; }));
+}
+
+TEST_F(NetworkInterceptorTest, StoppingLetsNewRequestsThroughUnreported) {
+    HttpServer server;
+    auto capture = std::make_unique<Capture>();
+    ASSERT_FALSE(fetch(server.url("/a")).error);
+    ASSERT_TRUE(capture->reports.waitFor(2));
+    capture->interceptor.stopIntercepting();
+    EXPECT_FALSE(capture->interceptor.isIntercepting());
+    EXPECT_FALSE(capture->interceptor.callback());
+
+    ASSERT_FALSE(fetch(server.url("/b")).error);
+    EXPECT_EQ(capture->reports.size(), 2u);
+    EXPECT_EQ(server.requestCount(), 2u);
+}
+
+TEST_F(NetworkInterceptorTest, UploadsMarkedSkipInterceptAreNeverTakenOver) {
+    HttpServer server;
+    Capture capture;
+    URLRequest own(server.url("/v1/requests"));
+    URLProtocol::setProperty(true, "SkipIntercept", own);
+    ASSERT_FALSE(fetch(own).error);
+    EXPECT_EQ(server.requestCount(), 1u);
+    EXPECT_EQ(capture.reports.size(), 0u);
+}
+
+}  // namespace
+}  // namespace kestro
