@@ -19,15 +19,14 @@ struct Outcome {
 
 /// Starts a task that records its completions; wait() returns the first.
 class Fetch {
-public:
+  public:
     Fetch(URLSession& session, URLRequest request) {
-        task_ = session.dataTask(std::move(request),
-                                 [rec = recorder_](std::optional<std::string> d,
-                                                   std::optional<HTTPURLResponse> r,
-                                                   std::optional<URLError> e) {
-                                     rec->add({std::move(d), std::move(r), std::move(e),
-                                               std::this_thread::get_id()});
-                                 });
+        task_ =
+            session.dataTask(std::move(request), [rec = recorder_](std::optional<std::string> d,
+                                                                   std::optional<HTTPURLResponse> r,
+                                                                   std::optional<URLError> e) {
+                rec->add({std::move(d), std::move(r), std::move(e), std::this_thread::get_id()});
+            });
     }
     Fetch& resume() {
         task_->resume();
@@ -44,7 +43,7 @@ public:
     std::size_t completions() const { return recorder_->size(); }
     URLSessionDataTask& task() { return *task_; }
 
-private:
+  private:
     std::shared_ptr<Recorder<Outcome>> recorder_ = std::make_shared<Recorder<Outcome>>();
     std::shared_ptr<URLSessionDataTask> task_;
 };

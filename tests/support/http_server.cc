@@ -220,18 +220,21 @@ struct HttpServer::Impl {
                     co_await timer.async_wait(kTuple);
                     co_return;
                 }
-                case HttpReply::Fault::closeWithoutAnswer: co_return;
+                case HttpReply::Fault::closeWithoutAnswer:
+                    co_return;
                 case HttpReply::Fault::invalidStatusLine: {
                     std::string junk = "HTTP/1.1 2x0 Fine\r\nContent-Length: 2\r\n\r\nok";
                     co_await asio::async_write(stream, asio::buffer(junk), kTuple);
                     co_return;
                 }
-                default: break;
+                default:
+                    break;
             }
 
             std::string body = reply.generatedBodySize ? std::string() : std::move(reply.body);
             if (reply.gzip && !reply.generatedBodySize) body = gzip(body);
-            const std::uint64_t size = reply.generatedBodySize ? reply.generatedBodySize : body.size();
+            const std::uint64_t size =
+                reply.generatedBodySize ? reply.generatedBodySize : body.size();
             const bool noBody = reply.status < 200 || reply.status == 204 || reply.status == 304;
 
             std::string head = statusLine(reply.status);
@@ -255,10 +258,11 @@ struct HttpServer::Impl {
             const std::size_t piece = reply.chunked ? 4096 : 256 * 1024;
             std::string block;
             for (std::uint64_t off = 0; off < toSend;) {
-                const std::size_t len = static_cast<std::size_t>(std::min<std::uint64_t>(piece, toSend - off));
+                const std::size_t len =
+                    static_cast<std::size_t>(std::min<std::uint64_t>(piece, toSend - off));
                 if (reply.generatedBodySize) {
                     block.resize(len);
-                    for (std::size_t i = 0; i < len; ++i) block[i] = static_cast<char>(patternByte(off + i));
+                    fillPattern(off, block.data(), len);
                 } else {
                     block.assign(body, static_cast<std::size_t>(off), len);
                 }
@@ -274,7 +278,8 @@ struct HttpServer::Impl {
             }
             if (reply.fault == HttpReply::Fault::closeMidBody) co_return;
             if (reply.chunked) {
-                auto [cec, cn] = co_await asio::async_write(stream, asio::buffer("0\r\n\r\n", 5), kTuple);
+                auto [cec, cn] =
+                    co_await asio::async_write(stream, asio::buffer("0\r\n\r\n", 5), kTuple);
                 if (cec) co_return;
             }
             if (reply.closeConnection || !keepAlive) co_return;
@@ -351,13 +356,13 @@ void HttpServer::setHandler(Handler handler) {
 }
 
 std::string HttpServer::url(std::string_view path) const {
-    return std::string(scheme_ == Scheme::https ? "https" : "http") + "://127.0.0.1:" +
-           std::to_string(port_) + std::string(path);
+    return std::string(scheme_ == Scheme::https ? "https" : "http") +
+           "://127.0.0.1:" + std::to_string(port_) + std::string(path);
 }
 
 std::string HttpServer::localhostUrl(std::string_view path) const {
-    return std::string(scheme_ == Scheme::https ? "https" : "http") + "://localhost:" +
-           std::to_string(port_) + std::string(path);
+    return std::string(scheme_ == Scheme::https ? "https" : "http") +
+           "://localhost:" + std::to_string(port_) + std::string(path);
 }
 
 std::vector<ReceivedRequest> HttpServer::requests() const {

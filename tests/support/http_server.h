@@ -17,7 +17,7 @@ namespace kestro::test {
 /// One request as the test server received it.
 struct ReceivedRequest {
     std::string method;
-    std::string target;  // path and query, as sent
+    std::string target;                                        // path and query, as sent
     std::vector<std::pair<std::string, std::string>> headers;  // in order, names as sent
     std::string body;
     std::uint64_t connection = 0;  // 1, 2, ... in order of accepted connections
@@ -31,6 +31,18 @@ struct ReceivedRequest {
 /// that is not periodic on any power-of-two boundary, so a lost or repeated block shows.
 inline std::uint8_t patternByte(std::uint64_t i) {
     return static_cast<std::uint8_t>((i * 7 + (i >> 13) * 3) % 251);
+}
+
+/// Writes patternByte(offset + k) for k < len to out, without a division per byte.
+inline void fillPattern(std::uint64_t offset, char* out, std::size_t len) {
+    std::uint32_t v = patternByte(offset);
+    for (std::size_t k = 0; k < len; ++k) {
+        out[k] = static_cast<char>(v);
+        const std::uint64_t next = offset + k + 1;
+        v += 7;
+        if ((next & 8191) == 0) v += 3;
+        while (v >= 251) v -= 251;
+    }
 }
 
 /// What the server answers to one request. The default is "200 OK" with an empty body.
@@ -75,7 +87,7 @@ struct HttpReply {
 /// called from any thread. stop() (or the destructor) closes every connection and joins the
 /// thread; requests still waiting for a delayed or withheld answer see their connection close.
 class HttpServer {
-public:
+  public:
     using Handler = std::function<HttpReply(const ReceivedRequest&)>;
     enum class Scheme { http, https };
 
@@ -106,7 +118,7 @@ public:
 
     struct Impl;
 
-private:
+  private:
     friend struct Impl;
     std::unique_ptr<Impl> impl_;
     std::uint16_t port_ = 0;

@@ -64,8 +64,7 @@ void get(std::string url, Callback callback, Options options) {
     start(URLRequest(std::move(url)), std::move(callback), options);
 }
 
-void postJSON(std::string url, const boost::json::value& body, Callback callback,
-              Options options) {
+void postJSON(std::string url, const boost::json::value& body, Callback callback, Options options) {
     start(jsonPost(std::move(url), body), std::move(callback), options);
 }
 

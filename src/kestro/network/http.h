@@ -1,7 +1,6 @@
 #pragma once
 
 #include <boost/json/value.hpp>
-
 #include <chrono>
 #include <functional>
 #include <optional>

@@ -16,7 +16,11 @@ class URLProtocol;
 
 /// Whether a handler's response may be kept in a cache. The layer keeps no cache; the value is
 /// passed through for handlers that report it.
-enum class URLCacheStoragePolicy : std::uint8_t { allowed = 0, allowedInMemoryOnly = 1, notAllowed = 2 };
+enum class URLCacheStoragePolicy : std::uint8_t {
+    allowed = 0,
+    allowedInMemoryOnly = 1,
+    notAllowed = 2
+};
 
 /// What a protocol handler reports to: the data task that it loads for. A handler calls
 /// didReceiveResponse (at most once), didLoadData (any number of times), then exactly one of
@@ -26,7 +30,7 @@ enum class URLCacheStoragePolicy : std::uint8_t { allowed = 0, allowedInMemoryOn
 /// Thread safety: every member may be called from any thread, but the calls of one handler
 /// must not overlap (make them from one thread or one chain of asynchronous steps).
 class KESTRO_API URLProtocolClient {
-public:
+  public:
     virtual ~URLProtocolClient() = default;
     virtual void didReceiveResponse(URLProtocol& protocol, const HTTPURLResponse& response,
                                     URLCacheStoragePolicy policy) = 0;
@@ -40,15 +44,15 @@ public:
 /// URLProtocolClass::of<T>() for a URLProtocol subclass T; implement this interface directly
 /// only for handler classes assembled at run time.
 class KESTRO_API URLProtocolClass {
-public:
+  public:
     virtual ~URLProtocolClass() = default;
     /// Whether the class takes over this request. Called on a worker of the global executor;
     /// must be quick and must not block.
     virtual bool canInit(const URLRequest& request) const = 0;
     /// The form of the request that the handler object is made with.
     virtual URLRequest canonicalRequest(const URLRequest& request) const = 0;
-    virtual std::shared_ptr<URLProtocol> create(const URLRequest& request,
-                                                std::shared_ptr<URLProtocolClient> client) const = 0;
+    virtual std::shared_ptr<URLProtocol> create(
+        const URLRequest& request, std::shared_ptr<URLProtocolClient> client) const = 0;
     /// Identity of the class in the registry: registering an equal identity again replaces it.
     virtual std::type_index identity() const = 0;
 
@@ -72,7 +76,7 @@ public:
 ///
 /// Ownership: the data task owns its handler object until the task has completed.
 class KESTRO_API URLProtocol : public std::enable_shared_from_this<URLProtocol> {
-public:
+  public:
     URLProtocol(URLRequest request, std::shared_ptr<URLProtocolClient> client);
     virtual ~URLProtocol();
     URLProtocol(const URLProtocol&) = delete;
@@ -114,7 +118,7 @@ public:
     static void setProperty(URLPropertyValue value, std::string_view key, URLRequest& request);
     static void removeProperty(std::string_view key, URLRequest& request);
 
-private:
+  private:
     URLRequest request_;
     std::shared_ptr<URLProtocolClient> client_;
 };
@@ -122,7 +126,7 @@ private:
 namespace network::internal {
 template <typename T>
 class ProtocolClassOf final : public URLProtocolClass {
-public:
+  public:
     bool canInit(const URLRequest& request) const override { return T::canInit(request); }
     URLRequest canonicalRequest(const URLRequest& request) const override {
         return T::canonicalRequest(request);

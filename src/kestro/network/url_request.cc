@@ -64,8 +64,8 @@ std::optional<std::string> URLRequest::value(std::string_view field) const {
     return it->second;
 }
 
-HTTPURLResponse::HTTPURLResponse(std::string url, std::int64_t statusCode,
-                                 std::string httpVersion, HTTPHeaderFields headerFields)
+HTTPURLResponse::HTTPURLResponse(std::string url, std::int64_t statusCode, std::string httpVersion,
+                                 HTTPHeaderFields headerFields)
     : url(std::move(url)),
       statusCode(statusCode),
       httpVersion(std::move(httpVersion)),
@@ -90,25 +90,36 @@ std::int64_t HTTPURLResponse::expectedContentLength() const {
 namespace {
 const char* standardWords(URLErrorCode code) {
     switch (code) {
-        case URLErrorCode::cancelled: return "The request was cancelled.";
-        case URLErrorCode::badURL: return "The URL is not valid.";
-        case URLErrorCode::timedOut: return "The request timed out.";
-        case URLErrorCode::unsupportedURL: return "The URL's scheme is not supported.";
-        case URLErrorCode::cannotFindHost: return "The server's host name could not be found.";
-        case URLErrorCode::cannotConnectToHost: return "Could not connect to the server.";
-        case URLErrorCode::networkConnectionLost: return "The network connection was lost.";
-        case URLErrorCode::httpTooManyRedirects: return "There were too many redirects.";
-        case URLErrorCode::badServerResponse: return "The server sent a response that is not HTTP.";
+        case URLErrorCode::cancelled:
+            return "The request was cancelled.";
+        case URLErrorCode::badURL:
+            return "The URL is not valid.";
+        case URLErrorCode::timedOut:
+            return "The request timed out.";
+        case URLErrorCode::unsupportedURL:
+            return "The URL's scheme is not supported.";
+        case URLErrorCode::cannotFindHost:
+            return "The server's host name could not be found.";
+        case URLErrorCode::cannotConnectToHost:
+            return "Could not connect to the server.";
+        case URLErrorCode::networkConnectionLost:
+            return "The network connection was lost.";
+        case URLErrorCode::httpTooManyRedirects:
+            return "There were too many redirects.";
+        case URLErrorCode::badServerResponse:
+            return "The server sent a response that is not HTTP.";
         case URLErrorCode::cannotDecodeContentData:
             return "The response body could not be decoded.";
-        case URLErrorCode::cannotParseResponse: return "The response could not be parsed.";
+        case URLErrorCode::cannotParseResponse:
+            return "The response could not be parsed.";
         case URLErrorCode::dataLengthExceedsMaximum:
             return "The response body is larger than the session's maximum.";
         case URLErrorCode::secureConnectionFailed:
             return "A secure connection to the server could not be made.";
         case URLErrorCode::serverCertificateUntrusted:
             return "The server's certificate is not trusted.";
-        case URLErrorCode::unknown: break;
+        case URLErrorCode::unknown:
+            break;
     }
     return "The request failed.";
 }

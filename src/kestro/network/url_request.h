@@ -48,9 +48,10 @@ using URLPropertyValue = std::variant<bool, std::int64_t, double, std::string>;
 /// Not synchronised: one request object is used by one thread at a time (copy it to share).
 struct KESTRO_API URLRequest {
     URLRequest() = default;
-    explicit URLRequest(std::string url,
-                        URLRequestCachePolicy cachePolicy = URLRequestCachePolicy::useProtocolCachePolicy,
-                        std::optional<std::chrono::milliseconds> timeoutInterval = std::nullopt);
+    explicit URLRequest(
+        std::string url,
+        URLRequestCachePolicy cachePolicy = URLRequestCachePolicy::useProtocolCachePolicy,
+        std::optional<std::chrono::milliseconds> timeoutInterval = std::nullopt);
 
     /// Absolute URL text; absent for a request made without one.
     std::optional<std::string> url;

@@ -36,8 +36,8 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
     URLSessionDataTask::CompletionHandler completion;  // touched only by the winner of `done`
 
     std::atomic<TaskState> state{TaskState::suspended};
-    std::atomic<bool> done{false};      // set once by whoever completes the task
-    std::atomic<bool> onLoop{false};    // handed to the loading thread
+    std::atomic<bool> done{false};    // set once by whoever completes the task
+    std::atomic<bool> onLoop{false};  // handed to the loading thread
 
     // Handler path. handlerMutex orders startLoading before stopLoading.
     std::mutex handlerMutex;
@@ -71,8 +71,7 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
             try {
                 cb(std::move(data), std::move(response), std::move(error));
             } catch (const std::exception& e) {
-                printI(std::string("❌ A request's completion threw: ") + e.what(),
-                       LogLevel::error);
+                printI(std::string("❌ A request's completion threw: ") + e.what(), LogLevel::error);
             } catch (...) {
                 printI("❌ A request's completion threw", LogLevel::error);
             }
@@ -105,7 +104,7 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
 // arrive through a mutex-guarded list and curl_multi_wakeup; everything else runs here.
 
 class Loop {
-public:
+  public:
     static Loop& instance() {
         static Loop* loop = new Loop();  // never destroyed: transfers may still run at exit
         return *loop;
@@ -115,7 +114,7 @@ public:
     void cancel(std::shared_ptr<TaskCore> core) { push({Command::cancel, std::move(core)}); }
     std::size_t activeCount() const { return activeCount_.load(); }
 
-private:
+  private:
     struct Command {
         enum Kind { add, cancel } kind;
         std::shared_ptr<TaskCore> core;
@@ -166,20 +165,23 @@ private:
 
 URLError errorFor(CURLcode code, const TaskCore& core) {
     if (core.overLimit) {
-        return URLError::make(URLErrorCode::dataLengthExceedsMaximum,
-                              "limit " +
-                                  std::to_string(core.session->configuration.maximumResponseBodySize) +
-                                  " bytes");
+        return URLError::make(
+            URLErrorCode::dataLengthExceedsMaximum,
+            "limit " + std::to_string(core.session->configuration.maximumResponseBodySize) +
+                " bytes");
     }
     const std::string detail =
         core.errorBuffer[0] ? std::string(core.errorBuffer) : std::string(curl_easy_strerror(code));
     switch (code) {
-        case CURLE_OPERATION_TIMEDOUT: return URLError::make(URLErrorCode::timedOut, detail);
-        case CURLE_COULDNT_CONNECT: return URLError::make(URLErrorCode::cannotConnectToHost, detail);
+        case CURLE_OPERATION_TIMEDOUT:
+            return URLError::make(URLErrorCode::timedOut, detail);
+        case CURLE_COULDNT_CONNECT:
+            return URLError::make(URLErrorCode::cannotConnectToHost, detail);
         case CURLE_COULDNT_RESOLVE_HOST:
         case CURLE_COULDNT_RESOLVE_PROXY:
             return URLError::make(URLErrorCode::cannotFindHost, detail);
-        case CURLE_URL_MALFORMAT: return URLError::make(URLErrorCode::badURL, detail);
+        case CURLE_URL_MALFORMAT:
+            return URLError::make(URLErrorCode::badURL, detail);
         case CURLE_TOO_MANY_REDIRECTS:
             return URLError::make(URLErrorCode::httpTooManyRedirects, detail);
         case CURLE_BAD_CONTENT_ENCODING:
@@ -204,17 +206,23 @@ URLError errorFor(CURLcode code, const TaskCore& core) {
         case CURLE_RECV_ERROR:
         case CURLE_SEND_ERROR:
             return URLError::make(URLErrorCode::networkConnectionLost, detail);
-        default: return URLError::make(URLErrorCode::unknown, detail);
+        default:
+            return URLError::make(URLErrorCode::unknown, detail);
     }
 }
 
 std::string versionText(long v) {
     switch (v) {
-        case CURL_HTTP_VERSION_1_0: return "HTTP/1.0";
-        case CURL_HTTP_VERSION_1_1: return "HTTP/1.1";
-        case CURL_HTTP_VERSION_2_0: return "HTTP/2";
-        case CURL_HTTP_VERSION_3: return "HTTP/3";
-        default: return "HTTP/1.1";
+        case CURL_HTTP_VERSION_1_0:
+            return "HTTP/1.0";
+        case CURL_HTTP_VERSION_1_1:
+            return "HTTP/1.1";
+        case CURL_HTTP_VERSION_2_0:
+            return "HTTP/2";
+        case CURL_HTTP_VERSION_3:
+            return "HTTP/3";
+        default:
+            return "HTTP/1.1";
     }
 }
 
@@ -260,7 +268,8 @@ size_t Loop::onHeader(char* data, size_t size, size_t n, void* user) {
     if (colon == std::string_view::npos || colon == 0) return bytes;
     std::string name = canonicalHeaderName(line.substr(0, colon));
     std::string_view value = line.substr(colon + 1);
-    while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.remove_prefix(1);
+    while (!value.empty() && (value.front() == ' ' || value.front() == '\t'))
+        value.remove_prefix(1);
     while (!value.empty() && (value.back() == ' ' || value.back() == '\t')) value.remove_suffix(1);
     auto it = core->responseHeaders.find(name);
     if (it == core->responseHeaders.end()) {
@@ -304,7 +313,8 @@ void Loop::start(const std::shared_ptr<TaskCore>& core) {
     const URLRequest& rq = core->request;
     CURL* e = takeEasy();
     if (!e) {
-        if (core->claim()) core->deliver({}, {}, URLError::make(URLErrorCode::unknown, "no handle"));
+        if (core->claim())
+            core->deliver({}, {}, URLError::make(URLErrorCode::unknown, "no handle"));
         return;
     }
     core->easy = e;
@@ -330,12 +340,13 @@ void Loop::start(const std::shared_ptr<TaskCore>& core) {
     curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, &Loop::onProgress);
     curl_easy_setopt(e, CURLOPT_XFERINFODATA, core.get());
     curl_easy_setopt(e, CURLOPT_ERRORBUFFER, core->errorBuffer);
-    curl_easy_setopt(e, CURLOPT_TIMEOUT_MS,
-                     static_cast<long>(std::max<std::int64_t>(cfg.timeoutIntervalForResource.count(), 1)));
-    curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS,
-                     static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                           core->idleTimeout)
-                                           .count()));
+    curl_easy_setopt(
+        e, CURLOPT_TIMEOUT_MS,
+        static_cast<long>(std::max<std::int64_t>(cfg.timeoutIntervalForResource.count(), 1)));
+    curl_easy_setopt(
+        e, CURLOPT_CONNECTTIMEOUT_MS,
+        static_cast<long>(
+            std::chrono::duration_cast<std::chrono::milliseconds>(core->idleTimeout).count()));
     curl_easy_setopt(e, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
     curl_easy_setopt(e, CURLOPT_USERAGENT, (std::string("kestro/") + SDK_VERSION).c_str());
     if (!core->session->extraCAPEM.empty()) {
@@ -371,7 +382,8 @@ void Loop::start(const std::shared_ptr<TaskCore>& core) {
     }
     // No "Expect: 100-continue" round trip before large bodies.
     if (!rq.allHTTPHeaderFields.count(std::string_view("Expect"))) {
-        if (curl_slist* next = curl_slist_append(core->headerList, "Expect:")) core->headerList = next;
+        if (curl_slist* next = curl_slist_append(core->headerList, "Expect:"))
+            core->headerList = next;
     }
     curl_easy_setopt(e, CURLOPT_HTTPHEADER, core->headerList);
 
@@ -515,7 +527,7 @@ std::shared_ptr<const SessionState> makeState(URLSessionConfiguration cfg, bool 
 // The client a handler reports to: gathers the response and the bytes, and completes the task
 // at the end.
 class TaskClient final : public URLProtocolClient {
-public:
+  public:
     explicit TaskClient(std::shared_ptr<TaskCore> core) : core_(std::move(core)) {}
 
     void didReceiveResponse(URLProtocol&, const HTTPURLResponse& response,
@@ -558,7 +570,7 @@ public:
         core_->releaseHandler(false);
     }
 
-private:
+  private:
     std::optional<HTTPURLResponse> takeResponse() {
         std::lock_guard lock(mutex_);
         return std::move(response_);

@@ -60,11 +60,11 @@ struct KESTRO_API URLSessionConfiguration {
 /// Ownership: a running task keeps itself alive until it has completed; the caller may drop
 /// its handle right after resume().
 class KESTRO_API URLSessionDataTask {
-public:
+  public:
     enum class State : std::uint8_t { suspended, running, canceling, completed };
-    using CompletionHandler = std::function<void(std::optional<std::string> data,
-                                                 std::optional<HTTPURLResponse> response,
-                                                 std::optional<URLError> error)>;
+    using CompletionHandler =
+        std::function<void(std::optional<std::string> data, std::optional<HTTPURLResponse> response,
+                           std::optional<URLError> error)>;
 
     ~URLSessionDataTask();
     URLSessionDataTask(const URLSessionDataTask&) = delete;
@@ -81,7 +81,7 @@ public:
     std::uint64_t taskIdentifier() const;
     const URLRequest& originalRequest() const;
 
-private:
+  private:
     friend class URLSession;
     explicit URLSessionDataTask(std::shared_ptr<network::internal::TaskCore> core);
     std::shared_ptr<network::internal::TaskCore> core_;
@@ -99,7 +99,7 @@ private:
 /// A session is cheap to make and may be destroyed while its tasks run: they still complete.
 /// Thread safety: every member may be called from any thread.
 class KESTRO_API URLSession {
-public:
+  public:
     using CompletionHandler = URLSessionDataTask::CompletionHandler;
 
     /// The process-wide session; lives for the whole process.
@@ -120,7 +120,7 @@ public:
     /// Transfers currently held by the loading thread, for all sessions (diagnostics, tests).
     static std::size_t activeTransferCount();
 
-private:
+  private:
     struct SharedTag {};
     URLSession(SharedTag);
     std::shared_ptr<const network::internal::SessionState> state_;
