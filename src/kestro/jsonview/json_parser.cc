@@ -927,7 +927,44 @@ JSONValue JSONParser::parseObject() {
     }
 }
 
+namespace {
+
+// The scratch stacks of the last parse on this thread. Reusing their capacity spares every
+// parse of a large document the growth of its stacks (for big documents, fresh mappings and
+// page faults each time). Stacks that grew beyond kKeptCapacity are not kept.
+struct ScratchStacks {
+    std::vector<JSONValue> values;
+    std::vector<JSONObjectEntry> members;
+    std::vector<std::uint8_t> asciiKeys;
+    std::string scratch;
+};
+constexpr std::size_t kKeptCapacity = 1 << 16;
+thread_local ScratchStacks tlsScratch;
+
+}  // namespace
+
 JSONValue JSONParser::parse() noexcept {
+    struct Lease {
+        JSONParser& parser;
+        explicit Lease(JSONParser& p) : parser(p) {
+            parser.values_.swap(tlsScratch.values);
+            parser.members_.swap(tlsScratch.members);
+            parser.asciiKeys_.swap(tlsScratch.asciiKeys);
+            parser.scratch_.swap(tlsScratch.scratch);
+        }
+        ~Lease() {
+            parser.values_.clear();
+            parser.members_.clear();
+            parser.asciiKeys_.clear();
+            if (parser.values_.capacity() <= kKeptCapacity &&
+                parser.members_.capacity() <= kKeptCapacity) {
+                parser.values_.swap(tlsScratch.values);
+                parser.members_.swap(tlsScratch.members);
+                parser.asciiKeys_.swap(tlsScratch.asciiKeys);
+                parser.scratch_.swap(tlsScratch.scratch);
+            }
+        }
+    } lease(*this);
     try {
         try {
             reader_.consumeWhitespace();
