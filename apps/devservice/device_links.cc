@@ -53,7 +53,7 @@ std::vector<std::string> DeviceLinks::connectedDevices() const {
 
 std::size_t DeviceLinks::connectedCount() const { return connectedDevices().size(); }
 
-void DeviceLinks::closeAll(const std::string& reason) {
+std::size_t DeviceLinks::closeAll(const std::string& reason) {
     std::vector<std::shared_ptr<DeviceLink>> links;
     {
         std::lock_guard lock(mutex_);
@@ -62,6 +62,7 @@ void DeviceLinks::closeAll(const std::string& reason) {
         }
     }
     for (const auto& l : links) l->close(1001, reason);
+    return links.size();
 }
 
 }  // namespace kestro::devservice

@@ -40,8 +40,8 @@ class DeviceLinks {
     std::optional<double> connectedSince(const std::string& deviceId) const;
     std::vector<std::string> connectedDevices() const;
     std::size_t connectedCount() const;
-    /// Closes every link with code 1001, going away (service shutdown).
-    void closeAll(const std::string& reason);
+    /// Closes every link with code 1001, going away (service shutdown). Returns how many.
+    std::size_t closeAll(const std::string& reason);
 
   private:
     struct Entry {

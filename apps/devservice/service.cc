@@ -426,9 +426,11 @@ void DevService::stop() {
             beast::error_code ignored;
             core.acceptor->close(ignored);
         });
-        core.links.closeAll("the service is stopping");
-        // Answers and close handshakes in flight get a moment; then the loop ends regardless.
-        auto timer = std::make_shared<net::steady_timer>(core.ioc, internal::kStopGrace);
+        // Close handshakes get a moment to complete; then the loop ends regardless. Plain
+        // HTTP exchanges are short and are not waited for.
+        const auto open = core.links.closeAll("the service is stopping");
+        auto timer = std::make_shared<net::steady_timer>(
+            core.ioc, open > 0 ? internal::kStopGrace : std::chrono::milliseconds(0));
         timer->async_wait([&core, timer](beast::error_code) { core.ioc.stop(); });
         core.work.reset();
         for (auto& t : core.threads) t.join();
