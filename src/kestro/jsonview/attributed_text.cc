@@ -271,6 +271,8 @@ AttributesRef makeAttributes(TextAttributes attributes) {
 
 AttributedText::AttributedText(std::string text, AttributesRef attributes)
     : text_(std::move(text)) {
+    // Most texts get a second and third run appended (a comma, unknown text) right away.
+    runs_.reserve(3);
     if (!text_.empty()) runs_.push_back({0, std::move(attributes)});
 }
 

@@ -166,13 +166,27 @@ std::shared_ptr<JSONDecorator> JSONDecorator::highlight(std::string_view json,
     }
     if (judgmentValid && !strictlyValid(json)) return nullptr;
     auto decorator = std::make_shared<JSONDecorator>(style, initialState);
-    decorator->slices = decorator->createSlices(parseJSON(json));
+    decorator->slices = decorator->createSlices(parseJSON(json), json);
     return decorator;
 }
 
 std::vector<JSONSlice> JSONDecorator::createSlices(std::string_view json) {
     if (!isWellFormedUTF8(json)) return {};
-    return createSlices(parseJSON(json));
+    return createSlices(parseJSON(json), json);
+}
+
+std::vector<JSONSlice> JSONDecorator::createSlices(const JSONValue& value, std::string_view json) {
+    // Every line holds one value or closes a container, and every value but the first follows
+    // a comma or an opening bracket: counting those bytes bounds the line count from above
+    // (bytes inside strings only over-count), so the slices are never moved while growing.
+    std::size_t bound = 1;
+    for (char c : json) bound += c == ',' || c == '[' || c == '{' || c == ']' || c == '}';
+    std::vector<JSONSlice> out;
+    out.reserve(bound + 1);
+    indent_ = 0;
+    processJSONValueRecursively(value, 0, IsNeed{false, false}, 0, out);
+    indent_ = 0;
+    return out;
 }
 
 std::vector<JSONSlice> JSONDecorator::createSlices(const JSONValue& value) {
@@ -269,6 +283,11 @@ void JSONDecorator::processJSONValueRecursively(const JSONValue& value, int curr
 void JSONDecorator::processScalarValue(const JSONValue& value, int currentSlicesCount,
                                        IsNeed isNeed, int foldedTimes,
                                        std::vector<JSONSlice>& out) {
+    out.emplace_back(currentSlicesCount + 1, State::expand, indent_, scalarLine(value, isNeed),
+                     std::nullopt, foldedTimes);
+}
+
+AttributedText JSONDecorator::scalarLine(const JSONValue& value, IsNeed isNeed) const {
     const Styles& st = styles();
     std::string body = isNeed.indent ? writeIndent() : std::string();
     const std::size_t prefixLength = body.size();
@@ -312,9 +331,7 @@ void JSONDecorator::processScalarValue(const JSONValue& value, int currentSlices
     }
     if (isNeed.comma) line.append(st.comma);
     if (auto wrong = value.wrong()) line.append(withoutLineFeeds(*wrong), st.unknown);
-    const int lineNumber = currentSlicesCount + 1;
-    out.emplace_back(lineNumber, State::expand, indent_, std::move(line), std::nullopt,
-                     foldedTimes);
+    return line;
 }
 
 void JSONDecorator::processUnknownValue(const JSONValue& value, int currentSlicesCount,
@@ -389,10 +406,7 @@ void JSONDecorator::processObjectValue(const JSONValue& value, int currentSlices
             AttributedText start(std::move(quoted), st.key);
             start.append(" : ", st.keyWord);
             if (member.isScalar()) {
-                std::vector<JSONSlice> valueSlices;
-                processJSONValueRecursively(member, made(), IsNeed{false, comma}, child,
-                                            valueSlices);
-                start.append(valueSlices.front().expand);
+                start.append(scalarLine(member, IsNeed{false, comma}));
                 out.emplace_back(made() + 1, State::expand, indent_, std::move(start), std::nullopt,
                                  child);
                 continue;

@@ -125,6 +125,8 @@ class KESTRO_API JSONDecorator {
     };
     struct Styles;
 
+    std::vector<JSONSlice> createSlices(const JSONValue& value, std::string_view json);
+
     const Styles& styles() const;
     void processJSONValueRecursively(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
                                      int foldedTimes, std::vector<JSONSlice>& out);
@@ -134,6 +136,7 @@ class KESTRO_API JSONDecorator {
                             int foldedTimes, std::vector<JSONSlice>& out);
     void processScalarValue(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
                             int foldedTimes, std::vector<JSONSlice>& out);
+    AttributedText scalarLine(const JSONValue& value, IsNeed isNeed) const;
     void processUnknownValue(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
                              int foldedTimes, std::vector<JSONSlice>& out);
     // The opening line of a container: (expanded, folded).
