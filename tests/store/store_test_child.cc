@@ -8,9 +8,11 @@
 //       unprivileged user "nobody"), opens the store, reports how many items it loaded as
 //       "loaded <n>", tries one add, and exits with 0.
 
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -48,12 +50,19 @@ bool writeAll(int fd, const std::string& text) {
 }
 
 int addForever(const char* database, int fd) {
+    // Never outlive the test that started it, and never add without bound: a child left
+    // behind by a crashed test must not fill the machine.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() == 1) return 1;
     RequestStoreSQLite store(database);
-    for (double t = 1.7e9;; t += 0.001) {
+    constexpr int kMostAdds = 200000;
+    double t = 1.7e9;
+    for (int n = 0; n < kMostAdds; ++n, t += 0.001) {
         const std::string id = newUUIDString();
         store.add(logRecord(id, t));
         if (!writeAll(fd, id + "\n")) return 1;
     }
+    return 0;
 }
 
 int readOnly(const char* database) {
