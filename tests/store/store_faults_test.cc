@@ -188,15 +188,17 @@ Child spawnChild(const std::vector<std::string>& args, int reportFd) {
     return child;
 }
 
-// Reads what is available within the deadline; false at end of stream or on time-out.
-bool readSome(int fd, std::string& into, std::chrono::milliseconds timeout) {
+enum class Read { data, timeout, end };
+
+// Reads what is available within the time-out.
+Read readSome(int fd, std::string& into, std::chrono::milliseconds timeout) {
     pollfd p{fd, POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(timeout.count())) <= 0) return false;
+    if (poll(&p, 1, static_cast<int>(timeout.count())) <= 0) return Read::timeout;
     char buf[4096];
     const ssize_t n = read(fd, buf, sizeof buf);
-    if (n <= 0) return false;
+    if (n <= 0) return Read::end;
     into.append(buf, static_cast<std::size_t>(n));
-    return true;
+    return Read::data;
 }
 
 std::vector<std::string> completeLines(const std::string& text) {
@@ -212,15 +214,18 @@ TEST_F(StoreFaultsTest, EveryAddThatReturnedSurvivesTheProcessBeingKilled) {
     ASSERT_GT(child.pid, 0);
     std::string reported;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(8);
+    // A child built with sanitizers takes a while to start: wait for reports until the deadline.
     while (completeLines(reported).size() < 300 && std::chrono::steady_clock::now() < deadline) {
-        if (!readSome(child.out, reported, std::chrono::milliseconds(500))) break;
+        if (readSome(child.out, reported, std::chrono::milliseconds(200)) == Read::end) break;
     }
     ASSERT_EQ(kill(child.pid, SIGKILL), 0);
     int status = 0;
     ASSERT_EQ(waitpid(child.pid, &status, 0), child.pid);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
     // Whatever the child wrote before it died is still in the pipe.
-    for (int i = 0; i < 10000 && readSome(child.out, reported, std::chrono::milliseconds(0));) ++i;
+    for (int i = 0; i < 10000; ++i) {
+        if (readSome(child.out, reported, std::chrono::milliseconds(0)) != Read::data) break;
+    }
     close(child.out);
     const auto ids = completeLines(reported);
     ASSERT_GE(ids.size(), 50u) << "the child reported too few adds";
@@ -257,7 +262,7 @@ TEST_F(StoreFaultsTest, AReadOnlyDirectoryLosesNothingAndIsReported) {
     std::string output;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(8);
     while (std::chrono::steady_clock::now() < deadline &&
-           readSome(child.out, output, std::chrono::milliseconds(2000))) {
+           readSome(child.out, output, std::chrono::milliseconds(200)) != Read::end) {
     }
     close(child.out);
     int status = 0;
