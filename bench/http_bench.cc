@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <boost/json/serialize.hpp>
 #include <condition_variable>
 #include <cstdio>
 #include <fstream>
