@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -55,6 +56,8 @@ class WebsocketManagerTest : public ::testing::Test {
             [this](const Notification& n) { statuses.push_back(std::any_cast<Status>(n.object)); });
     }
     void TearDown() override {
+        // Failure messages went to the captured console too; show them.
+        if (HasFailure()) std::cerr << console.text();
         manager.reset();
         MainQueue::shared().runUntilIdle();
         token.reset();
@@ -101,6 +104,7 @@ TEST_F(WebsocketManagerTest, OpensTheEndpointWithKeyAndDeviceAppendedUnescaped) 
         << console.text();
 
     // Without a path the target is the root.
+    connects = 0;
     make(server.url(), quietOptions(), "K", "D");
     ASSERT_TRUE(connectAndConfirm());
     EXPECT_EQ(server.targets().back(), "/?api-key=K&device-id=D");

@@ -139,7 +139,8 @@ BonjourClient::BonjourClient(std::chrono::milliseconds answerTimeout)
 BonjourClient::~BonjourClient() {
     impl_->alive.store(false);
     // The browse is stopped on the queue, never on the destroying thread.
-    net::post(impl_->strand, [impl = std::move(impl_)] { impl->stopBrowse(); });
+    auto strand = impl_->strand;
+    net::post(strand, [impl = std::move(impl_)] { impl->stopBrowse(); });
 }
 
 void BonjourClient::setOnPermissionChecked(std::function<void(bool)> callback) {
