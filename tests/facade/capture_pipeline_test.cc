@@ -1,0 +1,182 @@
+#include "kestro/facade/capture_pipeline.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <boost/json.hpp>
+#include <filesystem>
+
+#include "kestro/core/console.h"
+#include "kestro/remote/upload.h"
+#include "kestro/store/request_store_sqlite.h"
+#include "support/console_capture.h"
+#include "support/http_server.h"
+#include "support/wait.h"
+
+namespace kestro {
+namespace {
+
+using test::HttpServer;
+
+// A real store in a fresh folder and a real service on loopback that answers 200.
+class CapturePipelineTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/kestro-pipeline-XXXXXX";
+        dir_ = mkdtemp(tmpl);
+        store_ = std::make_unique<RequestStoreSQLite>(dir_ / "requests.sqlite");
+        pipeline_ = std::make_unique<CapturePipeline>(CapturePipeline::Dependencies{
+            .store = [this]() -> RequestStoreSQLite& { return *store_; },
+            .apiEndpoint = [this] { return "http://127.0.0.1:" + std::to_string(server_.port()); },
+            .apiKey = [] { return std::string("kt-dev-test"); },
+            .deviceDictionary =
+                [] {
+                    return JSONDictionary{{"id", "DEVICE"}, {"platform", "linux"}};
+                },
+            .send =
+                [](std::string url, JSONDictionary body, std::string key) {
+                    sendToServer(std::move(url), std::move(body), std::move(key));
+                },
+        });
+        setConsoleLevel(LogLevel::verbose);
+    }
+    void TearDown() override {
+        setConsoleLevel(LogLevel::debug);
+        pipeline_.reset();
+        store_.reset();
+        std::filesystem::remove_all(dir_);
+    }
+    std::vector<boost::json::object> uploads(std::size_t n) {
+        EXPECT_TRUE(server_.waitForRequests(n));
+        std::vector<boost::json::object> bodies;
+        for (const auto& r : server_.requests()) {
+            EXPECT_EQ(r.target, "/v1/requests");
+            EXPECT_EQ(r.header("Api-Key"), "kt-dev-test");
+            bodies.push_back(boost::json::parse(r.body).as_object());
+        }
+        return bodies;
+    }
+
+    std::filesystem::path dir_;
+    HttpServer server_;
+    std::unique_ptr<RequestStoreSQLite> store_;
+    std::unique_ptr<CapturePipeline> pipeline_;
+};
+
+InterceptedRequestWrapper startReport(const UUID& id) {
+    InterceptedRequestWrapper w;
+    InterceptedRequest::Copy copy{"https://api.example.com/orders",
+                                  "POST",
+                                  {{"Accept", "application/json"}},
+                                  R"({"sku":"A"})"};
+    w.request = InterceptedRequest{copy, std::chrono::system_clock::now()};
+    w.requestId = id;
+    return w;
+}
+
+InterceptedRequestWrapper responseReport(const std::optional<UUID>& id, std::int64_t status) {
+    InterceptedRequestWrapper w;
+    w.response = InterceptedResponse{status,
+                                     {{"Content-Type", "application/json"}},
+                                     R"({"ok":1})",
+                                     std::chrono::system_clock::now()};
+    w.requestId = id;
+    return w;
+}
+
+TEST_F(CapturePipelineTest, AnExchangeIsUploadedTwiceAndStoredOnceWithBothHalves) {
+    test::ConsoleCapture console;
+    const UUID id = UUID::random();
+    pipeline_->handleNetworkReport(startReport(id));
+    pipeline_->handleNetworkReport(responseReport(id, 201));
+
+    const auto bodies = uploads(2);
+    for (const auto& body : bodies) {
+        EXPECT_EQ(body.at("id").as_string(), id.string());
+        EXPECT_EQ(body.at("eventType").as_string(), "networkRequest");
+        EXPECT_EQ(body.at("device").as_object().at("id").as_string(), "DEVICE");
+    }
+    // One body carries only the request half, the other only the response half (the two
+    // uploads run concurrently, so they may arrive in either order).
+    int requestHalves = 0, responseHalves = 0;
+    for (const auto& body : bodies) {
+        const auto& details = body.at("details").as_object();
+        EXPECT_NE(details.contains("request"), details.contains("response"));
+        requestHalves += details.contains("request");
+        responseHalves += details.contains("response");
+    }
+    EXPECT_EQ(requestHalves, 1);
+    EXPECT_EQ(responseHalves, 1);
+
+    const auto all = store_->getAll();
+    ASSERT_EQ(all.size(), 1u);
+    const RequestTypeRequest* stored = all[0].asNetworkRequest();
+    ASSERT_TRUE(stored);
+    ASSERT_TRUE(stored->details.request);
+    EXPECT_EQ(stored->details.request->url, "https://api.example.com/orders");
+    EXPECT_EQ(stored->details.request->body, R"({"sku":"A"})");
+    ASSERT_TRUE(stored->details.response);
+    EXPECT_EQ(stored->details.response->statusCode, 201);
+
+    const std::string text = console.text();
+    EXPECT_NE(text.find("✉️ SEND_REQ_TO_SERVER POST:https://api.example.com/orders ID: " +
+                        id.string() + " IS_RESPONSE: false"),
+              std::string::npos);
+    EXPECT_NE(text.find("✉️ SEND_REQ_TO_SERVER : ID: " + id.string() + " IS_RESPONSE: true"),
+              std::string::npos);
+}
+
+TEST_F(CapturePipelineTest, ReportsWithoutIdOrWithAnotherKindsIdFollowTheMergeRule) {
+    test::ConsoleCapture console;
+    // No id: stored under the empty id, and a second such report updates that item.
+    pipeline_->handleNetworkReport(responseReport(std::nullopt, 500));
+    pipeline_->handleNetworkReport(responseReport(std::nullopt, 502));
+    EXPECT_NE(console.text().find(" ID: - IS_RESPONSE: true"), std::string::npos);
+    auto all = store_->getAll();
+    ASSERT_EQ(all.size(), 1u);
+    EXPECT_EQ(all[0].id(), "");
+    EXPECT_EQ(all[0].asNetworkRequest()->details.response->statusCode, 502);
+
+    // An id already used by a log line: uploaded, not stored.
+    const UUID shared = UUID::random();
+    RequestTypeLog log;
+    log.id = shared.string();
+    log.type = "log";
+    log.level = "info";
+    log.sentAt = log.createdAt = std::chrono::system_clock::now();
+    pipeline_->handleLogRecord(log);
+    pipeline_->handleNetworkReport(responseReport(shared, 200));
+    uploads(4);
+    all = store_->getAll();
+    ASSERT_EQ(all.size(), 2u);
+    EXPECT_TRUE(store_->getById(shared.string())->asLog());
+}
+
+TEST_F(CapturePipelineTest, LogLinesAndEventsAreUploadedAndStored) {
+    test::ConsoleCapture console;
+    RequestTypeLog log;
+    log.id = newUUIDString();
+    log.type = "log";
+    log.level = "warn";
+    log.sentAt = log.createdAt = std::chrono::system_clock::now();
+    log.details.message = "cache is 93.5 % full";
+    pipeline_->handleLogRecord(log);
+    const RequestTypeEvent event =
+        pipeline_->logEvent("checkout", "shop", JSONDictionary{{"total", 31.5}, {"items", 2}});
+
+    auto bodies = uploads(2);
+    if (bodies[0].at("eventType").as_string() != "log") std::swap(bodies[0], bodies[1]);
+    EXPECT_EQ(bodies[0].at("eventType").as_string(), "log");
+    EXPECT_EQ(bodies[1].at("eventType").as_string(), "customEvent");
+    const auto& payload = bodies[1].at("details").as_object().at("payload").as_object();
+    EXPECT_EQ(payload.at("items").as_int64(), 2);
+    EXPECT_EQ(payload.at("total").as_double(), 31.5);
+
+    ASSERT_EQ(store_->getAll().size(), 2u);
+    EXPECT_EQ(store_->getById(log.id)->asLog()->details.message, "cache is 93.5 % full");
+    EXPECT_EQ(store_->getById(event.id)->asCustomEvent()->details.name, "checkout");
+    EXPECT_NE(console.text().find("📡 SEND_LOG_TO_SERVER cache is 93.5 % full"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kestro
