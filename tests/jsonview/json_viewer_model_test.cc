@@ -211,7 +211,9 @@ TEST_F(JSONViewerTest, SearchFindsHitsInHiddenLinesAndShowsThemOnceExpanded) {
     EXPECT_TRUE(viewer->searchResultIndex().empty());
     const auto& fonts = viewer->decorator()->slices[2].expand;
     fonts.enumerateRuns([&](const AttributedText::Run& r) {
-        if (!r.attributes.attachment) EXPECT_FALSE(r.attributes.font->isBold());
+        if (!r.attributes.attachment) {
+            EXPECT_FALSE(r.attributes.font->isBold());
+        }
     });
     expectConsistent(*viewer);
 
