@@ -13,6 +13,7 @@
 #include "kestro/core/settings_store.h"
 #include "kestro/facade/kestro_internal.h"
 #include "support/console_capture.h"
+#include "support/wait.h"
 
 namespace kestro {
 namespace {
@@ -258,6 +259,38 @@ TEST_F(DeviceDictionaryTest, EightKeysWithADescriptionSixWithout) {
     EXPECT_EQ(k.deviceInfo(), std::nullopt);
     k.setDeviceInfo(described);
     EXPECT_EQ(k.deviceInfo(), described);
+}
+
+TEST_F(DeviceDictionaryTest, CustomNameIsStoredAndRegisteredWhileTheGatheredNameStays) {
+    KestroInternal k;
+    using Sent = std::pair<std::string, DeviceDictionary>;
+    auto sent = std::make_shared<test::Recorder<Sent>>();
+    facade::internal::setDeviceUpload(
+        k, [sent](const std::string& url, const DeviceDictionary& body, const std::string&,
+                  std::function<void(RegistrationResult)> done) {
+            sent->add({url, body});
+            done(std::nullopt);
+        });
+
+    // Before the first gathering: stored, registered, and the gathering keeps the system's name.
+    k.setCustomDeviceName("Team phone");
+    EXPECT_EQ(k.getCustomDeviceName(), "Team phone");
+    ASSERT_TRUE(sent->waitFor(1));
+    const auto [url, body] = sent->values()[0];
+    EXPECT_EQ(url, getAPIEndpoint(KestroEnvironment::dev) + "/v1/devices");
+    EXPECT_EQ(body.size(), 8u);
+    EXPECT_EQ(body.at("name"), "Team phone");
+    EXPECT_EQ(body.at("id"), loadOrCreateUUID());
+    const DeviceInfo gathered = DeviceInfo::shared();
+    EXPECT_NE(gathered.name, "NOT_SET");
+    EXPECT_NE(gathered.name, "Team phone");
+    EXPECT_EQ(body.at("model"), gathered.model);
+
+    // After it: the shared description is renamed too, and the device registers again.
+    k.setCustomDeviceName("Second name");
+    EXPECT_EQ(DeviceInfo::shared().name, "Second name");
+    ASSERT_TRUE(sent->waitFor(2));
+    EXPECT_EQ(sent->values()[1].second.at("name"), "Second name");
 }
 
 TEST(DeviceRegistrationTest, PostsToDevicesAndPrintsOnlyFailures) {

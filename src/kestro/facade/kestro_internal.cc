@@ -31,7 +31,7 @@ struct KestroInternal::Impl {
     std::string apiKey;   // the key in use; empty until initialisation accepts one
     KestroEnvironment env = KestroEnvironment::dev;
     std::optional<DeviceInfo> deviceInfo;  // the host's own; never set by Kestro
-    // Posts a registration body. Wired to the HTTP upload by the remote link.
+    // Posts a registration body; see facade::internal::setDeviceUpload.
     DeviceUpload deviceUpload;
 };
 
@@ -175,6 +175,11 @@ void KestroInternal::setupDevice() {
         }
         registerDevice(kestro::getAPIEndpoint(env), body, apiKey, upload);
     });
+}
+
+void facade::internal::setDeviceUpload(KestroInternal& facade, DeviceUpload upload) {
+    std::lock_guard lock(facade.impl_->mutex);
+    facade.impl_->deviceUpload = std::move(upload);
 }
 
 void KestroInternal::setDebugWindowInProductionBuilds(bool enabled) {

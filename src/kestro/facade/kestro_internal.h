@@ -13,6 +13,13 @@
 
 namespace kestro {
 
+class KestroInternal;
+namespace facade::internal {
+/// Sets the operation that posts device registrations for this facade (the HTTP upload in a
+/// full build). Until one is set, a registration reports that no upload is available.
+KESTRO_API void setDeviceUpload(KestroInternal& facade, DeviceUpload upload);
+}  // namespace facade::internal
+
 /// The one object through which a host application drives Kestro: configuration, capture
 /// switches, logging calls and the SDK's own console print.
 ///
@@ -141,6 +148,7 @@ class KESTRO_API KestroInternal {
     // The device registration: gathers the shared description once, builds the dictionary
     // and posts it to "/v1/devices" with the key in use, all on the global executor.
     void setupDevice();
+    friend void facade::internal::setDeviceUpload(KestroInternal&, DeviceUpload);
 
     struct Impl;
     std::shared_ptr<Impl> impl_;  // shared with tasks that may outlive a local instance
