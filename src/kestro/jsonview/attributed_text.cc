@@ -330,7 +330,6 @@ void AttributedText::append(const AttributedText& other) {
     std::size_t first = 0;
     if (!runs_.empty() && sameAttributes(runs_.back().attributes, other.runs_.front().attributes))
         first = 1;
-    runs_.reserve(runs_.size() + other.runs_.size() - first);
     for (std::size_t i = first; i < other.runs_.size(); ++i)
         runs_.push_back({other.runs_[i].start + offset, other.runs_[i].attributes});
     text_.append(other.text_);
