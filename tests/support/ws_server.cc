@@ -1,6 +1,7 @@
 #include "support/ws_server.h"
 
 #include <openssl/bio.h>
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
@@ -380,6 +381,9 @@ void WsServer::State::accept(Run* r) {
 WsServer::WsServer() : WsServer(Options{}) {}
 
 WsServer::WsServer(Options options) : state_(std::make_shared<State>()) {
+    // The client under test may still be finishing a TLS connection on a worker of its pool
+    // (never joined) when the test process exits; OpenSSL must not clean up under it.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     state_->options = options;
     if (options.tls) {
         state_->credentials = makeSelfSigned();
