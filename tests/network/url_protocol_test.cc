@@ -168,7 +168,9 @@ TEST(URLProtocolTest, PropertiesTravelWithCopiesAndStayOffTheWire) {
     original.url = server.url("/x");
     URLSession s;
     ASSERT_FALSE(load(s, original).error);
-    for (const auto& [name, value] : server.requests()[0].headers) {
+    const auto received = server.requests();
+    ASSERT_EQ(received.size(), 1u);
+    for (const auto& [name, value] : received[0].headers) {
         EXPECT_EQ(name.find("Intercept"), std::string::npos) << name;
         EXPECT_EQ(name.find("Kes-Tro"), std::string::npos) << name;
     }
