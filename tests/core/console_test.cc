@@ -108,6 +108,14 @@ TEST(ConfigTest, EndpointsFollowEnvironmentAndOverrides) {
     setenv("KESTRO_PROD_HOST", "127.0.0.2", 1);
     EXPECT_EQ(getAPIEndpoint(KestroEnvironment::dev), "http://localhost:3007");
     EXPECT_EQ(getWSAPIEndpoint(KestroEnvironment::prod), "wss://127.0.0.2");
+    // A development host may name its own port; a bracketed IPv6 address alone does not.
+    setenv("KESTRO_DEV_HOST", "127.0.0.1:4100", 1);
+    EXPECT_EQ(getAPIEndpoint(KestroEnvironment::dev), "http://127.0.0.1:4100");
+    EXPECT_EQ(getWSAPIEndpoint(KestroEnvironment::dev), "ws://127.0.0.1:4100");
+    setenv("KESTRO_DEV_HOST", "[::1]:4100", 1);
+    EXPECT_EQ(getAPIEndpoint(KestroEnvironment::dev), "http://[::1]:4100");
+    setenv("KESTRO_DEV_HOST", "[::1]", 1);
+    EXPECT_EQ(getAPIEndpoint(KestroEnvironment::dev), "http://[::1]:3007");
     unsetenv("KESTRO_DEV_HOST");
     unsetenv("KESTRO_PROD_HOST");
 }

@@ -1,6 +1,7 @@
 #include "kestro/core/config.h"
 
 #include <cstdlib>
+#include <string_view>
 
 #ifndef KESTRO_DEV_HOST_DEFAULT
 #define KESTRO_DEV_HOST_DEFAULT "127.0.0.1"
@@ -19,16 +20,30 @@ std::string hostFor(KestroEnvironment env) {
     return env == KestroEnvironment::dev ? KESTRO_DEV_HOST_DEFAULT : KESTRO_PROD_HOST_DEFAULT;
 }
 
+// Whether a host text already names its port: "host:port" or "[v6 address]:port".
+bool hasPort(std::string_view host) {
+    const auto colon = host.rfind(':');
+    if (colon == std::string_view::npos || colon + 1 == host.size()) return false;
+    if (host.find_first_not_of("0123456789", colon + 1) != std::string_view::npos) return false;
+    return host.front() == '[' ? host[colon - 1] == ']' : host.find(':') == colon;
+}
+
+// The development service listens on 3007 unless the host override names another port.
+std::string devAuthority() {
+    std::string host = hostFor(KestroEnvironment::dev);
+    return hasPort(host) ? host : host + ":3007";
+}
+
 }  // namespace
 
 std::string getAPIEndpoint(KestroEnvironment env) {
     if (env == KestroEnvironment::prod) return "https://" + hostFor(env);
-    return "http://" + hostFor(env) + ":3007";
+    return "http://" + devAuthority();
 }
 
 std::string getWSAPIEndpoint(KestroEnvironment env) {
     if (env == KestroEnvironment::prod) return "wss://" + hostFor(env);
-    return "ws://" + hostFor(env) + ":3007";
+    return "ws://" + devAuthority();
 }
 
 const char* toString(LogLevel level) {

@@ -76,7 +76,8 @@ private:
 
 /// HTTP base URL of the service, no trailing slash ("http://<dev host>:3007" or
 /// "https://<prod host>"). The hosts come from the build and can be overridden at run time
-/// with KESTRO_DEV_HOST / KESTRO_PROD_HOST.
+/// with KESTRO_DEV_HOST / KESTRO_PROD_HOST. A development host that names a port
+/// ("127.0.0.1:4000", "[::1]:4000") is used with that port instead of 3007.
 KESTRO_API std::string getAPIEndpoint(KestroEnvironment env = KestroEnvironment::dev);
 /// WebSocket base URL of the service ("ws://<dev host>:3007" or "wss://<prod host>").
 KESTRO_API std::string getWSAPIEndpoint(KestroEnvironment env = KestroEnvironment::dev);

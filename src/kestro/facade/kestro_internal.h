@@ -10,14 +10,23 @@
 #include "kestro/core/export.h"
 #include "kestro/facade/device_info.h"
 #include "kestro/logging/print_interceptor.h"
+#include "kestro/records/records.h"
 
 namespace kestro {
 
 class KestroInternal;
+class MockCache;
+class NetworkInterceptor;
+class WebsocketManager;
+struct WebsocketOptions;
+
 namespace facade::internal {
-/// Sets the operation that posts device registrations for this facade (the HTTP upload in a
-/// full build). Until one is set, a registration reports that no upload is available.
+/// Replaces the operation that posts device registrations for this facade. By default it is
+/// the HTTP upload (sendToServer) whose failures are printed.
 KESTRO_API void setDeviceUpload(KestroInternal& facade, DeviceUpload upload);
+/// Options for the dashboard links this facade opens from now on (tests shorten the link's
+/// intervals and trust their own certificates).
+KESTRO_API void setWebsocketOptions(KestroInternal& facade, const WebsocketOptions& options);
 }  // namespace facade::internal
 
 /// The one object through which a host application drives Kestro: configuration, capture
@@ -37,6 +46,40 @@ class KESTRO_API KestroInternal {
     KestroInternal& operator=(const KestroInternal&) = delete;
 
     static KestroInternal& shared();
+
+    // --- Life cycle and capture ----------------------------------------------------------
+
+    /// Validates the key and starts everything: chooses the environment ("dev" only outside
+    /// store and beta builds, production otherwise), keeps the key and the configuration,
+    /// loads the device identifier, registers the device, then on the main queue replaces the
+    /// dashboard link, installs the life-cycle observer and starts the configured capture.
+    /// An invalid key prints one error line and changes nothing.
+    void initialize(std::string_view apiKey, const KestroConfig& config);
+    /// Switches on network capture if config.network and log capture if config.logs; does not
+    /// store the configuration and stops nothing.
+    void start(const KestroConfig& config);
+    /// Stores the configuration, then stops network capture if config.network is off and log
+    /// capture if config.logs is off.
+    void stop(const KestroConfig& config);
+    /// Turns logs and network on in the configuration and starts both.
+    void startAll();
+    /// Stops network and log capture; the configuration is not changed.
+    void stopAll();
+    /// Records a custom event: stored and uploaded with the device dictionary. Before
+    /// initialisation it always records; afterwards only while config.events is on.
+    void logEvent(const std::string& name, const std::string& category,
+                  const JSONDictionary& payload = {});
+    /// Whether the dashboard link is up (false before the first initialisation's link exists).
+    bool isConnectedToWs() const;
+    /// The dashboard link, if initialisation has made one.
+    std::shared_ptr<WebsocketManager> websocketManager() const;
+    /// The device identifier loaded by initialisation (empty before).
+    std::string deviceUUID() const;
+
+    /// The network interceptor and the mock rules it answers from, owned for the instance's
+    /// life.
+    NetworkInterceptor& getNetworkInterceptor();
+    MockCache& getMockCache();
 
     /// The current configuration (a copy).
     KestroConfig getConfig() const;
@@ -148,7 +191,9 @@ class KESTRO_API KestroInternal {
     // The device registration: gathers the shared description once, builds the dictionary
     // and posts it to "/v1/devices" with the key in use, all on the global executor.
     void setupDevice();
+    void onMoveToForeground();
     friend void facade::internal::setDeviceUpload(KestroInternal&, DeviceUpload);
+    friend void facade::internal::setWebsocketOptions(KestroInternal&, const WebsocketOptions&);
 
     struct Impl;
     std::shared_ptr<Impl> impl_;  // shared with tasks that may outlive a local instance
