@@ -6,6 +6,7 @@
 #include <avahi-common/thread-watch.h>
 
 #include <atomic>
+#include <mutex>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -31,6 +32,9 @@ struct BonjourClient::Impl : std::enable_shared_from_this<BonjourClient::Impl> {
     const std::chrono::milliseconds answerTimeout;
     Strand strand;  // "com.kestro.localnetwork": all of the state below lives on it
     std::atomic<bool> alive{true};
+    // Held while the callback runs and while the owner's destructor marks the client released,
+    // so that once the destructor has returned the callback never runs again.
+    std::mutex callbackMutex;
     std::function<void(bool)> onPermissionChecked;
     std::uint64_t probe = 0;  // the current probe; answers of other probes are stale
     bool answered = true;
@@ -111,7 +115,8 @@ struct BonjourClient::Impl : std::enable_shared_from_this<BonjourClient::Impl> {
         if (id != probe || answered) return;
         answered = true;
         stopBrowse();
-        if (onPermissionChecked) onPermissionChecked(value);
+        std::lock_guard lock(callbackMutex);
+        if (alive.load() && onPermissionChecked) onPermissionChecked(value);
     }
 
     void stopBrowse() {
@@ -137,7 +142,12 @@ BonjourClient::BonjourClient(std::chrono::milliseconds answerTimeout)
     : impl_(std::make_shared<Impl>(answerTimeout)) {}
 
 BonjourClient::~BonjourClient() {
-    impl_->alive.store(false);
+    if (impl_->strand.running_in_this_thread()) {
+        impl_->alive.store(false);  // destroyed from inside its own callback
+    } else {
+        std::lock_guard lock(impl_->callbackMutex);  // waits for a callback that is running
+        impl_->alive.store(false);
+    }
     // The browse is stopped on the queue, never on the destroying thread.
     auto strand = impl_->strand;
     net::post(strand, [impl = std::move(impl_)] { impl->stopBrowse(); });
