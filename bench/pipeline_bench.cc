@@ -78,9 +78,10 @@ std::int64_t serviceItems() {
     return json->at("items").to_number<std::int64_t>();
 }
 
-// Waits until the service holds `target` items (at most a minute).
-bool waitForServiceItems(std::int64_t target) {
-    const auto deadline = Clock::now() + std::chrono::seconds(60);
+// Waits until the service holds `target` items, at most `limit`.
+bool waitForServiceItems(std::int64_t target,
+                         std::chrono::seconds limit = std::chrono::seconds(60)) {
+    const auto deadline = Clock::now() + limit;
     while (Clock::now() < deadline) {
         if (serviceItems() >= target) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -156,7 +157,7 @@ double memoryAfterCapturedItemsMiB(int items) {
         // Keep at most a few thousand uploads in flight, as a host's steady stream would.
         if (i % 5000 == 4999) waitForServiceItems(target - items + i + 1 - 5000);
     }
-    if (!waitForServiceItems(target)) return -1;
+    if (!waitForServiceItems(target, std::chrono::minutes(10))) return -1;
     return static_cast<double>(rssKiB() - before) / 1024.0;
 }
 
