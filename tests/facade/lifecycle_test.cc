@@ -112,8 +112,9 @@ TEST_F(LifecycleTest, StopSwitchesOffOnlyWhatTheConfigurationTurnsOff) {
     test::ConsoleSilence quiet;
     k.initialize("kt-dev-switches", KestroConfig(true, true, true, LogLevel::error, "dev"));
     ASSERT_TRUE(linkInstalled(k));
-    ASSERT_TRUE(waitUntil([&] { return k.getNetworkInterceptor().isIntercepting(); }));
-    EXPECT_TRUE(PrintInterceptor::isIntercepting());
+    // Capture starts on the main queue, network first, then logs.
+    ASSERT_TRUE(waitUntil([] { return PrintInterceptor::isIntercepting(); }));
+    EXPECT_TRUE(k.getNetworkInterceptor().isIntercepting());
     EXPECT_TRUE(k.isEnabled());
 
     const KestroConfig logsOnly(true, false, false, LogLevel::warning, std::string("dev"));

@@ -1,11 +1,14 @@
 #include "support/console_capture.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
+#include <string>
 
 namespace kestro::test {
 
@@ -51,15 +54,37 @@ void ConsoleCapture::clear() {
 ConsoleSilence::ConsoleSilence() {
     std::fflush(stdout);
     savedFd_ = dup(STDOUT_FILENO);
-    const int null = open("/dev/null", O_WRONLY);
-    dup2(null, STDOUT_FILENO);
-    close(null);
+    // An unlinked temporary file rather than /dev/null: GoogleTest reports failures on standard
+    // output too, and a failing test shows the end of what was written.
+    char path[] = "/tmp/kestro-console-XXXXXX";
+    fileFd_ = mkstemp(path);
+    if (fileFd_ >= 0) {
+        unlink(path);
+    } else {
+        fileFd_ = open("/dev/null", O_WRONLY);
+    }
+    dup2(fileFd_, STDOUT_FILENO);
 }
 
 ConsoleSilence::~ConsoleSilence() {
     std::fflush(stdout);
     dup2(savedFd_, STDOUT_FILENO);
     close(savedFd_);
+    if (::testing::Test::HasFailure()) {
+        constexpr off_t kTail = 64 * 1024;
+        const off_t size = lseek(fileFd_, 0, SEEK_END);
+        if (size > 0) {
+            const off_t from = size > kTail ? size - kTail : 0;
+            std::string text(static_cast<std::size_t>(size - from), '\0');
+            const ssize_t n = pread(fileFd_, text.data(), text.size(), from);
+            if (n > 0) {
+                std::fprintf(stdout, "--- console while silenced (last %lld bytes) ---\n%.*s\n---\n",
+                             static_cast<long long>(n), static_cast<int>(n), text.data());
+                std::fflush(stdout);
+            }
+        }
+    }
+    close(fileFd_);
 }
 
 }  // namespace kestro::test

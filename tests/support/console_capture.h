@@ -23,7 +23,9 @@ private:
     std::string path_;
 };
 
-/// Sends standard output to /dev/null while alive (for tests that log a great deal).
+/// Keeps standard output off the console while alive (for tests that log a great deal). If the
+/// test has failed by the time it ends, the last 64 KiB written meanwhile (failure messages
+/// included) are shown.
 class ConsoleSilence {
 public:
     ConsoleSilence();
@@ -33,6 +35,7 @@ public:
 
 private:
     int savedFd_ = -1;
+    int fileFd_ = -1;
 };
 
 }  // namespace kestro::test

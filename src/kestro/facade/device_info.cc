@@ -1,5 +1,7 @@
 #include "kestro/facade/device_info.h"
 
+#include "kestro/network/tls_runtime.h"
+
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
@@ -169,6 +171,7 @@ std::optional<std::string> appSpecificMachineId(std::string_view machineIdHex,
         if (hi < 0 || lo < 0) return std::nullopt;
         key[i] = static_cast<unsigned char>(hi * 16 + lo);
     }
+    initTLSRuntime();
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
     unsigned int digestLength = 0;
     if (HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),

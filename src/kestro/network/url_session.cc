@@ -1,5 +1,7 @@
 #include "kestro/network/url_session.h"
 
+#include "kestro/network/tls_runtime.h"
+
 #include <curl/curl.h>
 
 #include <algorithm>
@@ -121,6 +123,7 @@ class Loop {
     };
 
     Loop() {
+        initTLSRuntime();  // before libcurl initialises OpenSSL with its exit-time clean-up
         curl_global_init(CURL_GLOBAL_DEFAULT);
         multi_ = curl_multi_init();
         curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);

@@ -1,5 +1,7 @@
 #include "kestro/remote/websocket_manager.h"
 
+#include "kestro/network/tls_runtime.h"
+
 #include <fmt/format.h>
 #include <openssl/crypto.h>
 #include <openssl/ssl.h>
@@ -661,21 +663,10 @@ void onMain(const std::shared_ptr<WebsocketManager::Impl>& impl, F f) {
 
 }  // namespace
 
-namespace {
-
-// The global executor is never joined, so a connection may still be finishing on it while the
-// process exits; OpenSSL's exit-time clean-up would free its locks under that thread. Asked for
-// before the first TLS use, OpenSSL skips that clean-up (the process is ending anyway).
-void keepOpenSslUntilExit() {
-    static const bool once = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1;
-    (void)once;
-}
-
-}  // namespace
 
 WebsocketManager::WebsocketManager(std::string apiKey, std::string deviceId, std::string endpoint,
                                    WebsocketOptions options)
-    : impl_((keepOpenSslUntilExit(),
+    : impl_((initTLSRuntime(),
              std::make_shared<Impl>(std::move(apiKey), std::move(deviceId), std::move(endpoint),
                                     std::move(options)))) {}
 
