@@ -145,8 +145,10 @@ void BM_DataTaskOneAtATime(benchmark::State& state) {
             session.dataTask(url, [&](std::optional<std::string> data,
                                       std::optional<HTTPURLResponse>, std::optional<URLError>) {
                 benchmark::DoNotOptimize(data);
-                std::lock_guard lock(m);
-                finished = true;
+                {
+                    std::lock_guard lock(m);
+                    finished = true;
+                }
                 cv.notify_one();
             });
         task->resume();

@@ -3,8 +3,14 @@
 #include "kestro/network/tls_runtime.h"
 
 #include <curl/curl.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
+#include <deque>
 #include <boost/url/parse.hpp>
 #include <fstream>
 #include <mutex>
@@ -39,13 +45,17 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
 
     std::atomic<TaskState> state{TaskState::suspended};
     std::atomic<bool> done{false};    // set once by whoever completes the task
-    std::atomic<bool> onLoop{false};  // handed to the loading thread
+    std::atomic<bool> onLoop{false};  // handed to the loop
 
     // Handler path. handlerMutex orders startLoading before stopLoading.
     std::mutex handlerMutex;
     std::shared_ptr<URLProtocol> handler;
 
-    // Network path: touched only on the loading thread.
+    // "scheme://host:port" of the URL: the queue the task waits in for a transfer slot.
+    std::string origin;
+
+    // Network path: touched only under the loop's mutex.
+    bool held = false;  // the loop holds the task (waiting for a slot or transferring)
     CURL* easy = nullptr;
     curl_slist* headerList = nullptr;
     std::string body;
@@ -102,8 +112,18 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
 };
 
 // ---------------------------------------------------------------------------------------------
-// The loading thread: one libcurl multi handle for every session of the process. Commands
-// arrive through a mutex-guarded list and curl_multi_wakeup; everything else runs here.
+// The loading machinery: one libcurl multi handle for every session of the process, driven
+// through its socket interface. All of its state is guarded by one mutex. The loading thread
+// holds that mutex except while it waits in epoll_wait; a thread that resumes or cancels a
+// task while the mutex is free does the work itself (setting up the transfer and sending the
+// request), so a request on an idle loop costs no thread hop on the way out. When the mutex is
+// busy the work is queued as a command and the loading thread is woken through an eventfd.
+// Completions are always posted to the executor, whichever thread finished the transfer.
+//
+// Transfers per origin (scheme, host, port) are capped at the connection limit; requests past
+// the cap wait in a queue of their own, holding no libcurl handle, and start in order as
+// earlier ones finish. libcurl's own pending list is never used: it costs a scan per finished
+// transfer and a full easy handle per waiting request.
 
 class Loop {
   public:
@@ -112,8 +132,24 @@ class Loop {
         return *loop;
     }
 
-    void add(std::shared_ptr<TaskCore> core) { push({Command::add, std::move(core)}); }
-    void cancel(std::shared_ptr<TaskCore> core) { push({Command::cancel, std::move(core)}); }
+    void add(std::shared_ptr<TaskCore> core) {
+        if (std::unique_lock lock = tryLock(); lock.owns_lock()) {
+            start(core);
+            settle();
+            wakeIfSleepingTooLong();
+            return;
+        }
+        push({Command::add, std::move(core)});
+    }
+    void cancel(std::shared_ptr<TaskCore> core) {
+        if (std::unique_lock lock = tryLock(); lock.owns_lock()) {
+            drop(core.get());
+            settle();
+            wakeIfSleepingTooLong();
+            return;
+        }
+        push({Command::cancel, std::move(core)});
+    }
     std::size_t activeCount() const { return activeCount_.load(); }
 
   private:
@@ -121,27 +157,28 @@ class Loop {
         enum Kind { add, cancel } kind;
         std::shared_ptr<TaskCore> core;
     };
+    struct Origin {
+        std::size_t running = 0;
+        std::deque<std::shared_ptr<TaskCore>> waiting;
+    };
 
-    Loop() {
-        initTLSRuntime();  // before libcurl initialises OpenSSL with its exit-time clean-up
-        curl_global_init(CURL_GLOBAL_DEFAULT);
-        multi_ = curl_multi_init();
-        curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
-        curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 4 * kMaxConnectionsPerHost);
-        curl_multi_setopt(multi_, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
-        std::thread([this] { run(); }).detach();
-    }
+    Loop();
 
-    void push(Command c) {
-        {
-            std::lock_guard lock(mutex_);
-            commands_.push_back(std::move(c));
-        }
-        curl_multi_wakeup(multi_);
+    // The loop mutex, unless another thread holds it or this thread already does (a
+    // destructor run under it may start or cancel a task).
+    std::unique_lock<std::mutex> tryLock() {
+        if (tHoldsLoop) return {};
+        return std::unique_lock<std::mutex>(mutex_, std::try_to_lock);
     }
+    void push(Command c);
+    void wake();
+    void wakeIfSleepingTooLong();
 
     void run();
+    void settle();
     void start(const std::shared_ptr<TaskCore>& core);
+    bool begin(const std::shared_ptr<TaskCore>& core);
+    void slotFreed(const std::string& origin);
     void finish(TaskCore* core, CURLcode result);
     void drop(TaskCore* core);
     void checkIdle(Clock::time_point now);
@@ -152,19 +189,38 @@ class Loop {
     static size_t onHeader(char* data, size_t size, size_t n, void* user);
     static int onProgress(void* user, curl_off_t dlTotal, curl_off_t dlNow, curl_off_t ulTotal,
                           curl_off_t ulNow);
+    static int onSocket(CURL* easy, curl_socket_t s, int what, void* user, void* socketData);
+    static int onTimer(CURLM* multi, long timeoutMs, void* user);
 
     static constexpr long kMaxConnectionsPerHost = 16;
+    static constexpr std::size_t kMaxTransfersPerOrigin = kMaxConnectionsPerHost;
     static constexpr std::size_t kSpareEasyHandles = 32;
     static constexpr auto kIdleScanInterval = std::chrono::milliseconds(5);
+    static constexpr auto kLongestSleep = std::chrono::milliseconds(1000);
+
+    static thread_local bool tHoldsLoop;
 
     CURLM* multi_ = nullptr;
-    std::mutex mutex_;
+    int epoll_ = -1;
+    int wakeFd_ = -1;
+
+    std::mutex commandMutex_;
     std::vector<Command> commands_;
-    std::unordered_map<TaskCore*, std::shared_ptr<TaskCore>> active_;
-    std::atomic<std::size_t> activeCount_{0};
+
+    // Guarded by mutex_.
+    std::mutex mutex_;
+    std::unordered_map<TaskCore*, std::shared_ptr<TaskCore>> tasks_;  // waiting or running
+    std::unordered_map<std::string, Origin> origins_;
     std::vector<CURL*> spare_;
     Clock::time_point nextIdleScan_{};
+    Clock::time_point curlDeadline_ = Clock::time_point::max();
+    bool sleeping_ = false;
+    Clock::time_point sleepUntil_{};
+
+    std::atomic<std::size_t> activeCount_{0};
 };
+
+thread_local bool Loop::tHoldsLoop = false;
 
 URLError errorFor(CURLcode code, const TaskCore& core) {
     if (core.overLimit) {
@@ -294,6 +350,75 @@ int Loop::onProgress(void* user, curl_off_t, curl_off_t dlNow, curl_off_t, curl_
     return 0;
 }
 
+Loop::Loop() {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    multi_ = curl_multi_init();
+    curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
+    curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 4 * kMaxConnectionsPerHost);
+    curl_multi_setopt(multi_, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
+    curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, &Loop::onSocket);
+    curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
+    curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &Loop::onTimer);
+    curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
+    epoll_ = epoll_create1(EPOLL_CLOEXEC);
+    wakeFd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.fd = wakeFd_;
+    epoll_ctl(epoll_, EPOLL_CTL_ADD, wakeFd_, &ev);
+    std::thread([this] { run(); }).detach();
+}
+
+void Loop::push(Command c) {
+    bool first = false;
+    {
+        std::lock_guard lock(commandMutex_);
+        first = commands_.empty();
+        commands_.push_back(std::move(c));
+    }
+    // One wake-up per batch: the loop takes the whole list at once.
+    if (first) wake();
+}
+
+void Loop::wake() {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto n = ::write(wakeFd_, &one, sizeof one);
+}
+
+// After work done outside the loading thread: a timer it set may be due before the loading
+// thread would next look.
+void Loop::wakeIfSleepingTooLong() {
+    if (sleeping_ && std::min(curlDeadline_, nextIdleScan_) < sleepUntil_) wake();
+}
+
+int Loop::onSocket(CURL*, curl_socket_t s, int what, void* user, void* socketData) {
+    auto* self = static_cast<Loop*>(user);
+    if (what == CURL_POLL_REMOVE) {
+        epoll_ctl(self->epoll_, EPOLL_CTL_DEL, s, nullptr);
+        curl_multi_assign(self->multi_, s, nullptr);
+        return 0;
+    }
+    epoll_event ev{};
+    ev.events = ((what & CURL_POLL_IN) ? EPOLLIN : 0u) | ((what & CURL_POLL_OUT) ? EPOLLOUT : 0u);
+    ev.data.fd = s;
+    if (socketData) {
+        if (epoll_ctl(self->epoll_, EPOLL_CTL_MOD, s, &ev) != 0 && errno == ENOENT)
+            epoll_ctl(self->epoll_, EPOLL_CTL_ADD, s, &ev);
+    } else {
+        if (epoll_ctl(self->epoll_, EPOLL_CTL_ADD, s, &ev) != 0 && errno == EEXIST)
+            epoll_ctl(self->epoll_, EPOLL_CTL_MOD, s, &ev);
+        curl_multi_assign(self->multi_, s, self);  // any non-null mark: "registered"
+    }
+    return 0;
+}
+
+int Loop::onTimer(CURLM*, long timeoutMs, void* user) {
+    auto* self = static_cast<Loop*>(user);
+    self->curlDeadline_ = timeoutMs < 0 ? Clock::time_point::max()
+                                        : Clock::now() + std::chrono::milliseconds(timeoutMs);
+    return 0;
+}
+
 CURL* Loop::takeEasy() {
     if (spare_.empty()) return curl_easy_init();
     CURL* e = spare_.back();
@@ -311,20 +436,40 @@ void Loop::returnEasy(CURL* easy) {
 }
 
 void Loop::start(const std::shared_ptr<TaskCore>& core) {
-    if (core->done.load()) return;  // cancelled before it reached us
+    if (core->done.load() || core->held) return;  // cancelled before it reached us
     const URLSessionConfiguration& cfg = core->session->configuration;
-    const URLRequest& rq = core->request;
-    CURL* e = takeEasy();
-    if (!e) {
-        if (core->claim())
-            core->deliver({}, {}, URLError::make(URLErrorCode::unknown, "no handle"));
-        return;
-    }
-    core->easy = e;
-    const auto idle = rq.timeoutInterval.value_or(cfg.timeoutIntervalForRequest);
+    const auto idle = core->request.timeoutInterval.value_or(cfg.timeoutIntervalForRequest);
     core->idleTimeout = std::max<Clock::duration>(idle, std::chrono::milliseconds(1));
     core->lastActivity = Clock::now();
     nextIdleScan_ = std::min(nextIdleScan_, core->lastActivity + core->idleTimeout);
+    core->held = true;
+    tasks_.emplace(core.get(), core);
+    activeCount_.store(tasks_.size());
+
+    Origin& origin = origins_[core->origin];
+    if (origin.running >= kMaxTransfersPerOrigin) {
+        origin.waiting.push_back(core);
+        return;
+    }
+    ++origin.running;
+    if (!begin(core)) slotFreed(core->origin);
+}
+
+// Hands a held task to libcurl; its origin's slot is already counted. False when libcurl
+// refused it (the task has then been completed with an error and let go).
+bool Loop::begin(const std::shared_ptr<TaskCore>& core) {
+    const URLSessionConfiguration& cfg = core->session->configuration;
+    const URLRequest& rq = core->request;
+    auto fail = [&](const char* what) {
+        tasks_.erase(core.get());
+        activeCount_.store(tasks_.size());
+        core->held = false;
+        if (core->claim()) core->deliver({}, {}, URLError::make(URLErrorCode::unknown, what));
+        return false;
+    };
+    CURL* e = takeEasy();
+    if (!e) return fail("no handle");
+    core->easy = e;
 
     curl_easy_setopt(e, CURLOPT_URL, rq.url->c_str());
     curl_easy_setopt(e, CURLOPT_PRIVATE, core.get());
@@ -351,7 +496,8 @@ void Loop::start(const std::shared_ptr<TaskCore>& core) {
         static_cast<long>(
             std::chrono::duration_cast<std::chrono::milliseconds>(core->idleTimeout).count()));
     curl_easy_setopt(e, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
-    curl_easy_setopt(e, CURLOPT_USERAGENT, (std::string("kestro/") + SDK_VERSION).c_str());
+    static const std::string userAgent = std::string("kestro/") + SDK_VERSION;
+    curl_easy_setopt(e, CURLOPT_USERAGENT, userAgent.c_str());
     if (!core->session->extraCAPEM.empty()) {
         curl_blob blob{const_cast<char*>(core->session->extraCAPEM.data()),
                        core->session->extraCAPEM.size(), CURL_BLOB_NOCOPY};
@@ -395,24 +541,42 @@ void Loop::start(const std::shared_ptr<TaskCore>& core) {
         core->headerList = nullptr;
         core->easy = nullptr;
         returnEasy(e);
-        if (core->claim()) core->deliver({}, {}, URLError::make(URLErrorCode::unknown, "add"));
-        return;
+        return fail("add");
     }
-    active_.emplace(core.get(), core);
-    activeCount_.store(active_.size());
+    return true;
+}
+
+// A transfer of `origin` has ended: the next waiting tasks of that origin take the slot.
+void Loop::slotFreed(const std::string& originKey) {
+    auto it = origins_.find(originKey);
+    if (it == origins_.end()) return;
+    Origin& origin = it->second;
+    if (origin.running > 0) --origin.running;
+    while (origin.running < kMaxTransfersPerOrigin && !origin.waiting.empty()) {
+        std::shared_ptr<TaskCore> next = std::move(origin.waiting.front());
+        origin.waiting.pop_front();
+        if (!next->held) continue;  // let go while it waited (cancelled or timed out)
+        ++origin.running;
+        if (!begin(next)) --origin.running;
+    }
+    if (origin.running == 0 && origin.waiting.empty()) origins_.erase(it);
 }
 
 void Loop::drop(TaskCore* core) {
-    auto it = active_.find(core);
-    if (it == active_.end()) return;
+    auto it = tasks_.find(core);
+    if (it == tasks_.end()) return;
     std::shared_ptr<TaskCore> keep = std::move(it->second);
-    active_.erase(it);
-    activeCount_.store(active_.size());
+    tasks_.erase(it);
+    activeCount_.store(tasks_.size());
+    core->held = false;
+    // A task still waiting for a slot stays in its origin's queue, which skips it.
+    if (!core->easy) return;
     curl_multi_remove_handle(multi_, core->easy);
     returnEasy(core->easy);
     core->easy = nullptr;
     curl_slist_free_all(core->headerList);
     core->headerList = nullptr;
+    slotFreed(core->origin);
 }
 
 void Loop::finish(TaskCore* core, CURLcode result) {
@@ -446,7 +610,7 @@ void Loop::checkIdle(Clock::time_point now) {
     // a scan can find anything (new transfers pull it earlier in start()).
     std::vector<TaskCore*> expired;
     Clock::time_point earliest = now + std::chrono::seconds(1);
-    for (auto& [core, _] : active_) {
+    for (auto& [core, _] : tasks_) {
         const auto deadline = core->lastActivity + core->idleTimeout;
         if (now > deadline) {
             expired.push_back(core);
@@ -468,11 +632,60 @@ void Loop::checkIdle(Clock::time_point now) {
     }
 }
 
+// Runs libcurl's due timers and completes the transfers that have ended. Under mutex_.
+void Loop::settle() {
+    for (int round = 0; round < 8 && curlDeadline_ <= Clock::now(); ++round) {
+        curlDeadline_ = Clock::time_point::max();
+        int running = 0;
+        curl_multi_socket_action(multi_, CURL_SOCKET_TIMEOUT, 0, &running);
+    }
+    int left = 0;
+    while (CURLMsg* msg = curl_multi_info_read(multi_, &left)) {
+        if (msg->msg != CURLMSG_DONE) continue;
+        void* priv = nullptr;
+        curl_easy_getinfo(msg->easy_handle, CURLINFO_PRIVATE, &priv);
+        finish(static_cast<TaskCore*>(priv), msg->data.result);
+    }
+}
+
 void Loop::run() {
     std::vector<Command> batch;
+    std::array<epoll_event, 64> events{};
+    std::unique_lock lock(mutex_);
+    tHoldsLoop = true;
     for (;;) {
+        auto now = Clock::now();
+        const auto due = std::min({curlDeadline_, nextIdleScan_, now + kLongestSleep});
+        const int waitMs =
+            due <= now ? 0
+                       : static_cast<int>(
+                             std::chrono::ceil<std::chrono::milliseconds>(due - now).count());
+        sleeping_ = true;
+        sleepUntil_ = std::max(due, now);
+        tHoldsLoop = false;
+        lock.unlock();
+        const int n = epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), waitMs);
+        lock.lock();
+        tHoldsLoop = true;
+        sleeping_ = false;
+
+        for (int i = 0; i < n; ++i) {
+            const int fd = events[i].data.fd;
+            if (fd == wakeFd_) {
+                std::uint64_t count = 0;
+                [[maybe_unused]] const auto r = ::read(wakeFd_, &count, sizeof count);
+                continue;
+            }
+            const std::uint32_t ev = events[i].events;
+            int action = 0;
+            if (ev & (EPOLLIN | EPOLLHUP)) action |= CURL_CSELECT_IN;
+            if (ev & EPOLLOUT) action |= CURL_CSELECT_OUT;
+            if (ev & EPOLLERR) action |= CURL_CSELECT_ERR;
+            int running = 0;
+            curl_multi_socket_action(multi_, fd, action, &running);
+        }
         {
-            std::lock_guard lock(mutex_);
+            std::lock_guard commandLock(commandMutex_);
             batch.swap(commands_);
         }
         for (auto& c : batch) {
@@ -483,24 +696,8 @@ void Loop::run() {
             }
         }
         batch.clear();
-
-        int running = 0;
-        curl_multi_perform(multi_, &running);
-        int left = 0;
-        while (CURLMsg* msg = curl_multi_info_read(multi_, &left)) {
-            if (msg->msg != CURLMSG_DONE) continue;
-            void* priv = nullptr;
-            curl_easy_getinfo(msg->easy_handle, CURLINFO_PRIVATE, &priv);
-            finish(static_cast<TaskCore*>(priv), msg->data.result);
-        }
-        const auto now = Clock::now();
-        checkIdle(now);
-
-        // curl_multi_poll also wakes for libcurl's own timers and for curl_multi_wakeup.
-        const auto untilScan =
-            std::chrono::duration_cast<std::chrono::milliseconds>(nextIdleScan_ - now).count() + 1;
-        const int waitMs = static_cast<int>(std::clamp<std::int64_t>(untilScan, 1, 1000));
-        curl_multi_poll(multi_, nullptr, 0, waitMs, nullptr);
+        settle();
+        checkIdle(Clock::now());
     }
 }
 
@@ -646,6 +843,18 @@ void URLSessionDataTask::resume() {
         } else if (parsed->scheme_id() != boost::urls::scheme::http &&
                    parsed->scheme_id() != boost::urls::scheme::https) {
             bad = URLError::make(URLErrorCode::unsupportedURL, *rq.url);
+        } else {
+            const bool https = parsed->scheme_id() == boost::urls::scheme::https;
+            std::string& origin = core_->origin;
+            origin = https ? "https://" : "http://";
+            for (const char c : parsed->encoded_host())
+                origin.push_back(c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c);
+            origin.push_back(':');
+            if (parsed->has_port() && !parsed->port().empty()) {
+                origin.append(parsed->port());
+            } else {
+                origin.append(https ? "443" : "80");
+            }
         }
     }
     if (bad) {
