@@ -17,6 +17,7 @@
 #include <sstream>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "kestro/core/config.h"
 #include "kestro/core/console.h"
@@ -26,6 +27,16 @@ namespace kestro {
 namespace network::internal {
 
 using Clock = std::chrono::steady_clock;
+
+// Posts f to the global executor. Posted from one of the executor's own workers, f runs on that
+// worker right after the task it is posted from, so handing a result on costs no wake-up of
+// another worker; posted from any other thread, it goes to whichever worker is free.
+template <typename F>
+void postFollowUp(F&& f) {
+    boost::asio::post(boost::asio::require(globalExecutor().get_executor(),
+                                           boost::asio::execution::relationship.continuation),
+                      std::forward<F>(f));
+}
 
 struct SessionState {
     URLSessionConfiguration configuration;
@@ -77,8 +88,9 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
         state.store(TaskState::completed);
         auto cb = std::move(completion);
         completion = nullptr;
-        postTask([cb = std::move(cb), data = std::move(data), response = std::move(response),
-                  error = std::move(error)]() mutable {
+        std::function<void()> run = [cb = std::move(cb), data = std::move(data),
+                                     response = std::move(response),
+                                     error = std::move(error)]() mutable {
             if (!cb) return;
             try {
                 cb(std::move(data), std::move(response), std::move(error));
@@ -87,15 +99,25 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
             } catch (...) {
                 printI("❌ A request's completion threw", LogLevel::error);
             }
-        });
+        };
+        if (tDeliveries) {
+            tDeliveries->push_back(std::move(run));
+        } else {
+            postFollowUp(std::move(run));
+        }
     }
+
+    // Set while the loop's mutex is held: completions made then are gathered and posted
+    // together when the mutex is let go, one executor task (and at most one worker wake-up)
+    // per pass instead of one per transfer.
+    static thread_local std::vector<std::function<void()>>* tDeliveries;
 
     // Lets go of the handler object, which holds our client and so this task. Done on the
     // executor because the caller may be inside one of the handler's own calls; with `stop`
     // the handler is told stopLoading() first (it had not ended the load itself). Taking the
     // handler under handlerMutex orders this after startLoading() has returned.
     void releaseHandler(bool stop) {
-        postTask([self = shared_from_this(), stop] {
+        postFollowUp([self = shared_from_this(), stop] {
             std::shared_ptr<URLProtocol> h;
             {
                 std::lock_guard lock(self->handlerMutex);
@@ -109,6 +131,36 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
             }
         });
     }
+};
+
+thread_local std::vector<std::function<void()>>* TaskCore::tDeliveries = nullptr;
+
+// Gathers the completions made while it lives and posts them as one executor task.
+class DeliveryBatch {
+  public:
+    DeliveryBatch() : previous_(TaskCore::tDeliveries) { TaskCore::tDeliveries = &items_; }
+    ~DeliveryBatch() {
+        TaskCore::tDeliveries = previous_;
+        flush();
+    }
+    DeliveryBatch(const DeliveryBatch&) = delete;
+    DeliveryBatch& operator=(const DeliveryBatch&) = delete;
+
+    void flush() {
+        if (items_.empty()) return;
+        if (items_.size() == 1) {
+            postFollowUp(std::move(items_.front()));
+        } else {
+            postFollowUp([items = std::move(items_)]() mutable {
+                for (auto& run : items) run();
+            });
+        }
+        items_ = {};
+    }
+
+  private:
+    std::vector<std::function<void()>> items_;
+    std::vector<std::function<void()>>* previous_;
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -133,6 +185,7 @@ class Loop {
     }
 
     void add(std::shared_ptr<TaskCore> core) {
+        DeliveryBatch batch;
         if (std::unique_lock lock = tryLock(); lock.owns_lock()) {
             start(core);
             settle();
@@ -142,6 +195,7 @@ class Loop {
         push({Command::add, std::move(core)});
     }
     void cancel(std::shared_ptr<TaskCore> core) {
+        DeliveryBatch batch;
         if (std::unique_lock lock = tryLock(); lock.owns_lock()) {
             drop(core.get());
             settle();
@@ -182,8 +236,10 @@ class Loop {
     void finish(TaskCore* core, CURLcode result);
     void drop(TaskCore* core);
     void checkIdle(Clock::time_point now);
+    static void configureEasy(CURL* e);
+    static bool usedOnce(TaskCore* core);
     CURL* takeEasy();
-    void returnEasy(CURL* easy);
+    void returnEasy(CURL* easy, bool needsReset);
 
     static size_t onWrite(char* data, size_t size, size_t n, void* user);
     static size_t onHeader(char* data, size_t size, size_t n, void* user);
@@ -212,6 +268,7 @@ class Loop {
     std::unordered_map<TaskCore*, std::shared_ptr<TaskCore>> tasks_;  // waiting or running
     std::unordered_map<std::string, Origin> origins_;
     std::vector<CURL*> spare_;
+    std::unordered_set<curl_socket_t> parked_;  // registered with epoll, not wanted by libcurl
     Clock::time_point nextIdleScan_{};
     Clock::time_point curlDeadline_ = Clock::time_point::max();
     bool sleeping_ = false;
@@ -394,21 +451,28 @@ void Loop::wakeIfSleepingTooLong() {
 int Loop::onSocket(CURL*, curl_socket_t s, int what, void* user, void* socketData) {
     auto* self = static_cast<Loop*>(user);
     if (what == CURL_POLL_REMOVE) {
-        epoll_ctl(self->epoll_, EPOLL_CTL_DEL, s, nullptr);
+        // A kept-alive connection is usually asked for again by the next transfer, so its
+        // registration is parked rather than removed: the next request then costs one
+        // epoll_ctl instead of two. A parked socket that reports anything (the peer closed an
+        // idle connection) is removed then; one that libcurl closes leaves epoll by itself.
+        self->parked_.insert(s);
         curl_multi_assign(self->multi_, s, nullptr);
         return 0;
     }
     epoll_event ev{};
     ev.events = ((what & CURL_POLL_IN) ? EPOLLIN : 0u) | ((what & CURL_POLL_OUT) ? EPOLLOUT : 0u);
     ev.data.fd = s;
-    if (socketData) {
+    // A parked entry may be stale (the socket was closed and its number reused), so the
+    // registration is always renewed, falling back when epoll's view differs.
+    const bool parked = self->parked_.erase(s) > 0;
+    if (socketData || parked) {
         if (epoll_ctl(self->epoll_, EPOLL_CTL_MOD, s, &ev) != 0 && errno == ENOENT)
             epoll_ctl(self->epoll_, EPOLL_CTL_ADD, s, &ev);
     } else {
         if (epoll_ctl(self->epoll_, EPOLL_CTL_ADD, s, &ev) != 0 && errno == EEXIST)
             epoll_ctl(self->epoll_, EPOLL_CTL_MOD, s, &ev);
-        curl_multi_assign(self->multi_, s, self);  // any non-null mark: "registered"
     }
+    if (!socketData) curl_multi_assign(self->multi_, s, self);  // non-null mark: "registered"
     return 0;
 }
 
@@ -419,20 +483,60 @@ int Loop::onTimer(CURLM*, long timeoutMs, void* user) {
     return 0;
 }
 
+// The options every transfer shares. Set once per handle: a spare handle keeps them, so a
+// reused handle only gets the options of its request (and keeps libcurl's buffers).
+void Loop::configureEasy(CURL* e) {
+    static const std::string userAgent = std::string("kestro/") + SDK_VERSION;
+    curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(e, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(e, CURLOPT_AUTOREFERER, 1L);
+    curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
+    curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &Loop::onWrite);
+    curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &Loop::onHeader);
+    curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, &Loop::onProgress);
+    curl_easy_setopt(e, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+    curl_easy_setopt(e, CURLOPT_USERAGENT, userAgent.c_str());
+}
+
 CURL* Loop::takeEasy() {
-    if (spare_.empty()) return curl_easy_init();
-    CURL* e = spare_.back();
-    spare_.pop_back();
-    curl_easy_reset(e);
+    if (!spare_.empty()) {
+        CURL* e = spare_.back();
+        spare_.pop_back();
+        return e;
+    }
+    CURL* e = curl_easy_init();
+    if (e) configureEasy(e);
     return e;
 }
 
-void Loop::returnEasy(CURL* easy) {
-    if (spare_.size() < kSpareEasyHandles) {
-        spare_.push_back(easy);
-    } else {
+// A handle that carried per-session trust or followed a redirect (libcurl keeps the referer
+// it made) is reset before it is kept; any other handle keeps its options.
+void Loop::returnEasy(CURL* easy, bool needsReset) {
+    if (spare_.size() >= kSpareEasyHandles) {
         curl_easy_cleanup(easy);
+        return;
     }
+    if (needsReset) {
+        curl_easy_reset(easy);
+        configureEasy(easy);
+    } else {
+        // Nothing of the finished request stays reachable from the handle.
+        curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, static_cast<char*>(nullptr));
+        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, static_cast<curl_slist*>(nullptr));
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDS, static_cast<const char*>(nullptr));
+        curl_easy_setopt(easy, CURLOPT_PRIVATE, static_cast<void*>(nullptr));
+    }
+    spare_.push_back(easy);
+}
+
+bool Loop::usedOnce(TaskCore* core) {
+    if (!core->session->extraCAPEM.empty()) return true;
+    long redirects = 0;
+    curl_easy_getinfo(core->easy, CURLINFO_REDIRECT_COUNT, &redirects);
+    return redirects > 0;
 }
 
 void Loop::start(const std::shared_ptr<TaskCore>& core) {
@@ -473,19 +577,9 @@ bool Loop::begin(const std::shared_ptr<TaskCore>& core) {
 
     curl_easy_setopt(e, CURLOPT_URL, rq.url->c_str());
     curl_easy_setopt(e, CURLOPT_PRIVATE, core.get());
-    curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(e, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(e, CURLOPT_MAXREDIRS, static_cast<long>(cfg.maximumRedirects));
-    curl_easy_setopt(e, CURLOPT_AUTOREFERER, 1L);
-    curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
-    curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &Loop::onWrite);
     curl_easy_setopt(e, CURLOPT_WRITEDATA, core.get());
-    curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &Loop::onHeader);
     curl_easy_setopt(e, CURLOPT_HEADERDATA, core.get());
-    curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, &Loop::onProgress);
     curl_easy_setopt(e, CURLOPT_XFERINFODATA, core.get());
     curl_easy_setopt(e, CURLOPT_ERRORBUFFER, core->errorBuffer);
     curl_easy_setopt(
@@ -495,21 +589,21 @@ bool Loop::begin(const std::shared_ptr<TaskCore>& core) {
         e, CURLOPT_CONNECTTIMEOUT_MS,
         static_cast<long>(
             std::chrono::duration_cast<std::chrono::milliseconds>(core->idleTimeout).count()));
-    curl_easy_setopt(e, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
-    static const std::string userAgent = std::string("kestro/") + SDK_VERSION;
-    curl_easy_setopt(e, CURLOPT_USERAGENT, userAgent.c_str());
     if (!core->session->extraCAPEM.empty()) {
         curl_blob blob{const_cast<char*>(core->session->extraCAPEM.data()),
                        core->session->extraCAPEM.size(), CURL_BLOB_NOCOPY};
         curl_easy_setopt(e, CURLOPT_CAINFO_BLOB, &blob);
     }
 
+    // Every method option is set each time: a reused handle still holds the last request's.
     const std::string method = rq.method();
+    curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, static_cast<const char*>(nullptr));
     if (method == "GET" && !rq.httpBody) {
         curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);
     } else if (method == "HEAD") {
         curl_easy_setopt(e, CURLOPT_NOBODY, 1L);
     } else {
+        curl_easy_setopt(e, CURLOPT_NOBODY, 0L);
         // POST is not set as a custom method, so that redirects turn it into GET.
         if (method != "POST") curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, method.c_str());
         const char* data = rq.httpBody ? rq.httpBody->data() : "";
@@ -540,7 +634,7 @@ bool Loop::begin(const std::shared_ptr<TaskCore>& core) {
         curl_slist_free_all(core->headerList);
         core->headerList = nullptr;
         core->easy = nullptr;
-        returnEasy(e);
+        returnEasy(e, true);
         return fail("add");
     }
     return true;
@@ -572,7 +666,7 @@ void Loop::drop(TaskCore* core) {
     // A task still waiting for a slot stays in its origin's queue, which skips it.
     if (!core->easy) return;
     curl_multi_remove_handle(multi_, core->easy);
-    returnEasy(core->easy);
+    returnEasy(core->easy, usedOnce(core));
     core->easy = nullptr;
     curl_slist_free_all(core->headerList);
     core->headerList = nullptr;
@@ -651,6 +745,7 @@ void Loop::settle() {
 void Loop::run() {
     std::vector<Command> batch;
     std::array<epoll_event, 64> events{};
+    DeliveryBatch deliveries;
     std::unique_lock lock(mutex_);
     tHoldsLoop = true;
     for (;;) {
@@ -664,6 +759,7 @@ void Loop::run() {
         sleepUntil_ = std::max(due, now);
         tHoldsLoop = false;
         lock.unlock();
+        deliveries.flush();
         const int n = epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), waitMs);
         lock.lock();
         tHoldsLoop = true;
@@ -674,6 +770,10 @@ void Loop::run() {
             if (fd == wakeFd_) {
                 std::uint64_t count = 0;
                 [[maybe_unused]] const auto r = ::read(wakeFd_, &count, sizeof count);
+                continue;
+            }
+            if (parked_.erase(fd) > 0) {
+                epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
                 continue;
             }
             const std::uint32_t ev = events[i].events;
