@@ -60,10 +60,45 @@ std::vector<char32_t> codePoints(std::string_view s) {
 
 constexpr char32_t kStar = U'*';
 
+// Plain ASCII without line breaks: every byte is one character and "*" may take any of them.
+bool isPlainASCII(std::string_view s) {
+    for (const char c : s) {
+        const auto b = static_cast<unsigned char>(c);
+        if (b >= 0x80 || (b >= 0x0A && b <= 0x0D)) return false;
+    }
+    return true;
+}
+
+// The glob match on bytes, for plain ASCII text: the classic two-pointer walk that lets the
+// last star seen take one more character whenever the rest fails to match. With stars that
+// may take anything this finds a match exactly when one exists, in O(|url| * |pattern|) at
+// worst and in one pass for the patterns rules use. No allocation.
+bool matchesPlain(std::string_view url, std::string_view pattern) {
+    std::size_t u = 0, p = 0;
+    std::size_t starP = std::string_view::npos, starU = 0;
+    while (u < url.size()) {
+        if (p < pattern.size() && pattern[p] == '*') {
+            starP = p++;
+            starU = u;
+        } else if (p < pattern.size() && pattern[p] == url[u]) {
+            ++p;
+            ++u;
+        } else if (starP != std::string_view::npos) {
+            p = starP + 1;
+            u = ++starU;
+        } else {
+            return false;
+        }
+    }
+    while (p < pattern.size() && pattern[p] == '*') ++p;
+    return p == pattern.size();
+}
+
 }  // namespace
 
 bool doesURLMatchPattern(std::string_view url, std::string_view pattern) {
     if (pattern.find('*') == std::string_view::npos) return url == pattern;
+    if (isPlainASCII(url) && isPlainASCII(pattern)) return matchesPlain(url, pattern);
 
     const std::vector<char32_t> p = codePoints(pattern);
     const std::vector<char32_t> u = codePoints(url);
@@ -196,10 +231,12 @@ std::size_t MockCache::getSize() const { return rules_.load()->size(); }
 
 std::optional<MockCacheEntry> MockCache::getEntry(const std::string& key) const {
     const std::shared_ptr<const Rules> rules = rules_.load();
+    // The lines are only built when the console shows them.
+    const bool verbose = consoleAllows(consoleLevel(), LogLevel::verbose);
     for (const auto& [pattern, rule] : *rules) {
-        printI("Check mock cache entry " + pattern + " == " + key, LogLevel::verbose);
+        if (verbose) printI("Check mock cache entry " + pattern + " == " + key, LogLevel::verbose);
         if (doesURLMatchPattern(key, pattern)) {
-            printI("Mock Request " + key, LogLevel::verbose);
+            if (verbose) printI("Mock Request " + key, LogLevel::verbose);
             return rule;
         }
     }
