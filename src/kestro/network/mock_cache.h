@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "kestro/core/export.h"
+#include "kestro/network/snapshot.h"
 
 namespace kestro {
 
@@ -72,7 +73,7 @@ public:
 
 private:
     std::mutex writeMutex_;  // serialises writers; readers never take it
-    std::atomic<std::shared_ptr<const Rules>> rules_;
+    network::internal::Snapshot<const Rules> rules_;
 };
 
 }  // namespace kestro

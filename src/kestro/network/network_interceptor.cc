@@ -7,6 +7,7 @@
 #include "kestro/core/console.h"
 #include "kestro/core/uuid.h"
 #include "kestro/network/body_text.h"
+#include "kestro/network/snapshot.h"
 
 namespace kestro {
 
@@ -41,7 +42,7 @@ struct NetworkInterceptor::State : std::enable_shared_from_this<NetworkIntercept
 
     std::shared_ptr<MockCache> mockCache;
     std::shared_ptr<BreakpointGate> gate;
-    std::atomic<std::shared_ptr<const Callback>> callback;
+    network::internal::Snapshot<const Callback> callback;
     std::atomic<bool> breakPointEnabled{false};
     std::atomic<std::chrono::steady_clock::duration::rep> breakpointTimeout{
         std::chrono::duration_cast<std::chrono::steady_clock::duration>(kBreakpointTimeout)

@@ -3,6 +3,8 @@
 #include <atomic>
 #include <mutex>
 
+#include "kestro/network/snapshot.h"
+
 namespace kestro {
 
 namespace {
@@ -13,7 +15,7 @@ using ClassList = std::vector<std::shared_ptr<const URLProtocolClass>>;
 // lock; writers, which are rare, copy the list under a mutex and swap it in.
 struct Registry {
     std::mutex writeMutex;
-    std::atomic<std::shared_ptr<const ClassList>> classes{std::make_shared<const ClassList>()};
+    network::internal::Snapshot<const ClassList> classes{std::make_shared<const ClassList>()};
 };
 
 Registry& registry() {
