@@ -333,3 +333,28 @@ TEST(JSONDecorator, MemberWithBrokenValueKeepsOnlyItsFirstLine) {
 
 }  // namespace
 }  // namespace kestro
+
+namespace kestro {
+namespace {
+
+TEST(JSONSlice, CopiesOwnTheirFoldedText) {
+    auto d = JSONDecorator::highlight(R"({"k":[1]})");
+    ASSERT_TRUE(d);
+    JSONSlice copy = d->slices[1];
+    ASSERT_TRUE(copy.folded);
+    const std::string folded(d->slices[1].folded->string());
+    copy.folded->append("!", nullptr);
+    EXPECT_EQ(d->slices[1].folded->string(), folded);
+    copy.folded = std::nullopt;
+    EXPECT_FALSE(copy.folded);
+    EXPECT_TRUE(d->slices[1].folded);
+    // Assigning a text to an empty one gives it one; moving leaves the source empty.
+    copy.folded = AttributedText("x");
+    JSONSlice moved = std::move(copy);
+    EXPECT_EQ(moved.folded->string(), "x");
+    EXPECT_FALSE(copy.folded);  // NOLINT: checking the moved-from state on purpose
+    EXPECT_FALSE(d->slices[2].folded);  // a scalar line has no folded form
+}
+
+}  // namespace
+}  // namespace kestro

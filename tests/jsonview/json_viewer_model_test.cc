@@ -189,7 +189,7 @@ TEST_F(JSONViewerTest, SearchFindsHitsInHiddenLinesAndShowsThemOnceExpanded) {
         std::vector<std::string> texts;
         t.enumerateRuns([&](const AttributedText::Run& r) {
             if (r.attributes.backgroundColor == hit) {
-                texts.push_back(t.string().substr(r.range.location, r.range.length));
+                texts.emplace_back(t.string().substr(r.range.location, r.range.length));
                 EXPECT_TRUE(r.attributes.font && r.attributes.font->isBold());
             }
         });

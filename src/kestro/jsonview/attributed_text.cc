@@ -269,20 +269,20 @@ AttributesRef makeAttributes(TextAttributes attributes) {
 
 // ---- AttributedText -------------------------------------------------------------------------
 
-AttributedText::AttributedText(std::string text, AttributesRef attributes)
-    : text_(std::move(text)) {
-    // Most texts get a second and third run appended (a comma, unknown text) right away.
-    runs_.reserve(3);
+AttributedText::AttributedText(std::string_view text, AttributesRef attributes) : text_(text) {
+    // Most texts get further runs appended right away: a member line holds the key, the
+    // colon, the value and a comma.
+    runs_.reserve(4);
     if (!text_.empty()) runs_.push_back({0, std::move(attributes)});
 }
 
 AttributedText::AttributedText(std::string_view text, const TextAttributes& attributes)
-    : AttributedText(std::string(text), makeAttributes(attributes)) {}
+    : AttributedText(text, makeAttributes(attributes)) {}
 
 AttributedText AttributedText::attachment(TextAttachment attachment) {
     TextAttributes attributes;
     attributes.attachment = std::move(attachment);
-    return AttributedText(std::string(kAttachmentCharacter), makeAttributes(std::move(attributes)));
+    return AttributedText(kAttachmentCharacter, makeAttributes(std::move(attributes)));
 }
 
 std::size_t AttributedText::utf16Length() const { return utf16Count(text_); }
@@ -362,7 +362,7 @@ void AttributedText::replace(TextRange range, const AttributedText& replacement)
     const std::size_t e = splitAt(end);
     runs_.erase(runs_.begin() + static_cast<std::ptrdiff_t>(s),
                 runs_.begin() + static_cast<std::ptrdiff_t>(e));
-    std::vector<RunEntry> inserted;
+    RunList inserted;
     inserted.reserve(replacement.runs_.size());
     for (const auto& r : replacement.runs_) inserted.push_back({r.start + loc, r.attributes});
     runs_.insert(runs_.begin() + static_cast<std::ptrdiff_t>(s), inserted.begin(), inserted.end());
@@ -547,7 +547,7 @@ void TextStorage::setText(const AttributedText& text) {
 }
 
 void TextStorage::appendChunks(const AttributedText& text, std::vector<Chunk>& out) const {
-    const std::string& s = text.string();
+    const std::string_view s = text.string();
     std::size_t p = 0;
     while (p < s.size()) {
         std::size_t cut = s.size();

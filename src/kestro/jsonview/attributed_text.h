@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "kestro/core/export.h"
+#include "kestro/jsonview/block_cache.h"
 
 namespace kestro {
 
@@ -218,12 +219,12 @@ class KESTRO_API AttributedText {
     };
 
     AttributedText() = default;
-    explicit AttributedText(std::string text, AttributesRef attributes = nullptr);
+    explicit AttributedText(std::string_view text, AttributesRef attributes = nullptr);
     AttributedText(std::string_view text, const TextAttributes& attributes);
     /// One attachment character carrying the attachment and nothing else.
     static AttributedText attachment(TextAttachment attachment);
 
-    const std::string& string() const { return text_; }
+    std::string_view string() const { return text_; }
     /// Length in bytes.
     std::size_t length() const { return text_.size(); }
     bool empty() const { return text_.empty(); }
@@ -291,8 +292,13 @@ class KESTRO_API AttributedText {
     template <typename Edit>
     void editAttributes(TextRange range, Edit&& edit);
 
-    std::string text_;
-    std::vector<RunEntry> runs_;
+    // Both come from the per-thread block cache: a laid-out document is hundreds of thousands
+    // of short lines, each with its own text and runs.
+    using RunList = std::vector<RunEntry, jsonview::internal::BlockAllocator<RunEntry>>;
+    using String = std::basic_string<char, std::char_traits<char>, jsonview::internal::BlockAllocator<char>>;
+
+    String text_;
+    RunList runs_;
 };
 
 /// A long attributed text kept in chunks of a few kilobytes: replacing a range touches only the

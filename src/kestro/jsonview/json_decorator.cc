@@ -39,7 +39,7 @@ bool strictlyValid(std::string_view json) {
 // ---- JSONSlice ------------------------------------------------------------------------------
 
 JSONSlice::JSONSlice(int lineNumber, State state, int level, AttributedText expand,
-                     std::optional<AttributedText> folded, int foldedTimes)
+                     OptionalAttributedText folded, int foldedTimes)
     : lineNumber(lineNumber),
       state(state),
       level(level),
@@ -55,7 +55,8 @@ JSONSlice::JSONSlice(int lineNumber, State state, int level, std::string expand,
       level(level),
       expand(std::move(expand), std::move(expandAttributes)),
       foldedTimes(foldedTimes) {
-    if (folded) this->folded.emplace(std::move(folded->first), std::move(folded->second));
+    if (folded)
+        this->folded.emplace(AttributedText(std::move(folded->first), std::move(folded->second)));
 }
 
 const AttributedText* JSONSlice::showContent() const {
@@ -239,14 +240,19 @@ JSONDecorator::Assembly JSONDecorator::assemble() const {
 std::pair<AttributedText, AttributedText> JSONDecorator::createStartAttribute(
     std::string_view expand, std::string_view fold, IsNeed isNeed) const {
     const Styles& st = styles();
-    const std::string prefix = isNeed.indent ? writeIndent() : std::string();
+    const std::size_t prefix = isNeed.indent ? static_cast<std::size_t>(std::max(indent_, 0)) : 0;
+    const std::size_t icon = kAttachmentCharacter.size();
     // The icon goes after the tabs, before the blank.
-    AttributedText expanded(prefix, st.start);
+    AttributedText expanded;
+    expanded.reserve(prefix + icon + 1 + expand.size(), 3);
+    if (isNeed.indent) appendIndent(expanded, st.start);
     expanded.append(st.foldIcon);
     expanded.append(" ", st.start);
     expanded.append(expand, st.start);
 
-    AttributedText folded(prefix, st.keyWord);
+    AttributedText folded;
+    folded.reserve(prefix + icon + 2 + fold.size(), 4);
+    if (isNeed.indent) appendIndent(folded, st.keyWord);
     folded.append(st.expandIcon);
     folded.append(" ", st.keyWord);
     folded.append(fold, st.placeholder);
@@ -255,10 +261,13 @@ std::pair<AttributedText, AttributedText> JSONDecorator::createStartAttribute(
 }
 
 AttributedText JSONDecorator::createEndAttribute(std::string_view key, bool isNeedComma) const {
-    std::string text = writeIndent();
-    text += key;
-    if (isNeedComma) text += ',';
-    return AttributedText(std::move(text), styles().start);
+    const AttributesRef& style = styles().start;
+    AttributedText line;
+    line.reserve(static_cast<std::size_t>(std::max(indent_, 0)) + key.size() + 1, 1);
+    appendIndent(line, style);
+    line.append(key, style);
+    if (isNeedComma) line.append(",", style);
+    return line;
 }
 
 void JSONDecorator::processJSONValueRecursively(const JSONValue& value, int currentSlicesCount,
@@ -283,45 +292,58 @@ void JSONDecorator::processJSONValueRecursively(const JSONValue& value, int curr
 void JSONDecorator::processScalarValue(const JSONValue& value, int currentSlicesCount,
                                        IsNeed isNeed, int foldedTimes,
                                        std::vector<JSONSlice>& out) {
-    out.emplace_back(currentSlicesCount + 1, State::expand, indent_, scalarLine(value, isNeed),
-                     std::nullopt, foldedTimes);
+    AttributedText line;
+    // Room for the indentation, the text in quotes and a comma, so that the line is built
+    // without regrowing.
+    line.reserve((isNeed.indent ? static_cast<std::size_t>(std::max(indent_, 0)) : 0) +
+                     value.text().size() + 3,
+                 1 + isNeed.comma + value.wrong().has_value());
+    appendScalar(line, value, isNeed);
+    out.emplace_back(currentSlicesCount + 1, State::expand, indent_, std::move(line), std::nullopt,
+                     foldedTimes);
 }
 
-AttributedText JSONDecorator::scalarLine(const JSONValue& value, IsNeed isNeed) const {
+void JSONDecorator::appendScalar(AttributedText& line, const JSONValue& value,
+                                 IsNeed isNeed) const {
     const Styles& st = styles();
-    std::string body = isNeed.indent ? writeIndent() : std::string();
-    const std::size_t prefixLength = body.size();
-    AttributesRef style;
+    const AttributesRef* style;
+    std::string_view text;
     std::optional<ValidURL> link;
     switch (value.kind()) {
         case JSONValue::Case::string: {
-            const std::string_view s = value.text();
-            body += '"';
-            body += s;
-            body += '"';
-            style = st.string;
-            if (scalarCount(s) >= 2) link = validURL(s);
-            if (link) style = st.link;
+            text = value.text();
+            style = &st.string;
+            if (scalarCount(text) >= 2) link = validURL(text);
+            if (link) style = &st.link;
             break;
         }
         case JSONValue::Case::number:
-            body += value.text();
-            style = st.number;
+            text = value.text();
+            style = &st.number;
             break;
         case JSONValue::Case::boolean:
-            body += value.asBool() ? "true" : "false";
-            style = st.boolean;
+            text = value.asBool() ? "true" : "false";
+            style = &st.boolean;
             break;
         default:
-            body += "null";
-            style = st.null;
+            text = "null";
+            style = &st.null;
             break;
     }
-    AttributedText line(std::move(body), style);
+    // The indentation takes the value's style.
+    if (isNeed.indent) appendIndent(line, *style);
+    const std::size_t quoteAt = line.length();
+    if (value.isString()) {
+        line.append("\"", *style);
+        line.append(text, *style);
+        line.append("\"", *style);
+    } else {
+        line.append(text, *style);
+    }
     if (link) {
         // The link covers as many UTF-16 units of the shown string as the link text has,
         // starting just inside the opening quote.
-        const std::size_t start = prefixLength + 1;
+        const std::size_t start = quoteAt + 1;
         const std::size_t length = advanceUTF16(std::string_view(line.string()).substr(start),
                                                 utf16Count(link->urlString));
         TextAttributes linkAttributes;
@@ -331,7 +353,15 @@ AttributedText JSONDecorator::scalarLine(const JSONValue& value, IsNeed isNeed) 
     }
     if (isNeed.comma) line.append(st.comma);
     if (auto wrong = value.wrong()) line.append(withoutLineFeeds(*wrong), st.unknown);
-    return line;
+}
+
+void JSONDecorator::appendIndent(AttributedText& line, const AttributesRef& style) const {
+    static constexpr std::string_view kTabs = "\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t";
+    for (int left = std::max(indent_, 0); left > 0;) {
+        const int n = std::min<int>(left, static_cast<int>(kTabs.size()));
+        line.append(kTabs.substr(0, static_cast<std::size_t>(n)), style);
+        left -= n;
+    }
 }
 
 void JSONDecorator::processUnknownValue(const JSONValue& value, int currentSlicesCount,
@@ -382,10 +412,15 @@ void JSONDecorator::processObjectValue(const JSONValue& value, int currentSlices
         for (std::size_t k = 0; k < entries.size(); ++k) {
             const JSONObjectKey& key = entries[k]->key;
             const JSONValue& member = entries[k]->value;
-            std::string quoted = writeIndent();
-            quoted += '"';
-            quoted += key.key;
-            quoted += '"';
+            // The indented, quoted key, with room for the rest of a one-line member.
+            AttributedText quoted;
+            quoted.reserve(static_cast<std::size_t>(indent_) + key.key.size() + 5 +
+                               (member.isScalar() ? member.text().size() + 4 : 0),
+                           member.isScalar() ? 5 : 2);
+            appendIndent(quoted, st.key);
+            quoted.append("\"", st.key);
+            quoted.append(key.key, st.key);
+            quoted.append("\"", st.key);
             if (member.isRight().isWrong()) {
                 if (key.isWrong) {
                     processJSONValueRecursively(member, made(), IsNeed{true, false}, child, out);
@@ -396,17 +431,17 @@ void JSONDecorator::processObjectValue(const JSONValue& value, int currentSlices
                 std::vector<JSONSlice> valueSlices;
                 processJSONValueRecursively(member, made(), IsNeed{true, false}, child,
                                             valueSlices);
-                AttributedText line(std::move(quoted), st.key);
+                AttributedText line = std::move(quoted);
                 if (!valueSlices.empty()) line.append(valueSlices.front().expand);
                 out.emplace_back(made() + 1, State::expand, indent_, std::move(line), std::nullopt,
                                  child);
                 continue;
             }
             const bool comma = k + 1 < entries.size() && !entries[k + 1]->value.isRight().isWrong();
-            AttributedText start(std::move(quoted), st.key);
+            AttributedText start = std::move(quoted);
             start.append(" : ", st.keyWord);
             if (member.isScalar()) {
-                start.append(scalarLine(member, IsNeed{false, comma}));
+                appendScalar(start, member, IsNeed{false, comma});
                 out.emplace_back(made() + 1, State::expand, indent_, std::move(start), std::nullopt,
                                  child);
                 continue;
@@ -415,14 +450,15 @@ void JSONDecorator::processObjectValue(const JSONValue& value, int currentSlices
             const std::size_t opening = out.size();
             processJSONValueRecursively(member, made(), IsNeed{false, comma}, child, out);
             JSONSlice& slice = out[opening];
-            AttributedText expandedLine = start;
-            expandedLine.append(slice.expand);
-            slice.expand = std::move(expandedLine);
-            if (slice.folded) {
-                AttributedText foldedLine = std::move(start);
-                foldedLine.append(*slice.folded);
-                slice.folded = std::move(foldedLine);
-            }
+            auto prefixed = [&start](const AttributedText& line) {
+                AttributedText joined;
+                joined.reserve(start.length() + line.length(), start.runCount() + line.runCount());
+                joined.append(start);
+                joined.append(line);
+                return joined;
+            };
+            slice.expand = prefixed(slice.expand);
+            if (slice.folded) slice.folded = prefixed(*slice.folded);
             slice.state = initialState_;
             slice.foldedTimes = child;
         }

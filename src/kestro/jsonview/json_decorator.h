@@ -20,6 +20,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "kestro/core/export.h"
@@ -31,6 +32,72 @@ namespace kestro {
 
 class JSONValue;
 
+/// An optional attributed text kept out of line. Only lines that open a container have a
+/// folded form, so the other lines (most of a document) pay one pointer for it instead of a
+/// whole empty text. Reads like std::optional<AttributedText>.
+class KESTRO_API OptionalAttributedText {
+  public:
+    OptionalAttributedText() noexcept = default;
+    OptionalAttributedText(std::nullopt_t) noexcept {}  // NOLINT: implicit, as optional's
+    OptionalAttributedText(AttributedText text) { emplace(std::move(text)); }  // NOLINT
+    OptionalAttributedText(const OptionalAttributedText& other) {
+        if (other) emplace(*other);
+    }
+    OptionalAttributedText(OptionalAttributedText&& other) noexcept
+        : text_(std::exchange(other.text_, nullptr)) {}
+    OptionalAttributedText& operator=(const OptionalAttributedText& other) {
+        if (this != &other) {
+            if (other)
+                *this = *other;
+            else
+                reset();
+        }
+        return *this;
+    }
+    OptionalAttributedText& operator=(OptionalAttributedText&& other) noexcept {
+        if (this != &other) {
+            reset();
+            text_ = std::exchange(other.text_, nullptr);
+        }
+        return *this;
+    }
+    OptionalAttributedText& operator=(AttributedText text) {
+        if (text_)
+            *text_ = std::move(text);
+        else
+            emplace(std::move(text));
+        return *this;
+    }
+    OptionalAttributedText& operator=(std::nullopt_t) noexcept {
+        reset();
+        return *this;
+    }
+    ~OptionalAttributedText() { reset(); }
+
+    bool has_value() const noexcept { return text_ != nullptr; }
+    explicit operator bool() const noexcept { return text_ != nullptr; }
+    const AttributedText& operator*() const { return *text_; }
+    AttributedText& operator*() { return *text_; }
+    const AttributedText* operator->() const { return text_; }
+    AttributedText* operator->() { return text_; }
+
+    AttributedText& emplace(AttributedText text) {
+        reset();
+        void* block = jsonview::internal::allocateBlock(sizeof(AttributedText));
+        text_ = new (block) AttributedText(std::move(text));
+        return *text_;
+    }
+    void reset() noexcept {
+        if (!text_) return;
+        text_->~AttributedText();
+        jsonview::internal::freeBlock(text_, sizeof(AttributedText));
+        text_ = nullptr;
+    }
+
+  private:
+    AttributedText* text_ = nullptr;
+};
+
 /// One displayed line.
 struct KESTRO_API JSONSlice {
     enum class State : std::uint8_t { expand, folded };
@@ -39,11 +106,11 @@ struct KESTRO_API JSONSlice {
     State state = State::expand;
     int level = 0;          // nesting level; an opening line and its closing line share it
     AttributedText expand;  // the line when expanded
-    std::optional<AttributedText> folded;  // the placeholder; only on lines opening a container
+    OptionalAttributedText folded;  // the placeholder; only on lines opening a container
     int foldedTimes = 0;  // folded containers enclosing the line; visible exactly when 0
 
     JSONSlice(int lineNumber, State state, int level, AttributedText expand,
-              std::optional<AttributedText> folded = std::nullopt, int foldedTimes = 0);
+              OptionalAttributedText folded = std::nullopt, int foldedTimes = 0);
     /// From plain texts, each paired with its attributes.
     JSONSlice(int lineNumber, State state, int level, std::string expand,
               AttributesRef expandAttributes,
@@ -136,7 +203,10 @@ class KESTRO_API JSONDecorator {
                             int foldedTimes, std::vector<JSONSlice>& out);
     void processScalarValue(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
                             int foldedTimes, std::vector<JSONSlice>& out);
-    AttributedText scalarLine(const JSONValue& value, IsNeed isNeed) const;
+    // Appends a scalar's text (after the indentation when isNeed.indent), its link, comma and
+    // wrong text to line.
+    void appendScalar(AttributedText& line, const JSONValue& value, IsNeed isNeed) const;
+    void appendIndent(AttributedText& line, const AttributesRef& style) const;
     void processUnknownValue(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
                              int foldedTimes, std::vector<JSONSlice>& out);
     // The opening line of a container: (expanded, folded).

@@ -2,12 +2,14 @@
 
 // The immutable text a JSONValue holds (string contents, number source text, unknown text).
 // Texts of up to 30 bytes live inside the value itself, so the short strings and the numbers
-// that make up most documents cost no allocation; longer ones take one exact-size allocation.
+// that make up most documents cost no allocation; longer ones take one block from the per-thread block cache.
 
 #include <cstdint>
 #include <cstring>
 #include <new>
 #include <string_view>
+
+#include "kestro/jsonview/block_cache.h"
 
 namespace kestro::jsonview::internal {
 
@@ -22,7 +24,7 @@ class Text {
             data_[s.size()] = '\0';
             tag_ = static_cast<std::uint8_t>(s.size());
         } else {
-            char* p = static_cast<char*>(::operator new(s.size()));
+            char* p = static_cast<char*>(allocateBlock(s.size()));
             std::memcpy(p, s.data(), s.size());
             const std::size_t size = s.size();
             std::memcpy(data_, &p, sizeof p);
@@ -39,7 +41,7 @@ class Text {
     Text& operator=(const Text&) = delete;
     Text& operator=(Text&&) = delete;
     ~Text() {
-        if (tag_ == kHeap) ::operator delete(heapData());
+        if (tag_ == kHeap) freeBlock(heapData(), view().size());
     }
 
     std::string_view view() const noexcept {

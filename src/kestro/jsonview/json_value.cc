@@ -130,7 +130,7 @@ JSONObject::~JSONObject() { release(); }
 
 void JSONObject::release() noexcept {
     for (std::uint32_t i = 0; i < size_; ++i) entries_[i].~JSONObjectEntry();
-    ::operator delete(entries_);
+    jsonview::internal::freeBlock(entries_, capacity_ * sizeof(JSONObjectEntry));
     delete[] index_;
     entries_ = nullptr;
     index_ = nullptr;
@@ -139,12 +139,13 @@ void JSONObject::release() noexcept {
 
 void JSONObject::reserve(std::size_t capacity) {
     if (capacity <= capacity_) return;
-    auto* fresh = static_cast<JSONObjectEntry*>(::operator new(capacity * sizeof(JSONObjectEntry)));
+    auto* fresh = static_cast<JSONObjectEntry*>(
+        jsonview::internal::allocateBlock(capacity * sizeof(JSONObjectEntry)));
     for (std::uint32_t i = 0; i < size_; ++i) {
         new (fresh + i) JSONObjectEntry(std::move(entries_[i]));
         entries_[i].~JSONObjectEntry();
     }
-    ::operator delete(entries_);
+    jsonview::internal::freeBlock(entries_, capacity_ * sizeof(JSONObjectEntry));
     entries_ = fresh;
     capacity_ = static_cast<std::uint32_t>(capacity);
 }

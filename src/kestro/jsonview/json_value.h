@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "kestro/core/export.h"
+#include "kestro/jsonview/block_cache.h"
 #include "kestro/jsonview/json_text.h"
 
 namespace kestro {
@@ -51,7 +52,9 @@ struct KESTRO_API JSONObjectKey {
     std::size_t hash() const;
 };
 
-using JSONArray = std::vector<JSONValue>;
+/// The elements of an array. Its storage comes from the per-thread block cache (see
+/// block_cache.h), which spares a document's thousands of small arrays a trip through malloc.
+using JSONArray = std::vector<JSONValue, jsonview::internal::BlockAllocator<JSONValue>>;
 
 /// The map of a JSON object. Keys are unique: storing under a key that is already present
 /// replaces its value. Iteration order is unspecified (it happens to be first-insertion order);
