@@ -45,7 +45,7 @@ void replay(const std::string& bytes) {
 TEST(DecorateFuzzRegressions, KeptInputsDecorateAndAssembleConsistently) {
     const fs::path fuzzDir = fs::path(KESTRO_FUZZ_REGRESSIONS_DIR).parent_path();
     int replayed = 0;
-    for (const fs::path dir :
+    for (const fs::path& dir :
          {fuzzDir / "regressions" / "decorate_fuzz", fuzzDir / "corpus" / "decorate_fuzz"}) {
         std::error_code ec;
         for (const auto& entry : fs::directory_iterator(dir, ec)) {

@@ -26,7 +26,9 @@ bool isValidUTF8(std::string_view s) {
 
 void expectWellFormed(const JSONValue& v) {
     EXPECT_TRUE(isValidUTF8(v.text()));
-    if (auto wrong = v.wrong()) EXPECT_TRUE(isValidUTF8(*wrong));
+    if (auto wrong = v.wrong()) {
+        EXPECT_TRUE(isValidUTF8(*wrong));
+    }
     if (v.isArray())
         for (const auto& e : v.asArray()) expectWellFormed(e);
     if (v.isObject()) {
@@ -40,7 +42,7 @@ void expectWellFormed(const JSONValue& v) {
 TEST(JSONParserFuzzRegressions, KeptInputsParseToWellFormedTrees) {
     const fs::path fuzzDir = fs::path(KESTRO_FUZZ_REGRESSIONS_DIR).parent_path();
     int replayed = 0;
-    for (const fs::path dir :
+    for (const fs::path& dir :
          {fuzzDir / "regressions" / "json_parser_fuzz", fuzzDir / "corpus" / "json_parser_fuzz"}) {
         std::error_code ec;
         for (const auto& entry : fs::directory_iterator(dir, ec)) {

@@ -144,7 +144,9 @@ TEST(JSONConformance, RejectedAndImplementationDefinedDocumentsComeBackAsValues)
         // the unparsed part is valid UTF-8 text.
         const JSONValue copy = value;
         EXPECT_EQ(copy, value);
-        if (value.isUnknown()) EXPECT_FALSE(value.text().empty() && !doc.bytes.empty());
+        if (value.isUnknown()) {
+            EXPECT_FALSE(value.text().empty() && !doc.bytes.empty());
+        }
     }
 }
 

@@ -165,7 +165,9 @@ TEST(MockCacheTest, ReadersSeeWholeSnapshotsWhileWritersChangeRules) {
     int lookups = 0;
     do {  // at least one lookup, however quickly the writer is done
         auto e = cache.getEntry("https://h/3/x");
-        if (e) EXPECT_EQ(e->url, "https://h/3/*");
+        if (e) {
+            EXPECT_EQ(e->url, "https://h/3/*");
+        }
         ++lookups;
     } while (!stop && lookups < 1000000);
     writer.join();
