@@ -8,7 +8,6 @@
 // The SDK's console lines go to /dev/null; the report goes to standard error.
 
 #include <benchmark/benchmark.h>
-#include <curl/curl.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -16,11 +15,11 @@
 #include <boost/json/serialize.hpp>
 #include <condition_variable>
 #include <cstdio>
-#include <fstream>
 #include <iostream>
 #include <mutex>
 #include <thread>
 
+#include "bench/baselines.h"
 #include "bench/ratio.h"
 #include "kestro/network/url_session.h"
 #include "kestro/remote/upload.h"
@@ -159,39 +158,9 @@ void BM_DataTaskOneAtATime(benchmark::State& state) {
 BENCHMARK(BM_DataTaskOneAtATime)->UseRealTime()->MinTime(2.0);
 
 void BM_RawCurlReusedEasyHandle(benchmark::State& state) {
-    const std::string url = serverGet().url("/ping");
-    CURL* e = curl_easy_init();
-    std::string body;
-    curl_easy_setopt(e, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(
-        e, CURLOPT_WRITEFUNCTION, +[](char* d, size_t s, size_t n, void* u) {
-            static_cast<std::string*>(u)->append(d, s * n);
-            return s * n;
-        });
-    curl_easy_setopt(e, CURLOPT_WRITEDATA, &body);
-    curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
-    for (auto _ : state) {
-        body.clear();
-        curl_easy_perform(e);
-        benchmark::DoNotOptimize(body);
-    }
-    curl_easy_cleanup(e);
+    bench::rawCurlGetsOnReusedHandle(state, serverGet().url("/ping"));
 }
 BENCHMARK(BM_RawCurlReusedEasyHandle)->UseRealTime()->MinTime(2.0);
-
-long rssKiB() {
-    std::ifstream in("/proc/self/status");
-    std::string key;
-    long value = 0;
-    while (in >> key) {
-        if (key == "VmRSS:") {
-            in >> value;
-            return value;
-        }
-        in.ignore(1 << 12, '\n');
-    }
-    return 0;
-}
 
 // 10,000 uploads against a server that answers after a second: the peak of RSS growth while
 // they are pending. The server is then stopped so the rest fail fast (connection refused).
@@ -206,7 +175,7 @@ double pendingUploadsMemoryMiB() {
     const std::string url = server->url("/v1/requests");
     const JSONDictionary record = kilobyteRecord();
     std::atomic<int> done{0};
-    const long before = rssKiB();
+    const long before = bench::rssKiB();
     long peak = before;
     for (int i = 0; i < kPending; ++i) {
         sendToServer(url, record, "bench-key", [&](UploadResult) { done.fetch_add(1); });
@@ -214,7 +183,7 @@ double pendingUploadsMemoryMiB() {
     // Sample while everything is pending (the first answers come after one second).
     const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
     while (std::chrono::steady_clock::now() < until) {
-        peak = std::max(peak, rssKiB());
+        peak = std::max(peak, bench::rssKiB());
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     server->stop();

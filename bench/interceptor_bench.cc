@@ -11,7 +11,6 @@
 // console lines go to /dev/null; the report goes to standard error.
 
 #include <benchmark/benchmark.h>
-#include <curl/curl.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -24,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/baselines.h"
 #include "bench/ratio.h"
 #include "kestro/network/network_interceptor.h"
 #include "kestro/network/url_session.h"
@@ -157,23 +157,7 @@ void BM_CaptureOn16InFlight(benchmark::State& state) {
 }
 
 void BM_RawCurlReusedEasyHandle(benchmark::State& state) {
-    const std::string url = jsonServer().url("/items");
-    CURL* e = curl_easy_init();
-    std::string body;
-    curl_easy_setopt(e, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(
-        e, CURLOPT_WRITEFUNCTION, +[](char* d, size_t s, size_t n, void* u) {
-            static_cast<std::string*>(u)->append(d, s * n);
-            return s * n;
-        });
-    curl_easy_setopt(e, CURLOPT_WRITEDATA, &body);
-    curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
-    for (auto _ : state) {
-        body.clear();
-        curl_easy_perform(e);
-        benchmark::DoNotOptimize(body);
-    }
-    curl_easy_cleanup(e);
+    bench::rawCurlGetsOnReusedHandle(state, jsonServer().url("/items"));
 }
 
 // --- mock-rule lookup ------------------------------------------------------------------------

@@ -3,5 +3,6 @@
 # apps/ is read after bench/, so the condition is the option; the target is linked by name.
 if(KESTRO_BUILD_APPS)
     add_executable(bench_pipeline ${CMAKE_CURRENT_LIST_DIR}/pipeline_bench.cc)
-    target_link_libraries(bench_pipeline PRIVATE kestro_facade kestro_devservice benchmark::benchmark)
+    target_link_libraries(bench_pipeline PRIVATE kestro_facade kestro_devservice benchmark::benchmark
+        CURL::libcurl)
 endif()

@@ -15,10 +15,10 @@
 #include <atomic>
 #include <boost/json.hpp>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <thread>
 
+#include "bench/baselines.h"
 #include "bench/ratio.h"
 #include "devservice/service.h"
 #include "kestro/core/uuid.h"
@@ -132,25 +132,11 @@ void BM_SendToServerAlone(benchmark::State& state) {
 }
 BENCHMARK(BM_SendToServerAlone)->UseRealTime()->Iterations(5);
 
-long rssKiB() {
-    std::ifstream in("/proc/self/status");
-    std::string key;
-    long value = 0;
-    while (in >> key) {
-        if (key == "VmRSS:") {
-            in >> value;
-            return value;
-        }
-        in.ignore(1 << 12, '\n');
-    }
-    return 0;
-}
-
 // RSS growth of this process from before the first of 100,000 captured events until the last
 // is stored and at the service.
 double memoryAfterCapturedItemsMiB(int items) {
     environment();
-    const long before = rssKiB();
+    const long before = bench::rssKiB();
     const std::int64_t target = serviceItems() + items;
     for (int i = 0; i < items; ++i) {
         Kestro().logEvent("purchase", "shop", payload(i));
@@ -158,7 +144,7 @@ double memoryAfterCapturedItemsMiB(int items) {
         if (i % 5000 == 4999) waitForServiceItems(target - items + i + 1 - 5000);
     }
     if (!waitForServiceItems(target, std::chrono::minutes(10))) return -1;
-    return static_cast<double>(rssKiB() - before) / 1024.0;
+    return static_cast<double>(bench::rssKiB() - before) / 1024.0;
 }
 
 }  // namespace
