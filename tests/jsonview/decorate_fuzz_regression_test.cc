@@ -4,17 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 
+#include "jsonview/fuzz_inputs.h"
 #include "kestro/jsonview/json_decorator.h"
 
 namespace kestro {
 namespace {
-
-namespace fs = std::filesystem;
 
 void replay(const std::string& bytes) {
     ASSERT_FALSE(bytes.empty());
@@ -43,21 +39,9 @@ void replay(const std::string& bytes) {
 }
 
 TEST(DecorateFuzzRegressions, KeptInputsDecorateAndAssembleConsistently) {
-    const fs::path fuzzDir = fs::path(KESTRO_FUZZ_REGRESSIONS_DIR).parent_path();
-    int replayed = 0;
-    for (const fs::path& dir :
-         {fuzzDir / "regressions" / "decorate_fuzz", fuzzDir / "corpus" / "decorate_fuzz"}) {
-        std::error_code ec;
-        for (const auto& entry : fs::directory_iterator(dir, ec)) {
-            if (!entry.is_regular_file()) continue;
-            SCOPED_TRACE(entry.path().string());
-            std::ifstream in(entry.path(), std::ios::binary);
-            const std::string bytes(std::istreambuf_iterator<char>(in), {});
-            if (bytes.empty()) continue;
-            replay(bytes);
-            ++replayed;
-        }
-    }
+    const int replayed = test::forEachKeptFuzzInput("decorate_fuzz", [](const std::string& bytes) {
+        if (!bytes.empty()) replay(bytes);
+    });
     EXPECT_GE(replayed, 8);
 }
 

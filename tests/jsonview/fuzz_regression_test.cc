@@ -5,17 +5,13 @@
 #include <gtest/gtest.h>
 #include <unicode/ustring.h>
 
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 
+#include "jsonview/fuzz_inputs.h"
 #include "kestro/jsonview/json_parser.h"
 
 namespace kestro {
 namespace {
-
-namespace fs = std::filesystem;
 
 bool isValidUTF8(std::string_view s) {
     UErrorCode status = U_ZERO_ERROR;
@@ -40,23 +36,12 @@ void expectWellFormed(const JSONValue& v) {
 }
 
 TEST(JSONParserFuzzRegressions, KeptInputsParseToWellFormedTrees) {
-    const fs::path fuzzDir = fs::path(KESTRO_FUZZ_REGRESSIONS_DIR).parent_path();
-    int replayed = 0;
-    for (const fs::path& dir :
-         {fuzzDir / "regressions" / "json_parser_fuzz", fuzzDir / "corpus" / "json_parser_fuzz"}) {
-        std::error_code ec;
-        for (const auto& entry : fs::directory_iterator(dir, ec)) {
-            if (!entry.is_regular_file()) continue;
-            SCOPED_TRACE(entry.path().string());
-            std::ifstream in(entry.path(), std::ios::binary);
-            const std::string bytes(std::istreambuf_iterator<char>(in), {});
-            const JSONValue value = parseJSON(bytes);
-            expectWellFormed(value);
-            const JSONValue copy = value;
-            EXPECT_EQ(copy, value);
-            ++replayed;
-        }
-    }
+    const int replayed = test::forEachKeptFuzzInput("json_parser_fuzz", [](const std::string& bytes) {
+        const JSONValue value = parseJSON(bytes);
+        expectWellFormed(value);
+        const JSONValue copy = value;
+        EXPECT_EQ(copy, value);
+    });
     EXPECT_GE(replayed, 8);
 }
 
