@@ -17,21 +17,26 @@ start=$(date +%s)
 
 stage() { echo; echo "=== $* ($(( $(date +%s) - start ))s)"; }
 
+# Debug information is line tables only (-g1): enough for stack traces and sanitizer reports,
+# and about a third less compile time on the Boost.Beast-heavy sources. The AddressSanitizer
+# build is unoptimised: it compiles in less than half the time of -O1 and the tests still run
+# in about a minute.
 stage "normal build"
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTRO_BUILD_BENCHMARKS=ON >/dev/null
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -g1 -DNDEBUG" -DKESTRO_BUILD_BENCHMARKS=ON >/dev/null
 cmake --build build -j"$JOBS"
 stage "tests"
 ctest --test-dir build -j"$JOBS" --timeout 300
 
 stage "AddressSanitizer + UndefinedBehaviorSanitizer build"
-cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" \
+cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O0 -g1" \
     -DKESTRO_SANITIZE=ON -DKESTRO_BUILD_BENCHMARKS=OFF -DKESTRO_BUILD_APPS=OFF >/dev/null
 cmake --build build-asan -j"$JOBS"
 stage "tests under AddressSanitizer + UndefinedBehaviorSanitizer"
 ctest --test-dir build-asan -j"$JOBS" --timeout 600
 
 stage "ThreadSanitizer build (concurrent tests)"
-cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" \
+cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g1" \
     -DKESTRO_TSAN=ON -DKESTRO_BUILD_BENCHMARKS=OFF -DKESTRO_BUILD_APPS=OFF >/dev/null
 cmake --build build-tsan -j"$JOBS" --target concurrent_tests
 stage "concurrent tests under ThreadSanitizer"

@@ -301,8 +301,13 @@ TEST_F(UploadsTest, EveryRequestIsOneConsoleLine) {
     startService(10 * 1024 * 1024, true);
     ASSERT_EQ(get("/api/health").status, 200u);
     ASSERT_EQ(upload(port_, "/v1/requests", "{}", "bad").status, 401u);
-    ASSERT_TRUE(waitUntil(
-        [&] { return console.text().find("POST /v1/requests → 401") != std::string::npos; }));
+    // A line is printed once its answer has been written, on whichever service thread wrote
+    // it, so the two lines may appear in either order: wait for both.
+    ASSERT_TRUE(waitUntil([&] {
+        const auto text = console.text();
+        return text.find("GET /api/health → 200") != std::string::npos &&
+               text.find("POST /v1/requests → 401") != std::string::npos;
+    }));
     const auto text = console.text();
     EXPECT_NE(text.find("✅ GET /api/health → 200"), std::string::npos) << text;
     EXPECT_NE(text.find("⚠️ POST /v1/requests → 401"), std::string::npos) << text;

@@ -11,6 +11,26 @@
 #include <string>
 
 namespace kestro::test {
+namespace {
+
+/// If the running test has failed, shows the last 64 KiB written to `fd` on the (restored)
+/// standard output: GoogleTest reports failures on standard output, so while it was redirected
+/// they went into the file.
+void showTailIfFailed(int fd, const char* what) {
+    if (!::testing::Test::HasFailure()) return;
+    constexpr off_t kTail = 64 * 1024;
+    const off_t size = lseek(fd, 0, SEEK_END);
+    if (size <= 0) return;
+    const off_t from = size > kTail ? size - kTail : 0;
+    std::string text(static_cast<std::size_t>(size - from), '\0');
+    const ssize_t n = pread(fd, text.data(), text.size(), from);
+    if (n <= 0) return;
+    std::fprintf(stdout, "--- console while %s (last %lld bytes) ---\n%.*s\n---\n", what,
+                 static_cast<long long>(n), static_cast<int>(n), text.data());
+    std::fflush(stdout);
+}
+
+}  // namespace
 
 ConsoleCapture::ConsoleCapture() {
     std::fflush(stdout);
@@ -26,6 +46,7 @@ ConsoleCapture::~ConsoleCapture() {
     std::fflush(stdout);
     dup2(savedFd_, STDOUT_FILENO);
     close(savedFd_);
+    showTailIfFailed(fileFd_, "captured");
     close(fileFd_);
     unlink(path_.c_str());
 }
@@ -70,20 +91,7 @@ ConsoleSilence::~ConsoleSilence() {
     std::fflush(stdout);
     dup2(savedFd_, STDOUT_FILENO);
     close(savedFd_);
-    if (::testing::Test::HasFailure()) {
-        constexpr off_t kTail = 64 * 1024;
-        const off_t size = lseek(fileFd_, 0, SEEK_END);
-        if (size > 0) {
-            const off_t from = size > kTail ? size - kTail : 0;
-            std::string text(static_cast<std::size_t>(size - from), '\0');
-            const ssize_t n = pread(fileFd_, text.data(), text.size(), from);
-            if (n > 0) {
-                std::fprintf(stdout, "--- console while silenced (last %lld bytes) ---\n%.*s\n---\n",
-                             static_cast<long long>(n), static_cast<int>(n), text.data());
-                std::fflush(stdout);
-            }
-        }
-    }
+    showTailIfFailed(fileFd_, "silenced");
     close(fileFd_);
 }
 
