@@ -286,7 +286,10 @@ void PrintInterceptor::emit(const LogCall& call, std::string_view message) {
     out.append(stamp, stamp + sizeof stamp);
     out.append(std::string_view("] ["));
     out.append(name);
-    fmt::format_to(std::back_inserter(out), ":{}] ", line);
+    out.push_back(':');
+    const fmt::format_int lineText(line);
+    out.append(lineText.data(), lineText.data() + lineText.size());
+    out.append(std::string_view("] "));
     out.append(message);
     out.push_back('\n');
     writeConsole(std::string_view(out.data(), out.size()));

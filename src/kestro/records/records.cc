@@ -99,8 +99,11 @@ constexpr auto kNeedsEscape = [] {
 // byte to at most six), so the hot loops are plain stores with no per-character checks.
 class Writer {
 public:
-    explicit Writer(std::string& out, bool atObjectStart = true)
-        : out_(out), pos_(out.size()), first_(atObjectStart) {}
+    // Writes from position at (the end of out by default) on; out may already be sized
+    // beyond it, and is cut to what was written when the writer goes.
+    explicit Writer(std::string& out, bool atObjectStart = true,
+                    std::size_t at = std::string::npos)
+        : out_(out), pos_(at == std::string::npos ? out.size() : at), first_(atObjectStart) {}
     ~Writer() { out_.resize(pos_); }
     Writer(const Writer&) = delete;
     Writer& operator=(const Writer&) = delete;
@@ -283,26 +286,56 @@ JSONDictionary RequestTypeLogDetails::encode() const {
             {"filePath", filePath}, {"file", file},         {"line", line}};
 }
 
-JSONDictionary RequestTypeLog::encode() const {
-    return {{"id", id},
-            {"type", type},
-            {"level", level},
-            {"sentAt", secondsSince1970(sentAt)},
-            {"createdAt", secondsSince1970(createdAt)},
-            {"details", details.encode()}};
+namespace {
+
+// The top-level fields of each record kind, appended to an object that may already hold
+// "eventType", so that a record's full dictionary is built in one object.
+void appendFields(const RequestTypeLog& r, json::object& o) {
+    o.emplace("id", r.id);
+    o.emplace("type", r.type);
+    o.emplace("level", r.level);
+    o.emplace("sentAt", secondsSince1970(r.sentAt));
+    o.emplace("createdAt", secondsSince1970(r.createdAt));
+    o.emplace("details", r.details.encode());
 }
+
+void appendFields(const RequestTypeEvent& r, json::object& o) {
+    o.emplace("id", r.id);
+    o.emplace("type", r.type);
+    o.emplace("sentAt", secondsSince1970(r.sentAt));
+    o.emplace("createdAt", secondsSince1970(r.createdAt));
+    o.emplace("details", r.details.encode());
+}
+
+void appendFields(const RequestTypeRequest& r, json::object& o) {
+    o.emplace("id", r.id);
+    o.emplace("type", r.type);
+    o.emplace("details", r.details.encode());
+    o.emplace("sentAt", secondsSince1970(r.sentAt));
+    o.emplace("createdAt", secondsSince1970(r.createdAt));
+}
+
+constexpr std::size_t fieldCount(const RequestTypeLog&) { return 6; }
+constexpr std::size_t fieldCount(const RequestTypeEvent&) { return 5; }
+constexpr std::size_t fieldCount(const RequestTypeRequest&) { return 5; }
+
+template <typename Record>
+json::object encodeRecord(const Record& r) {
+    json::object o;
+    o.reserve(fieldCount(r));
+    appendFields(r, o);
+    return o;
+}
+
+}  // namespace
+
+JSONDictionary RequestTypeLog::encode() const { return encodeRecord(*this); }
 
 JSONDictionary RequestTypeEventDetails::encode() const {
     return {{"name", name}, {"category", category}, {"payload", payload}};
 }
 
-JSONDictionary RequestTypeEvent::encode() const {
-    return {{"id", id},
-            {"type", type},
-            {"sentAt", secondsSince1970(sentAt)},
-            {"createdAt", secondsSince1970(createdAt)},
-            {"details", details.encode()}};
-}
+JSONDictionary RequestTypeEvent::encode() const { return encodeRecord(*this); }
 
 JSONDictionary RequestTypeRequestDetailsRequest::encode() const {
     return {{"url", url},
@@ -321,32 +354,61 @@ JSONDictionary RequestTypeRequestDetailsResponse::encode() const {
 
 JSONDictionary RequestTypeRequestDetails::encode() const {
     JSONDictionary o;
+    o.reserve(2);
     if (request) o.emplace("request", request->encode());
     if (response) o.emplace("response", response->encode());
     return o;
 }
 
-JSONDictionary RequestTypeRequest::encode() const {
-    return {{"id", id},
-            {"type", type},
-            {"details", details.encode()},
-            {"sentAt", secondsSince1970(sentAt)},
-            {"createdAt", secondsSince1970(createdAt)}};
-}
+JSONDictionary RequestTypeRequest::encode() const { return encodeRecord(*this); }
 
 JSONDictionary RequestEventType::encode() const {
-    JSONDictionary inner = std::visit([](const auto& r) { return r.encode(); }, value_);
-    JSONDictionary out;
-    out.reserve(inner.size() + 1);
-    out.emplace("eventType", eventTypeText());
-    for (auto& kv : inner) out.emplace(kv.key(), std::move(kv.value()));
-    return out;
+    return std::visit(
+        [this](const auto& r) {
+            json::object out;
+            out.reserve(fieldCount(r) + 1);
+            out.emplace("eventType", eventTypeText());
+            appendFields(r, out);
+            return out;
+        },
+        value_);
 }
+
+namespace {
+
+// Room for the text toJSON() writes when no string needs escaping: the strings themselves
+// plus the keys, quotes, numbers and punctuation around them. Sizing the buffer once spares
+// the reallocations (and their zero-filling) of growing it from nothing.
+std::size_t jsonSizeHint(const TextMap& m) {
+    std::size_t n = 2;
+    for (const auto& [k, v] : m) n += k.size() + v.size() + 6;
+    return n;
+}
+std::size_t jsonSizeHint(const RequestTypeLog& r) {
+    const auto& d = r.details;
+    return r.id.size() + r.type.size() + r.level.size() + d.message.size() +
+           d.subsystem.size() + d.category.size() + d.filePath.size() + d.file.size() + 220;
+}
+std::size_t jsonSizeHint(const RequestTypeEvent& r) {
+    return r.id.size() + r.type.size() + r.details.name.size() + r.details.category.size() +
+           r.details.payload.size() * 24 + 160;
+}
+std::size_t jsonSizeHint(const RequestTypeRequest& r) {
+    std::size_t n = r.id.size() + r.type.size() + 160;
+    if (const auto& q = r.details.request)
+        n += q->url.size() + q->method.size() + jsonSizeHint(q->headers) + q->body.size() + 80;
+    if (const auto& s = r.details.response)
+        n += jsonSizeHint(s->headers) + s->body.size() + 80;
+    return n;
+}
+
+}  // namespace
 
 std::string RequestEventType::toJSON() const {
     std::string out;
+    out.resize(std::visit([](const auto& r) { return jsonSizeHint(r); }, value_) + 32);
     {
-        Writer w(out);
+        Writer w(out, true, 0);
         w.open();
         w.field("eventType", eventTypeText());
         std::visit(
