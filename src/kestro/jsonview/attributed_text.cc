@@ -1,9 +1,14 @@
 #include "kestro/jsonview/attributed_text.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
+#include <cstring>
 #include <map>
 #include <mutex>
+#include <new>
+#include <stdexcept>
+#include <utility>
 
 namespace kestro {
 
@@ -267,13 +272,220 @@ AttributesRef makeAttributes(TextAttributes attributes) {
     return std::make_shared<const TextAttributes>(std::move(attributes));
 }
 
+// ---- the table of attribute sets ------------------------------------------------------------
+
+// A block with the header, capacity entries, then one class number per entry.
+//
+// Classes let neighbouring runs be compared without comparing their sets field by field: two
+// entries with the same non-zero class are equal sets, two with different non-zero classes are
+// not. Class 1 is "no attributes" (nullptr or an empty set), 0 "not classified: compare the sets".
+// Only the first kClassified entries get a class, so that adding an entry compares it with a
+// bounded number of others; a decorated document uses a dozen sets.
+struct AttributedText::AttributeTable {
+    std::atomic<std::uint32_t> refs;
+    std::uint32_t size;
+    std::uint32_t capacity;
+    std::uint32_t nextClass;
+
+    static constexpr std::uint32_t kClassified = 32;
+    static constexpr std::uint32_t kNoClass = 0;
+    static constexpr std::uint32_t kEmptyClass = 1;
+    static constexpr std::uint32_t kNotFound = kNoAttributes - 1;
+
+    AttributesRef* entries() { return reinterpret_cast<AttributesRef*>(this + 1); }
+    const AttributesRef* entries() const {
+        return reinterpret_cast<const AttributesRef*>(this + 1);
+    }
+    std::uint32_t* classes() { return reinterpret_cast<std::uint32_t*>(entries() + capacity); }
+    const std::uint32_t* classes() const {
+        return reinterpret_cast<const std::uint32_t*>(entries() + capacity);
+    }
+
+    static std::size_t bytesFor(std::uint32_t capacity) {
+        return sizeof(AttributeTable) + capacity * (sizeof(AttributesRef) + sizeof(std::uint32_t));
+    }
+
+    static AttributeTable* create(std::uint32_t capacity, std::uint32_t nextClass = 2) {
+        void* block = jsonview::internal::allocateBlock(bytesFor(capacity));
+        return new (block) AttributeTable{{1}, 0, capacity, nextClass};
+    }
+
+    static void retain(AttributeTable* table) noexcept {
+        if (table) table->refs.fetch_add(1, std::memory_order_relaxed);
+    }
+
+    static void release(AttributeTable* table) noexcept {
+        if (!table) return;
+        // The only holder needs no atomic update: no other text can reach the table to take a
+        // reference meanwhile.
+        if (table->refs.load(std::memory_order_acquire) != 1 &&
+            table->refs.fetch_sub(1, std::memory_order_acq_rel) != 1)
+            return;
+        for (std::uint32_t i = 0; i < table->size; ++i) table->entries()[i].~AttributesRef();
+        const std::size_t bytes = bytesFor(table->capacity);
+        table->~AttributeTable();
+        jsonview::internal::freeBlock(table, bytes);
+    }
+
+    bool shared() const { return refs.load(std::memory_order_acquire) != 1; }
+
+    // The index of the entry holding exactly this set, or kNotFound. Large tables (documents
+    // full of links) are searched at both ends only: the styles sit at the front, the sets
+    // added last at the back. A set found nowhere is added again, which costs an entry, never
+    // correctness.
+    std::uint32_t find(const TextAttributes* set) const {
+        constexpr std::uint32_t kHead = 32, kTail = 16;
+        const AttributesRef* e = entries();
+        const std::uint32_t head = std::min(size, kHead);
+        for (std::uint32_t i = 0; i < head; ++i)
+            if (e[i].get() == set) return i;
+        for (std::uint32_t i = std::max(head, size > kTail ? size - kTail : 0); i < size; ++i)
+            if (e[i].get() == set) return i;
+        return kNotFound;
+    }
+
+    std::uint32_t classify(std::uint32_t index) {
+        const AttributesRef& set = entries()[index];
+        if (!set || set->empty()) return kEmptyClass;
+        if (index >= kClassified) return kNoClass;
+        for (std::uint32_t i = 0; i < index; ++i)
+            if (classes()[i] > kEmptyClass && *entries()[i] == *set) return classes()[i];
+        return nextClass++;
+    }
+
+    // Appends a set to an unshared table; returns the table, moved when it had to grow.
+    static AttributeTable* add(AttributeTable* table, const AttributesRef& set,
+                               std::uint32_t& index) {
+        if (table->size == table->capacity) {
+            if (table->capacity >= kNotFound / 2)
+                throw std::length_error("AttributedText: too many attribute sets");
+            AttributeTable* bigger = create(table->capacity * 2, table->nextClass);
+            for (std::uint32_t i = 0; i < table->size; ++i) {
+                new (&bigger->entries()[i]) AttributesRef(std::move(table->entries()[i]));
+                bigger->classes()[i] = table->classes()[i];
+            }
+            bigger->size = table->size;
+            release(table);
+            table = bigger;
+        }
+        index = table->size;
+        new (&table->entries()[index]) AttributesRef(set);
+        ++table->size;
+        table->classes()[index] = table->classify(index);
+        return table;
+    }
+
+    // A table with the entries of this one for which keep(index) holds, in order; their new
+    // indexes go to remap.
+    template <typename Keep>
+    AttributeTable* copy(Keep&& keep, std::vector<std::uint32_t>* remap) const {
+        std::uint32_t kept = 0;
+        for (std::uint32_t i = 0; i < size; ++i) kept += keep(i);
+        AttributeTable* out = create(std::max<std::uint32_t>(kept, 8), nextClass);
+        if (remap) remap->assign(size, kNoAttributes);
+        for (std::uint32_t i = 0; i < size; ++i) {
+            if (!keep(i)) continue;
+            new (&out->entries()[out->size]) AttributesRef(entries()[i]);
+            out->classes()[out->size] = classes()[i];
+            if (remap) (*remap)[i] = out->size;
+            ++out->size;
+        }
+        return out;
+    }
+};
+
+namespace {
+
+// Leading entries two tables have in common: for indexes below it, an index means the same set
+// in both. Tables copied from one another start alike.
+std::uint32_t commonPrefix(const AttributesRef* a, std::uint32_t sizeA, const AttributesRef* b,
+                           std::uint32_t sizeB) {
+    const std::uint32_t n = std::min<std::uint32_t>({sizeA, sizeB, 32});
+    std::uint32_t i = 0;
+    while (i < n && a[i].get() == b[i].get()) ++i;
+    return i;
+}
+
+}  // namespace
+
+// Translates the attribute indexes of one text's runs into another's table, adding the sets
+// that table lacks. Set up before the runs are copied: it may replace the target's table.
+class AttributedText::TableMapping {
+  public:
+    TableMapping(AttributedText& to, const AttributedText& from) : to_(to), from_(from) {
+        if (to.table_ == from.table_ || !from.table_) {
+            same_ = true;
+            return;
+        }
+        shared_ = prefix();
+        // A shared table must be copied before entries are added, and copying a large table
+        // renumbers it; do that now, before any index is translated.
+        if (!to.table_ || !to.table_->shared()) return;
+        const RunEntry* runs = from.runs();
+        for (std::uint32_t i = 0; i < from.runCount_; ++i) {
+            const std::uint32_t index = runs[i].attributes;
+            if (index == kNoAttributes || index < shared_) continue;
+            if (to.table_->find(from.table_->entries()[index].get()) == AttributeTable::kNotFound) {
+                to.ownTable();
+                shared_ = prefix();
+                break;
+            }
+        }
+    }
+
+    // Whether every index maps to itself.
+    bool identity() const { return same_; }
+
+    std::uint32_t operator()(std::uint32_t index) {
+        if (same_ || index == kNoAttributes || index < shared_) return index;
+        for (unsigned i = 0; i < memoCount_; ++i)
+            if (memoFrom_[i] == index) return memoTo_[i];
+        const AttributesRef& set = from_.table_->entries()[index];
+        std::uint32_t mapped = to_.table_ ? to_.table_->find(set.get()) : AttributeTable::kNotFound;
+        if (mapped == AttributeTable::kNotFound) {
+            to_.ownTable();
+            to_.table_ = AttributeTable::add(to_.table_, set, mapped);
+        }
+        const unsigned slot = memoCount_ < kMemo ? memoCount_++ : index % kMemo;
+        memoFrom_[slot] = index;
+        memoTo_[slot] = mapped;
+        return mapped;
+    }
+
+  private:
+    static constexpr unsigned kMemo = 8;
+
+    std::uint32_t prefix() const {
+        if (!to_.table_) return 0;
+        return commonPrefix(to_.table_->entries(), to_.table_->size, from_.table_->entries(),
+                            from_.table_->size);
+    }
+
+    AttributedText& to_;
+    const AttributedText& from_;
+    bool same_ = false;
+    std::uint32_t shared_ = 0;
+    unsigned memoCount_ = 0;
+    std::uint32_t memoFrom_[kMemo];
+    std::uint32_t memoTo_[kMemo];
+};
+
 // ---- AttributedText -------------------------------------------------------------------------
 
-AttributedText::AttributedText(std::string_view text, AttributesRef attributes) : text_(text) {
-    // Most texts get further runs appended right away: a member line holds the key, the
-    // colon, the value and a comma.
-    runs_.reserve(4);
-    if (!text_.empty()) runs_.push_back({0, std::move(attributes)});
+namespace {
+const AttributesRef& noAttributesRef() {
+    static const AttributesRef none;
+    return none;
+}
+}  // namespace
+
+AttributedText::AttributedText(std::string_view text, AttributesRef attributes) {
+    if (text.empty()) return;
+    reserve(text.size(), 1);
+    runs()[0] = {0, indexOf(attributes)};
+    runCount_ = 1;
+    std::memcpy(chars(), text.data(), text.size());
+    size_ = static_cast<std::uint32_t>(text.size());
 }
 
 AttributedText::AttributedText(std::string_view text, const TextAttributes& attributes)
@@ -285,59 +497,298 @@ AttributedText AttributedText::attachment(TextAttachment attachment) {
     return AttributedText(kAttachmentCharacter, makeAttributes(std::move(attributes)));
 }
 
-std::size_t AttributedText::utf16Length() const { return utf16Count(text_); }
+AttributedText::AttributedText(const AttributedText& other) : table_(other.table_) {
+    AttributeTable::retain(table_);
+    if (other.size_ == 0) return;
+    if (!other.onHeap()) {
+        storage_ = other.storage_;
+        runCapacity_ = other.runCapacity_;
+        capacity_ = other.capacity_;
+    } else {
+        reserve(other.size_, other.runCount_);
+        std::memcpy(runs(), other.runs(), other.runCount_ * sizeof(RunEntry));
+        std::memcpy(chars(), other.chars(), other.size_);
+    }
+    size_ = other.size_;
+    runCount_ = other.runCount_;
+}
+
+AttributedText::AttributedText(AttributedText&& other) noexcept { steal(other); }
+
+AttributedText& AttributedText::operator=(const AttributedText& other) {
+    if (this != &other) {
+        AttributedText copy(other);
+        *this = std::move(copy);
+    }
+    return *this;
+}
+
+AttributedText& AttributedText::operator=(AttributedText&& other) noexcept {
+    if (this != &other) {
+        releaseStorage();
+        AttributeTable::release(table_);
+        steal(other);
+    }
+    return *this;
+}
+
+AttributedText::~AttributedText() {
+    if (onHeap())
+        jsonview::internal::freeBlock(storage_.heap, runCapacity_ * sizeof(RunEntry) + capacity_);
+    AttributeTable::release(table_);
+}
+
+void AttributedText::releaseStorage() noexcept {
+    if (onHeap())
+        jsonview::internal::freeBlock(storage_.heap, runCapacity_ * sizeof(RunEntry) + capacity_);
+    runCapacity_ = kInlineRuns;
+    capacity_ = kInlineBytes - kInlineRuns * sizeof(RunEntry);
+    size_ = 0;
+    runCount_ = 0;
+}
+
+void AttributedText::steal(AttributedText& other) noexcept {
+    table_ = std::exchange(other.table_, nullptr);
+    size_ = std::exchange(other.size_, 0);
+    runCount_ = std::exchange(other.runCount_, 0);
+    runCapacity_ = std::exchange(other.runCapacity_, kInlineRuns);
+    capacity_ = std::exchange(other.capacity_, kInlineBytes - kInlineRuns * sizeof(RunEntry));
+    storage_ = other.storage_;  // the inline bytes, or the heap block's address
+}
+
+void AttributedText::grow(std::size_t bytes, std::size_t runCount, bool exact) {
+    bytes = std::max<std::size_t>(bytes, size_);
+    runCount = std::max<std::size_t>(runCount, runCount_);
+    if (bytes > maxLength || runCount > maxLength)
+        throw std::length_error("AttributedText: longer than maxLength");
+    const bool wasOnHeap = onHeap();
+    const std::size_t oldRuns = runCapacity_;
+    const std::size_t oldBytes = capacity_;
+    // Appending doubles what runs short, so that appending n times costs O(n); reserving asks
+    // for exactly what it names.
+    std::size_t newRuns = runCount <= oldRuns ? oldRuns
+                          : exact             ? runCount
+                                              : std::max(runCount, 2 * oldRuns);
+    std::size_t newBytes = bytes <= oldBytes ? oldBytes
+                           : exact           ? bytes
+                                             : std::max(bytes, 2 * oldBytes);
+    if (!wasOnHeap && runCount * sizeof(RunEntry) + bytes <= kInlineBytes) {
+        // Still fits inside: move the boundary between runs and text.
+        newRuns =
+            std::clamp<std::size_t>(newRuns, runCount, (kInlineBytes - bytes) / sizeof(RunEntry));
+        char* base = reinterpret_cast<char*>(storage_.runs);
+        std::memmove(base + newRuns * sizeof(RunEntry), base + oldRuns * sizeof(RunEntry), size_);
+        runCapacity_ = static_cast<std::uint32_t>(newRuns);
+        capacity_ = static_cast<std::uint32_t>(kInlineBytes - newRuns * sizeof(RunEntry));
+        return;
+    }
+    newRuns = std::min(newRuns, maxLength);
+    newBytes = std::min(newBytes, maxLength);
+    // The block's rounding goes to the text (it stays below 1 MiB, so capacity_ holds it).
+    const std::size_t block =
+        jsonview::internal::blockSizeFor(newRuns * sizeof(RunEntry) + newBytes);
+    char* fresh = static_cast<char*>(jsonview::internal::allocateBlock(block));
+    std::memcpy(fresh, runs(), runCount_ * sizeof(RunEntry));
+    std::memcpy(fresh + newRuns * sizeof(RunEntry), chars(), size_);
+    if (wasOnHeap)
+        jsonview::internal::freeBlock(storage_.heap, oldRuns * sizeof(RunEntry) + oldBytes);
+    storage_.heap = fresh;
+    runCapacity_ = static_cast<std::uint32_t>(newRuns);
+    capacity_ = static_cast<std::uint32_t>(block - newRuns * sizeof(RunEntry));
+}
+
+void AttributedText::reserve(std::size_t bytes, std::size_t runCount) {
+    if (bytes > capacity_ || runCount > runCapacity_) grow(bytes, runCount, true);
+}
+
+// ---- attribute indexes ----------------------------------------------------------------------
+
+const AttributesRef& AttributedText::refAt(std::uint32_t index) const {
+    return index == kNoAttributes ? noAttributesRef() : table_->entries()[index];
+}
+
+bool AttributedText::sameEntry(std::uint32_t a, std::uint32_t b) const {
+    if (a == b) return true;
+    const std::uint32_t ca =
+        a == kNoAttributes ? AttributeTable::kEmptyClass : table_->classes()[a];
+    const std::uint32_t cb =
+        b == kNoAttributes ? AttributeTable::kEmptyClass : table_->classes()[b];
+    if (ca != AttributeTable::kNoClass && cb != AttributeTable::kNoClass) return ca == cb;
+    return sameAttributes(refAt(a), refAt(b));
+}
+
+std::uint32_t AttributedText::indexOf(const AttributesRef& attributes) {
+    if (!attributes) return kNoAttributes;
+    if (table_) {
+        const std::uint32_t found = table_->find(attributes.get());
+        if (found != AttributeTable::kNotFound) return found;
+    }
+    ownTable();
+    std::uint32_t index;
+    table_ = AttributeTable::add(table_, attributes, index);
+    return index;
+}
+
+void AttributedText::adoptTable(AttributeTable* table) noexcept {
+    AttributeTable::retain(table);
+    AttributeTable::release(table_);
+    table_ = table;
+}
+
+void AttributedText::ownTable() {
+    if (!table_) {
+        table_ = AttributeTable::create(8);
+        return;
+    }
+    if (!table_->shared()) return;
+    // A small table is copied whole, so that it keeps its indexes and stays alike with the
+    // tables it came from (appending texts of either then maps indexes one to one). A large
+    // one (a whole document's) keeps only what this text uses.
+    constexpr std::uint32_t kCopyWhole = 32;
+    AttributeTable* copy;
+    if (table_->size <= kCopyWhole) {
+        copy = table_->copy([](std::uint32_t) { return true; }, nullptr);
+    } else {
+        std::vector<bool> used(table_->size);
+        RunEntry* r = runs();
+        for (std::uint32_t i = 0; i < runCount_; ++i)
+            if (r[i].attributes != kNoAttributes) used[r[i].attributes] = true;
+        std::vector<std::uint32_t> remap;
+        copy = table_->copy([&](std::uint32_t i) { return used[i]; }, &remap);
+        for (std::uint32_t i = 0; i < runCount_; ++i)
+            if (r[i].attributes != kNoAttributes) r[i].attributes = remap[r[i].attributes];
+    }
+    AttributeTable::release(table_);
+    table_ = copy;
+}
+
+void AttributedText::trimTable() {
+    if (!table_ || table_->size <= 2 * runCount_ + 16 || table_->shared()) return;
+    std::vector<bool> used(table_->size);
+    RunEntry* r = runs();
+    for (std::uint32_t i = 0; i < runCount_; ++i)
+        if (r[i].attributes != kNoAttributes) used[r[i].attributes] = true;
+    std::vector<std::uint32_t> remap;
+    AttributeTable* copy = table_->copy([&](std::uint32_t i) { return used[i]; }, &remap);
+    for (std::uint32_t i = 0; i < runCount_; ++i)
+        if (r[i].attributes != kNoAttributes) r[i].attributes = remap[r[i].attributes];
+    AttributeTable::release(table_);
+    table_ = copy;
+}
+
+AttributedText jsonview::internal::textWithAttributeTable(
+    std::initializer_list<AttributesRef> sets) {
+    AttributedText text;
+    for (const AttributesRef& set : sets) {
+        if (!set) continue;
+        text.ownTable();
+        if (text.table_->find(set.get()) != AttributedText::AttributeTable::kNotFound) continue;
+        std::uint32_t index;
+        text.table_ = AttributedText::AttributeTable::add(text.table_, set, index);
+    }
+    return text;
+}
+
+// ---- editing --------------------------------------------------------------------------------
+
+std::size_t AttributedText::utf16Length() const { return utf16Count(string()); }
 
 std::size_t AttributedText::runIndexAt(std::size_t position) const {
-    auto it = std::upper_bound(runs_.begin(), runs_.end(), position,
-                               [](std::size_t p, const RunEntry& r) { return p < r.start; });
-    return static_cast<std::size_t>(it - runs_.begin()) - 1;
+    const RunEntry* r = runs();
+    const RunEntry* it = std::upper_bound(
+        r, r + runCount_, position, [](std::size_t p, const RunEntry& e) { return p < e.start; });
+    return static_cast<std::size_t>(it - r) - 1;
 }
 
 std::size_t AttributedText::splitAt(std::size_t position) {
-    if (position >= text_.size()) return runs_.size();
+    if (position >= size_) return runCount_;
     const std::size_t i = runIndexAt(position);
-    if (runs_[i].start == position) return i;
-    runs_.insert(runs_.begin() + static_cast<std::ptrdiff_t>(i) + 1,
-                 RunEntry{position, runs_[i].attributes});
+    if (runs()[i].start == position) return i;
+    ensure(size_, std::size_t{runCount_} + 1);
+    RunEntry* r = runs();
+    std::memmove(r + i + 2, r + i + 1, (runCount_ - i - 1) * sizeof(RunEntry));
+    r[i + 1] = {static_cast<std::uint32_t>(position), r[i].attributes};
+    ++runCount_;
     return i + 1;
 }
 
 void AttributedText::coalesce(std::size_t from, std::size_t to) {
-    if (runs_.size() < 2) return;
+    if (runCount_ < 2) return;
     from = std::max<std::size_t>(from, 1);
-    to = std::min(to, runs_.size() - 1);
+    to = std::min<std::size_t>(to, runCount_ - 1);
     if (from > to) return;
+    RunEntry* r = runs();
     std::size_t write = from;
-    for (std::size_t read = from; read < runs_.size(); ++read) {
-        if (read <= to && sameAttributes(runs_[write - 1].attributes, runs_[read].attributes))
+    for (std::size_t read = from; read <= to; ++read) {
+        if (sameEntry(r[write - 1].attributes, r[read].attributes))
             continue;  // the previous run absorbs this one
-        if (write != read) runs_[write] = std::move(runs_[read]);
-        ++write;
+        r[write++] = r[read];
     }
-    runs_.resize(write);
+    if (write == to + 1) return;
+    std::memmove(r + write, r + to + 1, (runCount_ - to - 1) * sizeof(RunEntry));
+    runCount_ -= static_cast<std::uint32_t>(to + 1 - write);
 }
 
 void AttributedText::append(std::string_view text, const AttributesRef& attributes) {
     if (text.empty()) return;
-    if (runs_.empty() || !sameAttributes(runs_.back().attributes, attributes))
-        runs_.push_back({text_.size(), attributes});
-    text_.append(text);
+    const char* base = buffer();
+    if (std::less_equal<const char*>()(base, text.data()) &&
+        std::less<const char*>()(text.data(), base + runCapacity_ * sizeof(RunEntry) + capacity_)) {
+        const std::string own(text);  // a piece of this text: growing would move it
+        append(own, attributes);
+        return;
+    }
+    const std::size_t newSize = std::size_t{size_} + text.size();
+    std::uint32_t index = AttributeTable::kNotFound;
+    if (!attributes)
+        index = kNoAttributes;
+    else if (table_)
+        index = table_->find(attributes.get());
+    bool extend = false;
+    if (runCount_ > 0) {
+        const std::uint32_t last = runs()[runCount_ - 1].attributes;
+        extend = index != AttributeTable::kNotFound ? sameEntry(last, index)
+                                                    : sameAttributes(refAt(last), attributes);
+    }
+    if (extend) {
+        ensure(newSize, runCount_);
+    } else {
+        if (index == AttributeTable::kNotFound) index = indexOf(attributes);
+        ensure(newSize, std::size_t{runCount_} + 1);
+        runs()[runCount_++] = {size_, index};
+    }
+    std::memcpy(chars() + size_, text.data(), text.size());
+    size_ = static_cast<std::uint32_t>(newSize);
 }
 
 void AttributedText::append(const AttributedText& other) {
-    if (other.text_.empty()) return;
-    const std::size_t offset = text_.size();
-    std::size_t first = 0;
-    if (!runs_.empty() && sameAttributes(runs_.back().attributes, other.runs_.front().attributes))
-        first = 1;
-    for (std::size_t i = first; i < other.runs_.size(); ++i)
-        runs_.push_back({other.runs_[i].start + offset, other.runs_[i].attributes});
-    text_.append(other.text_);
-}
-
-void AttributedText::reserve(std::size_t bytes, std::size_t runs) {
-    text_.reserve(bytes);
-    runs_.reserve(runs);
+    if (other.size_ == 0) return;
+    if (&other == this) {
+        const AttributedText copy(other);
+        append(copy);
+        return;
+    }
+    // An empty text takes the other's table, so that the texts appended after it, built from
+    // the same styles, map one to one.
+    if (runCount_ == 0 && table_ != other.table_) adoptTable(other.table_);
+    TableMapping map(*this, other);
+    ensure(std::size_t{size_} + other.size_, std::size_t{runCount_} + other.runCount_);
+    const RunEntry* src = other.runs();
+    RunEntry* dst = runs();
+    std::uint32_t count = runCount_;
+    std::uint32_t i = 0;
+    const std::uint32_t first = map(src[0].attributes);
+    if (count > 0 && sameEntry(dst[count - 1].attributes, first)) i = 1;
+    const std::uint32_t offset = size_;
+    if (map.identity()) {
+        for (; i < other.runCount_; ++i) dst[count++] = {src[i].start + offset, src[i].attributes};
+    } else {
+        for (; i < other.runCount_; ++i)
+            dst[count++] = {src[i].start + offset, map(src[i].attributes)};
+    }
+    runCount_ = count;
+    std::memcpy(chars() + size_, other.chars(), other.size_);
+    size_ += other.size_;
 }
 
 void AttributedText::insert(std::size_t position, const AttributedText& other) {
@@ -347,81 +798,112 @@ void AttributedText::insert(std::size_t position, const AttributedText& other) {
 void AttributedText::erase(TextRange range) { replace(range, AttributedText()); }
 
 void AttributedText::clear() {
-    text_.clear();
-    runs_.clear();
+    size_ = 0;
+    runCount_ = 0;
 }
 
 void AttributedText::replace(TextRange range, const AttributedText& replacement) {
-    const std::size_t loc = std::min(range.location, text_.size());
-    const std::size_t end = std::min(range.end(), text_.size());
-    if (loc == text_.size()) {
+    if (&replacement == this) {
+        const AttributedText copy(replacement);
+        replace(range, copy);
+        return;
+    }
+    const std::size_t loc = std::min<std::size_t>(range.location, size_);
+    const std::size_t end = std::min<std::size_t>(range.end(), size_);
+    if (loc == size_) {
         append(replacement);
         return;
     }
+    TableMapping map(*this, replacement);
     const std::size_t s = splitAt(loc);
     const std::size_t e = splitAt(end);
-    runs_.erase(runs_.begin() + static_cast<std::ptrdiff_t>(s),
-                runs_.begin() + static_cast<std::ptrdiff_t>(e));
-    RunList inserted;
-    inserted.reserve(replacement.runs_.size());
-    for (const auto& r : replacement.runs_) inserted.push_back({r.start + loc, r.attributes});
-    runs_.insert(runs_.begin() + static_cast<std::ptrdiff_t>(s), inserted.begin(), inserted.end());
-    const std::size_t after = s + inserted.size();
     const std::size_t removed = end - loc;
-    const std::size_t added = replacement.text_.size();
-    for (std::size_t i = after; i < runs_.size(); ++i)
-        runs_[i].start = runs_[i].start - removed + added;
-    text_.replace(loc, removed, replacement.text_);
-    coalesce(s == 0 ? 0 : s, after);
-    if (text_.empty()) runs_.clear();
+    const std::size_t added = replacement.size_;
+    const std::size_t addedRuns = replacement.runCount_;
+    const std::size_t newSize = size_ - removed + added;
+    const std::size_t newRuns = runCount_ - (e - s) + addedRuns;
+    ensure(newSize, newRuns);
+    RunEntry* r = runs();
+    std::memmove(r + s + addedRuns, r + e, (runCount_ - e) * sizeof(RunEntry));
+    for (std::size_t i = s + addedRuns; i < newRuns; ++i)
+        r[i].start = static_cast<std::uint32_t>(r[i].start - removed + added);
+    const RunEntry* src = replacement.runs();
+    for (std::size_t i = 0; i < addedRuns; ++i)
+        r[s + i] = {static_cast<std::uint32_t>(src[i].start + loc), map(src[i].attributes)};
+    char* c = chars();
+    std::memmove(c + loc + added, c + end, size_ - end);
+    std::memcpy(c + loc, replacement.chars(), added);
+    size_ = static_cast<std::uint32_t>(newSize);
+    runCount_ = static_cast<std::uint32_t>(newRuns);
+    coalesce(s, s + addedRuns);
+    if (size_ == 0) runCount_ = 0;
+    trimTable();
 }
 
 AttributedText AttributedText::substring(TextRange range) const {
     AttributedText out;
-    const std::size_t loc = std::min(range.location, text_.size());
-    const std::size_t end = std::min(range.end(), text_.size());
+    const std::size_t loc = std::min<std::size_t>(range.location, size_);
+    const std::size_t end = std::min<std::size_t>(range.end(), size_);
     if (loc >= end) return out;
-    out.text_.assign(text_, loc, end - loc);
-    for (std::size_t i = runIndexAt(loc); i < runs_.size() && runs_[i].start < end; ++i)
-        out.runs_.push_back({std::max(runs_[i].start, loc) - loc, runs_[i].attributes});
+    out.table_ = table_;
+    AttributeTable::retain(table_);
+    const std::size_t first = runIndexAt(loc);
+    const std::size_t last = runIndexAt(end - 1);
+    out.reserve(end - loc, last - first + 1);
+    const RunEntry* r = runs();
+    RunEntry* o = out.runs();
+    for (std::size_t i = first; i <= last; ++i)
+        o[i - first] = {static_cast<std::uint32_t>(std::max<std::size_t>(r[i].start, loc) - loc),
+                        r[i].attributes};
+    std::memcpy(out.chars(), chars() + loc, end - loc);
+    out.size_ = static_cast<std::uint32_t>(end - loc);
+    out.runCount_ = static_cast<std::uint32_t>(last - first + 1);
     return out;
 }
 
 template <typename Edit>
 void AttributedText::editAttributes(TextRange range, Edit&& edit) {
-    const std::size_t loc = std::min(range.location, text_.size());
-    const std::size_t end = std::min(range.end(), text_.size());
+    const std::size_t loc = std::min<std::size_t>(range.location, size_);
+    const std::size_t end = std::min<std::size_t>(range.end(), size_);
     if (loc >= end) return;
     const std::size_t s = splitAt(loc);
     const std::size_t e = splitAt(end);
+    // Own the table before reading indexes: copying a large one renumbers them.
+    ownTable();
     // Runs that shared an attribute set before the edit share the edited one after it.
-    std::vector<std::pair<const TextAttributes*, AttributesRef>> memo;
+    std::vector<std::pair<const TextAttributes*, std::uint32_t>> memo;
     for (std::size_t i = s; i < e; ++i) {
-        const TextAttributes* old = runs_[i].attributes.get();
-        auto hit = std::find_if(memo.begin(), memo.end(), [&](auto& m) { return m.first == old; });
+        const AttributesRef& old = refAt(runs()[i].attributes);
+        auto hit =
+            std::find_if(memo.begin(), memo.end(), [&](auto& m) { return m.first == old.get(); });
         if (hit != memo.end()) {
-            runs_[i].attributes = hit->second;
+            runs()[i].attributes = hit->second;
             continue;
         }
-        TextAttributes updated = deref(runs_[i].attributes);
+        TextAttributes updated = deref(old);
         edit(updated);
-        AttributesRef ref = makeAttributes(std::move(updated));
-        memo.emplace_back(old, ref);
-        runs_[i].attributes = std::move(ref);
+        const TextAttributes* key = old.get();
+        const std::uint32_t index = indexOf(makeAttributes(std::move(updated)));
+        memo.emplace_back(key, index);
+        runs()[i].attributes = index;
     }
     coalesce(s, e);
+    trimTable();
 }
 
 void AttributedText::setAttributes(TextRange range, const AttributesRef& attributes) {
-    const std::size_t loc = std::min(range.location, text_.size());
-    const std::size_t end = std::min(range.end(), text_.size());
+    const std::size_t loc = std::min<std::size_t>(range.location, size_);
+    const std::size_t end = std::min<std::size_t>(range.end(), size_);
     if (loc >= end) return;
     const std::size_t s = splitAt(loc);
     const std::size_t e = splitAt(end);
-    runs_.erase(runs_.begin() + static_cast<std::ptrdiff_t>(s) + 1,
-                runs_.begin() + static_cast<std::ptrdiff_t>(e));
-    runs_[s].attributes = attributes;
+    const std::uint32_t index = indexOf(attributes);
+    RunEntry* r = runs();
+    std::memmove(r + s + 1, r + e, (runCount_ - e) * sizeof(RunEntry));
+    runCount_ -= static_cast<std::uint32_t>(e - s - 1);
+    r[s].attributes = index;
     coalesce(s, s + 1);
+    trimTable();
 }
 
 void AttributedText::addAttributes(TextRange range, const TextAttributes& attributes) {
@@ -432,64 +914,67 @@ void AttributedText::removeAttribute(TextRange range, AttributeKey key) {
     editAttributes(range, [&](TextAttributes& a) { a.remove(key); });
 }
 
+// ---- reading --------------------------------------------------------------------------------
+
 const AttributesRef& AttributedText::attributesRef(std::size_t position) const {
-    static const AttributesRef none;
-    if (position >= text_.size()) return none;
-    return runs_[runIndexAt(position)].attributes;
+    if (position >= size_) return noAttributesRef();
+    return refAt(runs()[runIndexAt(position)].attributes);
 }
 
 const TextAttributes& AttributedText::attributes(std::size_t position, TextRange* effective) const {
-    if (position >= text_.size()) {
-        if (effective) *effective = {text_.size(), 0};
+    if (position >= size_) {
+        if (effective) *effective = {size_, 0};
         return emptyAttributes();
     }
     const std::size_t i = runIndexAt(position);
+    const RunEntry* r = runs();
     if (effective) {
-        const std::size_t end = i + 1 < runs_.size() ? runs_[i + 1].start : text_.size();
-        *effective = {runs_[i].start, end - runs_[i].start};
+        const std::size_t end = i + 1 < runCount_ ? r[i + 1].start : size_;
+        *effective = {r[i].start, end - r[i].start};
     }
-    return deref(runs_[i].attributes);
+    return deref(refAt(r[i].attributes));
 }
 
 void AttributedText::enumerateRuns(TextRange range,
                                    const std::function<void(const Run&)>& f) const {
-    const std::size_t loc = std::min(range.location, text_.size());
-    const std::size_t end = std::min(range.end(), text_.size());
+    const std::size_t loc = std::min<std::size_t>(range.location, size_);
+    const std::size_t end = std::min<std::size_t>(range.end(), size_);
     if (loc >= end) return;
-    for (std::size_t i = runIndexAt(loc); i < runs_.size() && runs_[i].start < end; ++i) {
-        const std::size_t runEnd = i + 1 < runs_.size() ? runs_[i + 1].start : text_.size();
-        const std::size_t a = std::max(runs_[i].start, loc);
+    const RunEntry* r = runs();
+    for (std::size_t i = runIndexAt(loc); i < runCount_ && r[i].start < end; ++i) {
+        const std::size_t runEnd = i + 1 < runCount_ ? r[i + 1].start : size_;
+        const std::size_t a = std::max<std::size_t>(r[i].start, loc);
         const std::size_t b = std::min(runEnd, end);
-        f(Run{{a, b - a}, deref(runs_[i].attributes), runs_[i].attributes});
+        const AttributesRef& ref = refAt(r[i].attributes);
+        f(Run{{a, b - a}, deref(ref), ref});
     }
 }
 
 std::size_t AttributedText::utf16Offset(std::size_t bytePosition) const {
-    return utf16Count(std::string_view(text_).substr(0, std::min(bytePosition, text_.size())));
+    return utf16Count(string().substr(0, std::min<std::size_t>(bytePosition, size_)));
 }
 
 std::size_t AttributedText::byteOffset(std::size_t utf16Position) const {
-    return jsonview::internal::advanceUTF16(text_, utf16Position);
+    return jsonview::internal::advanceUTF16(string(), utf16Position);
 }
 
 TextRange AttributedText::utf16Range(TextRange r) const {
     const std::size_t a = utf16Offset(r.location);
-    const std::size_t end = std::min(r.end(), text_.size());
-    const std::size_t loc = std::min(r.location, text_.size());
-    return {a, utf16Count(std::string_view(text_).substr(loc, end - loc))};
+    const std::size_t end = std::min<std::size_t>(r.end(), size_);
+    const std::size_t loc = std::min<std::size_t>(r.location, size_);
+    return {a, utf16Count(string().substr(loc, end - loc))};
 }
 
 TextRange AttributedText::byteRange(TextRange r) const {
     const std::size_t a = byteOffset(r.location);
-    const std::size_t b =
-        a + jsonview::internal::advanceUTF16(std::string_view(text_).substr(a), r.length);
+    const std::size_t b = a + jsonview::internal::advanceUTF16(string().substr(a), r.length);
     return {a, b - a};
 }
 
 std::vector<TextRange> AttributedText::findRanges(std::string_view needle) const {
     std::vector<TextRange> hits;
     if (needle.empty()) return hits;
-    const std::string_view hay(text_);
+    const std::string_view hay = string();
     for (std::size_t at = hay.find(needle); at != std::string_view::npos;
          at = hay.find(needle, at + needle.size()))
         hits.push_back({at, needle.size()});
@@ -500,7 +985,7 @@ std::vector<TextRange> AttributedText::findNSRanges(std::string_view needle) con
     std::vector<TextRange> hits = findRanges(needle);
     if (hits.empty()) return hits;
     // Hits ascend, so one forward walk converts them all.
-    const std::string_view hay(text_);
+    const std::string_view hay = string();
     const std::size_t needleUnits = utf16Count(needle);
     std::size_t byte = 0;
     std::size_t units = 0;
@@ -513,17 +998,17 @@ std::vector<TextRange> AttributedText::findNSRanges(std::string_view needle) con
 }
 
 bool operator==(const AttributedText& a, const AttributedText& b) {
-    if (a.text_ != b.text_) return false;
+    if (a.string() != b.string()) return false;
     // Walk both run lists segment by segment, so that equal attributes compare equal whatever
     // their run boundaries.
     std::size_t i = 0, j = 0, pos = 0;
-    const std::size_t n = a.text_.size();
+    const std::size_t n = a.size_;
+    const AttributedText::RunEntry* ra = a.runs();
+    const AttributedText::RunEntry* rb = b.runs();
     while (pos < n) {
-        const auto& ra = a.runs_[i];
-        const auto& rb = b.runs_[j];
-        if (!sameAttributes(ra.attributes, rb.attributes)) return false;
-        const std::size_t endA = i + 1 < a.runs_.size() ? a.runs_[i + 1].start : n;
-        const std::size_t endB = j + 1 < b.runs_.size() ? b.runs_[j + 1].start : n;
+        if (!sameAttributes(a.refAt(ra[i].attributes), b.refAt(rb[j].attributes))) return false;
+        const std::size_t endA = i + 1 < a.runCount_ ? ra[i + 1].start : n;
+        const std::size_t endB = j + 1 < b.runCount_ ? rb[j + 1].start : n;
         pos = std::min(endA, endB);
         if (endA == pos) ++i;
         if (endB == pos) ++j;

@@ -19,6 +19,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -207,8 +208,23 @@ struct KESTRO_API TextRange {
 /// The character an attachment stands on: U+FFFC OBJECT REPLACEMENT CHARACTER.
 inline constexpr std::string_view kAttachmentCharacter = "\xEF\xBF\xBC";
 
+class AttributedText;
+
+namespace jsonview::internal {
+/// An empty text whose table of attribute sets already holds sets, in order (nullptr skipped).
+/// Copies of it, and texts built from those copies with these sets, share one table, so that
+/// appending one such text to another copies plain offsets.
+AttributedText textWithAttributeTable(std::initializer_list<AttributesRef> sets);
+}  // namespace jsonview::internal
+
 /// Text with attribute runs. Runs cover the whole text; neighbouring runs always differ in
 /// their attributes (equal neighbours are merged by every operation).
+///
+/// Storage: a text's runs and bytes share one buffer, kept inside the object while they fit
+/// (about a short line's worth) and on the heap beyond that. Runs name their attribute sets
+/// through a table of sets that copies of a text, and texts built from them, share; appending a
+/// text that uses the same table copies plain offsets. A text is at most maxLength bytes long;
+/// going past that throws std::length_error, as std::string does past its max_size().
 class KESTRO_API AttributedText {
   public:
     /// One run as enumerated: its byte range and its attributes (an empty set where none).
@@ -218,16 +234,26 @@ class KESTRO_API AttributedText {
         const AttributesRef& ref;  // nullptr where none
     };
 
-    AttributedText() = default;
+    /// The longest text, in bytes.
+    static constexpr std::size_t maxLength = 0xFFFFFFFEu;
+
+    AttributedText() noexcept = default;
     explicit AttributedText(std::string_view text, AttributesRef attributes = nullptr);
     AttributedText(std::string_view text, const TextAttributes& attributes);
     /// One attachment character carrying the attachment and nothing else.
     static AttributedText attachment(TextAttachment attachment);
 
-    std::string_view string() const { return text_; }
+    /// Copies share the table of attribute sets, even copies of an empty text.
+    AttributedText(const AttributedText& other);
+    AttributedText(AttributedText&& other) noexcept;
+    AttributedText& operator=(const AttributedText& other);
+    AttributedText& operator=(AttributedText&& other) noexcept;
+    ~AttributedText();
+
+    std::string_view string() const { return {chars(), size_}; }
     /// Length in bytes.
-    std::size_t length() const { return text_.size(); }
-    bool empty() const { return text_.empty(); }
+    std::size_t length() const { return size_; }
+    bool empty() const { return size_ == 0; }
     /// Length in UTF-16 units.
     std::size_t utf16Length() const;
 
@@ -239,6 +265,8 @@ class KESTRO_API AttributedText {
     /// Replaces the bytes of range (clamped to the text) with replacement.
     void replace(TextRange range, const AttributedText& replacement);
     void erase(TextRange range);
+    /// Empties the text. Its storage and its table of attribute sets stay, so that refilling it
+    /// with the same attributes allocates nothing.
     void clear();
     AttributedText substring(TextRange range) const;
 
@@ -256,9 +284,9 @@ class KESTRO_API AttributedText {
     /// Calls f for every run that overlaps range, clipped to it, in order.
     void enumerateRuns(TextRange range, const std::function<void(const Run&)>& f) const;
     void enumerateRuns(const std::function<void(const Run&)>& f) const {
-        enumerateRuns({0, text_.size()}, f);
+        enumerateRuns({0, size_}, f);
     }
-    std::size_t runCount() const { return runs_.size(); }
+    std::size_t runCount() const { return runCount_; }
 
     /// UTF-16 position of a byte position (clamped to the text).
     std::size_t utf16Offset(std::size_t bytePosition) const;
@@ -278,27 +306,76 @@ class KESTRO_API AttributedText {
     friend KESTRO_API bool operator==(const AttributedText& a, const AttributedText& b);
 
   private:
-    friend class TextStorage;
+    friend AttributedText jsonview::internal::textWithAttributeTable(
+        std::initializer_list<AttributesRef> sets);
+
+    // A run: its first byte and its attribute set as an index into the table.
     struct RunEntry {
-        std::size_t start;
-        AttributesRef attributes;
+        std::uint32_t start;
+        std::uint32_t attributes;
     };
+    // The table of attribute sets runs refer to. Shared between texts and never changed while
+    // shared; a text that needs another set copies the table first (attributed_text.cc).
+    struct AttributeTable;
+    class TableMapping;
+
+    // The index of "no attributes"; it needs no table entry.
+    static constexpr std::uint32_t kNoAttributes = 0xFFFFFFFFu;
+    // Bytes of runs and text kept inside the object: a typical line of a decorated document
+    // (indentation, a value, a comma; two or three runs) fits.
+    static constexpr std::size_t kInlineBytes = 56;
+    static constexpr std::uint32_t kInlineRuns = 2;
+
+    // Runs take the first runCapacity_ entries of the buffer, the text the capacity_ bytes after
+    // them. The buffer is the inline one exactly while both fit in it.
+    bool onHeap() const { return runCapacity_ * sizeof(RunEntry) + capacity_ > kInlineBytes; }
+    const char* buffer() const {
+        return onHeap() ? storage_.heap : reinterpret_cast<const char*>(storage_.runs);
+    }
+    char* buffer() { return onHeap() ? storage_.heap : reinterpret_cast<char*>(storage_.runs); }
+    const RunEntry* runs() const { return reinterpret_cast<const RunEntry*>(buffer()); }
+    RunEntry* runs() { return reinterpret_cast<RunEntry*>(buffer()); }
+    const char* chars() const { return buffer() + runCapacity_ * sizeof(RunEntry); }
+    char* chars() { return buffer() + runCapacity_ * sizeof(RunEntry); }
+
+    // Makes room for bytes of text and runs runs, keeping the content.
+    void ensure(std::size_t bytes, std::size_t runs) {
+        if (bytes > capacity_ || runs > runCapacity_) grow(bytes, runs);
+    }
+    void grow(std::size_t bytes, std::size_t runs, bool exact = false);
+    void releaseStorage() noexcept;
+    // Takes other's content, leaving other empty; this must hold no storage.
+    void steal(AttributedText& other) noexcept;
+
+    const AttributesRef& refAt(std::uint32_t index) const;
+    // Whether two indexes of this text's table name equal attributes.
+    bool sameEntry(std::uint32_t a, std::uint32_t b) const;
+    // The index of attributes in the table, adding it (after copying a shared table) if absent.
+    std::uint32_t indexOf(const AttributesRef& attributes);
+    // Uses table from now on; only while no run refers to the current one.
+    void adoptTable(AttributeTable* table) noexcept;
+    // Makes the table this text's own, so that entries can be added.
+    void ownTable();
+    // Drops unused entries of an own table once they outnumber the used ones.
+    void trimTable();
 
     std::size_t runIndexAt(std::size_t position) const;
-    // Makes position the start of a run and returns that run's index (runs_.size() at the end).
+    // Makes position the start of a run and returns that run's index (runCount() at the end).
     std::size_t splitAt(std::size_t position);
     // Merges equal neighbours among runs [from, to].
     void coalesce(std::size_t from, std::size_t to);
     template <typename Edit>
     void editAttributes(TextRange range, Edit&& edit);
 
-    // Both come from the per-thread block cache: a laid-out document is hundreds of thousands
-    // of short lines, each with its own text and runs.
-    using RunList = std::vector<RunEntry, jsonview::internal::BlockAllocator<RunEntry>>;
-    using String = std::basic_string<char, std::char_traits<char>, jsonview::internal::BlockAllocator<char>>;
-
-    String text_;
-    RunList runs_;
+    AttributeTable* table_ = nullptr;
+    std::uint32_t size_ = 0;
+    std::uint32_t runCount_ = 0;
+    std::uint32_t runCapacity_ = kInlineRuns;
+    std::uint32_t capacity_ = kInlineBytes - kInlineRuns * sizeof(RunEntry);
+    union Storage {
+        RunEntry runs[kInlineBytes / sizeof(RunEntry)];  // inline: runs, then the text
+        char* heap;                                      // a block from the block cache
+    } storage_;
 };
 
 /// A long attributed text kept in chunks of a few kilobytes: replacing a range touches only the

@@ -103,6 +103,13 @@ void* allocateBlock(std::size_t bytes) {
     return ::operator new(bytes);
 }
 
+std::size_t blockSizeFor(std::size_t bytes) noexcept {
+#ifndef KESTRO_BLOCK_CACHE_OFF
+    if (bytes > 0 && bytes <= kLargestClass) return classSize(classOf(bytes));
+#endif
+    return bytes;
+}
+
 void freeBlock(void* block, std::size_t bytes) noexcept {
     if (block == nullptr) return;
     if (bytes == 0) bytes = 1;

@@ -30,6 +30,9 @@ inline constexpr std::size_t kMaxCachedBytes = std::size_t{32} << 20;
 
 /// At least bytes of memory, aligned for any object of fundamental alignment.
 KESTRO_API void* allocateBlock(std::size_t bytes);
+/// The bytes a request of bytes is rounded up to: asking for that many costs the same block,
+/// so a growing buffer may use them all (and must then give back that many).
+KESTRO_API std::size_t blockSizeFor(std::size_t bytes) noexcept;
 /// Gives back a block from allocateBlock(bytes), with the same bytes.
 KESTRO_API void freeBlock(void* block, std::size_t bytes) noexcept;
 /// Frees the calling thread's cached blocks.

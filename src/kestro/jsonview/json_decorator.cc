@@ -1,7 +1,9 @@
 #include "kestro/jsonview/json_decorator.h"
 
+#include <bit>
 #include <boost/json/monotonic_resource.hpp>
 #include <boost/json/parse.hpp>
+#include <cstring>
 
 #include "kestro/core/console.h"
 #include "kestro/jsonview/json_parser.h"
@@ -75,6 +77,9 @@ struct JSONDecorator::Styles {
     AttributesRef start, keyWord, key, link, string, number, boolean, null, placeholder, unknown;
     AttributedText expandIcon, foldIcon, wrap;
     AttributedText comma;  // "," in the key-word style
+    // Empty, with every set above in its table: each line starts as a copy, so that all lines
+    // and their assembly share one table.
+    AttributedText blank;
 };
 
 JSONDecorator::JSONDecorator(HighlightStyle style, State initialState)
@@ -129,10 +134,23 @@ const JSONDecorator::Styles& JSONDecorator::styles() const {
         TextAttributes unknownExtra;
         unknownExtra.backgroundColor = c.unknownBackground;
         s->unknown = make(c.unknownText, unknownExtra);
-        s->expandIcon = createIconAttributedString(style_.expandIcon);
-        s->foldIcon = createIconAttributedString(style_.foldIcon);
-        s->wrap = AttributedText("\n", makeAttributes(createStyle(std::nullopt)));
-        s->comma = AttributedText(",", s->keyWord);
+        const AttributesRef wrapStyle = makeAttributes(createStyle(std::nullopt));
+        const AttributesRef expandIcon =
+            createIconAttributedString(style_.expandIcon).attributesRef(0);
+        const AttributesRef foldIcon = createIconAttributedString(style_.foldIcon).attributesRef(0);
+        // The most used sets first: they are looked up from the front.
+        s->blank = jsonview::internal::textWithAttributeTable(
+            {s->keyWord, s->key, s->string, s->number, wrapStyle, s->placeholder, foldIcon,
+             expandIcon, s->boolean, s->null, s->link, s->unknown});
+        auto fromBlank = [&](std::string_view text, const AttributesRef& style) {
+            AttributedText t = s->blank;
+            t.append(text, style);
+            return t;
+        };
+        s->expandIcon = fromBlank(kAttachmentCharacter, expandIcon);
+        s->foldIcon = fromBlank(kAttachmentCharacter, foldIcon);
+        s->wrap = fromBlank("\n", wrapStyle);
+        s->comma = fromBlank(",", s->keyWord);
         styles_ = std::move(s);
     });
     return *styles_;
@@ -168,6 +186,7 @@ std::shared_ptr<JSONDecorator> JSONDecorator::highlight(std::string_view json,
     if (judgmentValid && !strictlyValid(json)) return nullptr;
     auto decorator = std::make_shared<JSONDecorator>(style, initialState);
     decorator->slices = decorator->createSlices(parseJSON(json), json);
+    decorator->hint_ = decorator->laidOut_;
     return decorator;
 }
 
@@ -176,36 +195,77 @@ std::vector<JSONSlice> JSONDecorator::createSlices(std::string_view json) {
     return createSlices(parseJSON(json), json);
 }
 
+namespace {
+
+// Bytes that may start a line: commas and brackets. Counted a machine word at a time, since
+// this reads the whole document.
+std::size_t countLineBreakers(std::string_view text) {
+    constexpr std::uint64_t kOnes = 0x0101010101010101u;
+    constexpr std::uint64_t kHigh = 0x8080808080808080u;
+    // High bit set in each byte of x that is zero (exact: no borrow between bytes).
+    auto zeroBytes = [](std::uint64_t x) { return ~(((x & ~kHigh) + ~kHigh) | x | ~kHigh); };
+    std::size_t count = 0;
+    std::size_t i = 0;
+    const std::size_t n = text.size();
+    for (; i + 8 <= n; i += 8) {
+        std::uint64_t w;
+        std::memcpy(&w, text.data() + i, 8);
+        // '[' ']' '{' '}' are 0x5B 0x5D 0x7B 0x7D: with bit 5 set, 0x7B or 0x7D.
+        const std::uint64_t folded = w | (kOnes * 0x20);
+        const std::uint64_t hits = zeroBytes(w ^ (kOnes * ',')) |
+                                   zeroBytes(folded ^ (kOnes * '{')) |
+                                   zeroBytes(folded ^ (kOnes * '}'));
+        count += static_cast<std::size_t>(std::popcount(hits));
+    }
+    for (; i < n; ++i) {
+        const char c = text[i];
+        count += c == ',' || c == '[' || c == '{' || c == ']' || c == '}';
+    }
+    return count;
+}
+
+}  // namespace
+
 std::vector<JSONSlice> JSONDecorator::createSlices(const JSONValue& value, std::string_view json) {
     // Every line holds one value or closes a container, and every value but the first follows
     // a comma or an opening bracket: counting those bytes bounds the line count from above
     // (bytes inside strings only over-count), so the slices are never moved while growing.
-    std::size_t bound = 1;
-    for (char c : json) bound += c == ',' || c == '[' || c == '{' || c == ']' || c == '}';
     std::vector<JSONSlice> out;
-    out.reserve(bound + 1);
+    out.reserve(countLineBreakers(json) + 2);
+    laidOut_ = {};
     indent_ = 0;
     processJSONValueRecursively(value, 0, IsNeed{false, false}, 0, out);
     indent_ = 0;
+    if (!out.empty()) countLine(out.back());
+    laidOut_.lines = out.size();
     return out;
 }
 
 std::vector<JSONSlice> JSONDecorator::createSlices(const JSONValue& value) {
     std::vector<JSONSlice> out;
+    laidOut_ = {};
     indent_ = 0;
     processJSONValueRecursively(value, 0, IsNeed{false, false}, 0, out);
     indent_ = 0;
+    if (!out.empty()) countLine(out.back());
+    laidOut_.lines = out.size();
     return out;
 }
 
 JSONDecorator::Assembly JSONDecorator::assemble() const {
     Assembly result;
     const AttributedText& wrap = wrapString();
-    std::size_t bytes = 0;
-    std::size_t runs = 0;
-    for (const auto& s : slices) {
-        bytes += s.expand.length() + 1;
-        runs += s.expand.runCount() + 1;
+    // The size of the expanded document, as counted while laying it out; counted again if the
+    // owner has replaced the slices since. Folding only shortens it, and if edits made the lines
+    // longer the text simply grows.
+    std::size_t bytes = hint_.bytes;
+    std::size_t runs = hint_.runs;
+    if (hint_.lines != slices.size()) {
+        bytes = runs = 0;
+        for (const auto& s : slices) {
+            bytes += s.expand.length() + 1;
+            runs += s.expand.runCount() + 1;
+        }
     }
     result.lines.reserve(slices.size());
     AttributedText& text = result.attributedText;
@@ -237,37 +297,58 @@ JSONDecorator::Assembly JSONDecorator::assemble() const {
 
 // ---- layout ---------------------------------------------------------------------------------
 
-std::pair<AttributedText, AttributedText> JSONDecorator::createStartAttribute(
-    std::string_view expand, std::string_view fold, IsNeed isNeed) const {
+JSONSlice& JSONDecorator::addLine(std::vector<JSONSlice>& out, int lineNumber, State state,
+                                  int foldedTimes) {
+    // Lines are finished before the next one starts.
+    if (!out.empty()) countLine(out.back());
+    return out.emplace_back(lineNumber, state, indent_, styles().blank, std::nullopt, foldedTimes);
+}
+
+void JSONDecorator::countLine(const JSONSlice& slice) {
+    laidOut_.bytes += slice.expand.length() + 1;
+    laidOut_.runs += slice.expand.runCount() + 1;
+}
+
+void JSONDecorator::createStartAttribute(JSONSlice& slice, std::string_view expand,
+                                         std::string_view fold, IsNeed isNeed,
+                                         const JSONObjectKey* key) const {
     const Styles& st = styles();
-    const std::size_t prefix = isNeed.indent ? static_cast<std::size_t>(std::max(indent_, 0)) : 0;
+    const std::size_t indent = static_cast<std::size_t>(std::max(indent_, 0));
+    const std::size_t prefix = key ? indent + key->key.size() + 5 : isNeed.indent ? indent : 0;
+    const std::size_t prefixRuns = key ? 2 : 1;
     const std::size_t icon = kAttachmentCharacter.size();
-    // The icon goes after the tabs, before the blank.
-    AttributedText expanded;
-    expanded.reserve(prefix + icon + 1 + expand.size(), 3);
-    if (isNeed.indent) appendIndent(expanded, st.start);
+    auto writePrefix = [&](AttributedText& line, const AttributesRef& indentStyle) {
+        if (key) {
+            appendKey(line, key->key);
+            line.append(" : ", st.keyWord);
+        } else if (isNeed.indent) {
+            appendIndent(line, indentStyle);
+        }
+    };
+    // The icon goes after the tabs (or the key), before the blank.
+    AttributedText& expanded = slice.expand;
+    expanded.reserve(prefix + icon + 1 + expand.size(), prefixRuns + 2);
+    writePrefix(expanded, st.start);
     expanded.append(st.foldIcon);
     expanded.append(" ", st.start);
     expanded.append(expand, st.start);
 
-    AttributedText folded;
-    folded.reserve(prefix + icon + 2 + fold.size(), 4);
-    if (isNeed.indent) appendIndent(folded, st.keyWord);
+    AttributedText& folded = slice.folded.emplace(st.blank);
+    folded.reserve(prefix + icon + 2 + fold.size(), prefixRuns + 3);
+    writePrefix(folded, st.keyWord);
     folded.append(st.expandIcon);
     folded.append(" ", st.keyWord);
     folded.append(fold, st.placeholder);
     if (isNeed.comma) folded.append(",", st.placeholder);
-    return {std::move(expanded), std::move(folded)};
 }
 
-AttributedText JSONDecorator::createEndAttribute(std::string_view key, bool isNeedComma) const {
+void JSONDecorator::createEndAttribute(AttributedText& line, std::string_view bracket,
+                                       bool isNeedComma) const {
     const AttributesRef& style = styles().start;
-    AttributedText line;
-    line.reserve(static_cast<std::size_t>(std::max(indent_, 0)) + key.size() + 1, 1);
+    line.reserve(static_cast<std::size_t>(std::max(indent_, 0)) + bracket.size() + 1, 1);
     appendIndent(line, style);
-    line.append(key, style);
+    line.append(bracket, style);
     if (isNeedComma) line.append(",", style);
-    return line;
 }
 
 void JSONDecorator::processJSONValueRecursively(const JSONValue& value, int currentSlicesCount,
@@ -292,15 +373,13 @@ void JSONDecorator::processJSONValueRecursively(const JSONValue& value, int curr
 void JSONDecorator::processScalarValue(const JSONValue& value, int currentSlicesCount,
                                        IsNeed isNeed, int foldedTimes,
                                        std::vector<JSONSlice>& out) {
-    AttributedText line;
+    AttributedText& line = addLine(out, currentSlicesCount + 1, State::expand, foldedTimes).expand;
     // Room for the indentation, the text in quotes and a comma, so that the line is built
     // without regrowing.
     line.reserve((isNeed.indent ? static_cast<std::size_t>(std::max(indent_, 0)) : 0) +
                      value.text().size() + 3,
                  1 + isNeed.comma + value.wrong().has_value());
     appendScalar(line, value, isNeed);
-    out.emplace_back(currentSlicesCount + 1, State::expand, indent_, std::move(line), std::nullopt,
-                     foldedTimes);
 }
 
 void JSONDecorator::appendScalar(AttributedText& line, const JSONValue& value,
@@ -364,22 +443,29 @@ void JSONDecorator::appendIndent(AttributedText& line, const AttributesRef& styl
     }
 }
 
+void JSONDecorator::appendKey(AttributedText& line, std::string_view key) const {
+    const AttributesRef& style = styles().key;
+    appendIndent(line, style);
+    line.append("\"", style);
+    line.append(key, style);
+    line.append("\"", style);
+}
+
 void JSONDecorator::processUnknownValue(const JSONValue& value, int currentSlicesCount,
                                         IsNeed isNeed, int foldedTimes,
                                         std::vector<JSONSlice>& out) {
-    AttributedText line(isNeed.indent ? writeIndent() : std::string(), nullptr);
+    AttributedText& line = addLine(out, currentSlicesCount + 1, State::expand, foldedTimes).expand;
+    if (isNeed.indent) line.append(writeIndent(), nullptr);
     line.append(withoutLineFeeds(value.text()), styles().unknown);
-    out.emplace_back(currentSlicesCount + 1, State::expand, indent_, std::move(line), std::nullopt,
-                     foldedTimes);
 }
 
 void JSONDecorator::processArrayValue(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
-                                      int foldedTimes, std::vector<JSONSlice>& out) {
+                                      int foldedTimes, std::vector<JSONSlice>& out,
+                                      const JSONObjectKey* key) {
     const std::size_t base = out.size();
     auto made = [&] { return currentSlicesCount + static_cast<int>(out.size() - base); };
-    auto [expanded, folded] = createStartAttribute("[", "[Array...]", isNeed);
-    out.emplace_back(made() + 1, initialState_, indent_, std::move(expanded), std::move(folded),
-                     foldedTimes);
+    createStartAttribute(addLine(out, made() + 1, initialState_, foldedTimes), "[", "[Array...]",
+                         isNeed, key);
     const int child = childFoldedTimes(foldedTimes);
     const JSONArray& elements = value.asArray();
     if (!elements.empty()) {
@@ -392,81 +478,64 @@ void JSONDecorator::processArrayValue(const JSONValue& value, int currentSlicesC
         // A wrong last element carries the rest of the document, closing bracket included.
         if (elements.back().isRight().isWrong()) return;
     }
-    out.emplace_back(made() + 1, State::expand, indent_, createEndAttribute("]", isNeed.comma),
-                     std::nullopt, child);
+    createEndAttribute(addLine(out, made() + 1, State::expand, child).expand, "]", isNeed.comma);
 }
 
 void JSONDecorator::processObjectValue(const JSONValue& value, int currentSlicesCount,
-                                       IsNeed isNeed, int foldedTimes,
-                                       std::vector<JSONSlice>& out) {
+                                       IsNeed isNeed, int foldedTimes, std::vector<JSONSlice>& out,
+                                       const JSONObjectKey* key) {
     const Styles& st = styles();
     const std::size_t base = out.size();
     auto made = [&] { return currentSlicesCount + static_cast<int>(out.size() - base); };
-    auto [expanded, folded] = createStartAttribute("{", "{Object...}", isNeed);
-    out.emplace_back(made() + 1, initialState_, indent_, std::move(expanded), std::move(folded),
-                     foldedTimes);
+    createStartAttribute(addLine(out, made() + 1, initialState_, foldedTimes), "{", "{Object...}",
+                         isNeed, key);
     const int child = childFoldedTimes(foldedTimes);
     const std::vector<const JSONObjectEntry*> entries = rankedEntries(value.asObject());
     if (!entries.empty()) {
         ++indent_;
         for (std::size_t k = 0; k < entries.size(); ++k) {
-            const JSONObjectKey& key = entries[k]->key;
+            const JSONObjectKey& memberKey = entries[k]->key;
             const JSONValue& member = entries[k]->value;
-            // The indented, quoted key, with room for the rest of a one-line member.
-            AttributedText quoted;
-            quoted.reserve(static_cast<std::size_t>(indent_) + key.key.size() + 5 +
-                               (member.isScalar() ? member.text().size() + 4 : 0),
-                           member.isScalar() ? 5 : 2);
-            appendIndent(quoted, st.key);
-            quoted.append("\"", st.key);
-            quoted.append(key.key, st.key);
-            quoted.append("\"", st.key);
             if (member.isRight().isWrong()) {
-                if (key.isWrong) {
+                if (memberKey.isWrong) {
                     processJSONValueRecursively(member, made(), IsNeed{true, false}, child, out);
                     continue;
                 }
                 // The key and the first line of its value on one line; the value's further
                 // lines are not shown.
                 std::vector<JSONSlice> valueSlices;
+                const Totals counted = laidOut_;
                 processJSONValueRecursively(member, made(), IsNeed{true, false}, child,
                                             valueSlices);
-                AttributedText line = std::move(quoted);
+                laidOut_ = counted;
+                AttributedText& line = addLine(out, made() + 1, State::expand, child).expand;
+                appendKey(line, memberKey.key);
                 if (!valueSlices.empty()) line.append(valueSlices.front().expand);
-                out.emplace_back(made() + 1, State::expand, indent_, std::move(line), std::nullopt,
-                                 child);
                 continue;
             }
             const bool comma = k + 1 < entries.size() && !entries[k + 1]->value.isRight().isWrong();
-            AttributedText start = std::move(quoted);
-            start.append(" : ", st.keyWord);
-            if (member.isScalar()) {
-                appendScalar(start, member, IsNeed{false, comma});
-                out.emplace_back(made() + 1, State::expand, indent_, std::move(start), std::nullopt,
-                                 child);
+            if (member.isArray() || member.isObject()) {
+                // The container's opening line is the member line.
+                if (member.isArray())
+                    processArrayValue(member, made(), IsNeed{false, comma}, child, out, &memberKey);
+                else
+                    processObjectValue(member, made(), IsNeed{false, comma}, child, out,
+                                       &memberKey);
                 continue;
             }
-            // A container: its opening line becomes the member line.
-            const std::size_t opening = out.size();
-            processJSONValueRecursively(member, made(), IsNeed{false, comma}, child, out);
-            JSONSlice& slice = out[opening];
-            auto prefixed = [&start](const AttributedText& line) {
-                AttributedText joined;
-                joined.reserve(start.length() + line.length(), start.runCount() + line.runCount());
-                joined.append(start);
-                joined.append(line);
-                return joined;
-            };
-            slice.expand = prefixed(slice.expand);
-            if (slice.folded) slice.folded = prefixed(*slice.folded);
-            slice.state = initialState_;
-            slice.foldedTimes = child;
+            // A scalar: the key and the value on one line, with room for both.
+            AttributedText& line = addLine(out, made() + 1, State::expand, child).expand;
+            line.reserve(static_cast<std::size_t>(indent_) + memberKey.key.size() + 5 +
+                             member.text().size() + 4,
+                         3 + comma + member.wrong().has_value());
+            appendKey(line, memberKey.key);
+            line.append(" : ", st.keyWord);
+            appendScalar(line, member, IsNeed{false, comma});
         }
         --indent_;
         if (entries.back()->value.isRight().isWrong()) return;
     }
-    out.emplace_back(made() + 1, State::expand, indent_, createEndAttribute("}", isNeed.comma),
-                     std::nullopt, child);
+    createEndAttribute(addLine(out, made() + 1, State::expand, child).expand, "}", isNeed.comma);
 }
 
 }  // namespace kestro

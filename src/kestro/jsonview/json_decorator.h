@@ -31,6 +31,7 @@
 namespace kestro {
 
 class JSONValue;
+struct JSONObjectKey;
 
 /// An optional attributed text kept out of line. Only lines that open a container have a
 /// folded form, so the other lines (most of a document) pay one pointer for it instead of a
@@ -191,29 +192,45 @@ class KESTRO_API JSONDecorator {
         bool comma = false;
     };
     struct Styles;
+    // Bytes and runs of laid-out lines, each with its line feed.
+    struct Totals {
+        std::size_t bytes = 0;
+        std::size_t runs = 0;
+        std::size_t lines = 0;
+    };
 
     std::vector<JSONSlice> createSlices(const JSONValue& value, std::string_view json);
 
     const Styles& styles() const;
+    // A new, empty line at the end of out, at the current indentation, sharing the styles' table
+    // of attribute sets; the caller fills it in place. Counts the line before it into laidOut_.
+    JSONSlice& addLine(std::vector<JSONSlice>& out, int lineNumber, State state, int foldedTimes);
+    void countLine(const JSONSlice& slice);
     void processJSONValueRecursively(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
                                      int foldedTimes, std::vector<JSONSlice>& out);
+    // Containers that are an object's member value get the member's key on their opening line.
     void processArrayValue(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
-                           int foldedTimes, std::vector<JSONSlice>& out);
+                           int foldedTimes, std::vector<JSONSlice>& out,
+                           const JSONObjectKey* key = nullptr);
     void processObjectValue(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
-                            int foldedTimes, std::vector<JSONSlice>& out);
+                            int foldedTimes, std::vector<JSONSlice>& out,
+                            const JSONObjectKey* key = nullptr);
     void processScalarValue(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
                             int foldedTimes, std::vector<JSONSlice>& out);
     // Appends a scalar's text (after the indentation when isNeed.indent), its link, comma and
     // wrong text to line.
     void appendScalar(AttributedText& line, const JSONValue& value, IsNeed isNeed) const;
     void appendIndent(AttributedText& line, const AttributesRef& style) const;
+    // The indentation and the quoted key in the key style.
+    void appendKey(AttributedText& line, std::string_view key) const;
     void processUnknownValue(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
                              int foldedTimes, std::vector<JSONSlice>& out);
-    // The opening line of a container: (expanded, folded).
-    std::pair<AttributedText, AttributedText> createStartAttribute(std::string_view expand,
-                                                                   std::string_view fold,
-                                                                   IsNeed isNeed) const;
-    AttributedText createEndAttribute(std::string_view key, bool isNeedComma) const;
+    // Writes the opening line of a container into slice: expanded and folded, each after the
+    // key and " : " when key is given, else after the indentation when isNeed.indent.
+    void createStartAttribute(JSONSlice& slice, std::string_view expand, std::string_view fold,
+                              IsNeed isNeed, const JSONObjectKey* key) const;
+    // The closing line of a container.
+    void createEndAttribute(AttributedText& line, std::string_view bracket, bool isNeedComma) const;
     AttributedText createIconAttributedString(const Image& image) const;
     int childFoldedTimes(int foldedTimes) const {
         return initialState_ == State::folded ? foldedTimes + 1 : 0;
@@ -224,6 +241,8 @@ class KESTRO_API JSONDecorator {
     int indent_ = 0;
     mutable std::once_flag stylesOnce_;
     mutable std::unique_ptr<Styles> styles_;
+    Totals laidOut_;  // of the layout in progress or the last one
+    Totals hint_;     // of slices as highlight() laid them out: what assemble() reserves
 };
 
 }  // namespace kestro
