@@ -19,8 +19,10 @@ public:
             if (run.run_type != Run::RT_Iteration && run.aggregate_name != "median") continue;
             // With repetitions, the median wins over single iterations of the same name.
             const std::string name = run.run_name.function_name;
-            if (run.run_type == Run::RT_Aggregate || !times_.count(name))
+            if (run.run_type == Run::RT_Aggregate || !times_.count(name)) {
                 times_[name] = run.GetAdjustedRealTime();
+                cpuTimes_[name] = run.GetAdjustedCPUTime();
+            }
             for (const auto& [key, counter] : run.counters) counters_[name + "/" + key] = counter.value;
         }
         ConsoleReporter::ReportRuns(runs);
@@ -29,6 +31,12 @@ public:
         auto it = times_.find(name);
         return it == times_.end() ? 0 : it->second;
     }
+    /// CPU time per iteration of the benchmark's own thread: what a single-threaded piece of
+    /// work costs its caller, unaffected by time spent waiting for a core on a busy machine.
+    double cpuTime(const std::string& name) const {
+        auto it = cpuTimes_.find(name);
+        return it == cpuTimes_.end() ? 0 : it->second;
+    }
     double counter(const std::string& name, const std::string& key) const {
         auto it = counters_.find(name + "/" + key);
         return it == counters_.end() ? 0 : it->second;
@@ -36,6 +44,7 @@ public:
 
 private:
     std::map<std::string, double> times_;
+    std::map<std::string, double> cpuTimes_;
     std::map<std::string, double> counters_;
 };
 
