@@ -204,6 +204,32 @@ int runClientCommand(const CommandLine& line, std::ostream& out, std::ostream& e
         }
         return true;
     };
+    // GETs a listing. With --json it is printed as it came; a listing without entries prints
+    // none. Gives the parsed listing only when its rows are still to be printed; code is the
+    // exit code otherwise.
+    auto listing = [&](const std::string& target, const char* key, const char* none,
+                       int& code) -> std::optional<json::value> {
+        auto a = call("GET", target, "");
+        if (!a) {
+            code = 3;
+            return std::nullopt;
+        }
+        if (a->status != 200) {
+            code = refused(*a);
+            return std::nullopt;
+        }
+        code = 0;
+        if (line.json) {
+            out << a->body << "\n";
+            return std::nullopt;
+        }
+        auto v = json::parse(a->body);
+        if (v.at(key).as_array().empty()) {
+            out << none << "\n";
+            return std::nullopt;
+        }
+        return v;
+    };
 
     const std::string& command = line.command;
     if (command == "health" || command == "device" || command == "item") {
@@ -225,19 +251,10 @@ int runClientCommand(const CommandLine& line, std::ostream& out, std::ostream& e
     }
     if (command == "devices") {
         if (!needWords(0, 0, "devices [--json]")) return 2;
-        auto a = call("GET", "/api/devices", "");
-        if (!a) return 3;
-        if (a->status != 200) return refused(*a);
-        if (line.json) {
-            out << a->body << "\n";
-            return 0;
-        }
-        const auto v = json::parse(a->body);
-        const auto& list = v.at("devices").as_array();
-        if (list.empty()) {
-            out << "No devices yet.\n";
-            return 0;
-        }
+        int code = 0;
+        const auto v = listing("/api/devices", "devices", "No devices yet.", code);
+        if (!v) return code;
+        const auto& list = v->at("devices").as_array();
         out << fmt::format("{:<36}  {:<9}  {:>5}  {:<24}  {:<20}  {}\n", "ID", "CONNECTED", "ITEMS",
                            "LAST SEEN", "NAME", "MODEL / OS");
         for (const auto& d : list) {
@@ -254,20 +271,10 @@ int runClientCommand(const CommandLine& line, std::ostream& out, std::ostream& e
         if (!needWords(0, 0, "items [--device ID] [--limit N] [--json]")) return 2;
         std::string target = fmt::format("/api/items?limit={}", line.limit.value_or(50));
         if (line.deviceFilter) target += "&device=" + internal::encode(*line.deviceFilter);
-        auto a = call("GET", target, "");
-        if (!a) return 3;
-        if (a->status != 200) return refused(*a);
-        if (line.json) {
-            out << a->body << "\n";
-            return 0;
-        }
-        const auto v = json::parse(a->body);
-        const auto& list = v.at("items").as_array();
-        if (list.empty()) {
-            out << "No items yet.\n";
-            return 0;
-        }
-        for (const auto& item : list) out << internal::itemLine(item.as_object()) << "\n";
+        int code = 0;
+        const auto v = listing(target, "items", "No items yet.", code);
+        if (!v) return code;
+        for (const auto& item : v->at("items").as_array()) out << internal::itemLine(item.as_object()) << "\n";
         return 0;
     }
     if (command == "send") {

@@ -154,13 +154,23 @@ std::optional<std::string> checkApiKey(std::optional<std::string_view> key) {
 
 std::string keyKind(std::string_view key) { return key.starts_with("kt-prod-") ? "prod" : "dev"; }
 
-std::optional<std::string> checkDevice(const boost::json::value& body) {
-    if (!body.is_object()) return std::string("the body must be a JSON object");
-    const auto& o = body.as_object();
+namespace {
+
+// The "id" every upload carries: a non-empty string.
+std::optional<std::string> checkId(const boost::json::object& o) {
     const auto* id = o.if_contains("id");
     if (!id) return std::string("\"id\" is missing");
     if (!id->is_string()) return std::string("\"id\" must be a string");
     if (id->as_string().empty()) return std::string("\"id\" must not be empty");
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<std::string> checkDevice(const boost::json::value& body) {
+    if (!body.is_object()) return std::string("the body must be a JSON object");
+    const auto& o = body.as_object();
+    if (auto e = checkId(o)) return e;
     for (const auto& kv : o) {
         if (!kv.value().is_string()) {
             return "\"" + std::string(kv.key()) + "\" must be a string";
@@ -175,11 +185,8 @@ std::optional<std::string> checkItem(const boost::json::value& body) {
     const auto* eventType = o.if_contains("eventType");
     if (!eventType) return std::string("\"eventType\" is missing");
     if (!eventType->is_string()) return std::string("\"eventType\" must be a string");
-    const auto* id = o.if_contains("id");
-    if (!id) return std::string("\"id\" is missing");
-    if (!id->is_string()) return std::string("\"id\" must be a string");
     // The id joins the two uploads of an exchange; without one there is nothing to join on.
-    if (id->as_string().empty()) return std::string("\"id\" must not be empty");
+    if (auto e = checkId(o)) return e;
 
     std::optional<std::string> error;
     const auto& type = eventType->as_string();
