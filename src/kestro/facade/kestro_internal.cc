@@ -100,6 +100,8 @@ struct KestroInternal::Impl : std::enable_shared_from_this<Impl> {
 
     std::unique_ptr<CapturePipeline> pipeline;
 
+    // The endpoint and key in use; the facade's getters and the pipeline's handlers (which
+    // hold only this state) read them here.
     std::string apiEndpoint() const {
         std::lock_guard lock(mutex);
         return kestro::getAPIEndpoint(env);
@@ -250,9 +252,7 @@ KestroEnvironment KestroInternal::getEnvironment() const {
     return impl_->env;
 }
 
-std::string KestroInternal::getAPIEndpoint() const {
-    return kestro::getAPIEndpoint(getEnvironment());
-}
+std::string KestroInternal::getAPIEndpoint() const { return impl_->apiEndpoint(); }
 
 bool KestroInternal::isValidAPIKey(std::string_view apiKey) const {
     return apiKey.starts_with("kt-prod-") || apiKey.starts_with("kt-dev-");
@@ -274,10 +274,7 @@ void KestroInternal::clearAPIKey() {
     getUserDefaults().remove(USER_DEFAULTS_API_KEY);
 }
 
-std::string KestroInternal::getAPIKey() const {
-    std::lock_guard lock(impl_->mutex);
-    return impl_->apiKey;
-}
+std::string KestroInternal::getAPIKey() const { return impl_->key(); }
 
 void KestroInternal::deleteDeviceId() { getUserDefaults().remove(USER_DEFAULTS_KEY_DEVICE_UUID); }
 
