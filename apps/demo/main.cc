@@ -227,6 +227,13 @@ int main(int argc, char** argv) {
         device.c_str(), base.c_str());
     say("  kestro-devservice send %s send_ping", device.c_str());
 
+    // The link comes up in the background; give it a moment so that the first round already
+    // reports to the dashboard (the demo goes on without it after two seconds).
+    const auto linkDeadline = Clock::now() + std::chrono::seconds(2);
+    while (!Kestro().isConnectedToWs() && Clock::now() < linkDeadline &&
+           !stop.waitFor(std::chrono::milliseconds(50))) {
+    }
+
     std::atomic<bool> breakpointWasOn{false};
     long round = 0;
     do {
