@@ -45,7 +45,12 @@ bool isWellFormedUTF8(std::string_view bytes) {
     while (i < n) {
         const unsigned char b = p[i];
         if (b < 0x80) {
+            // Skip ASCII a word at a time.
             ++i;
+            for (std::uint64_t w; i + 8 <= n; i += 8) {
+                std::memcpy(&w, p + i, 8);
+                if (w & 0x8080808080808080u) break;
+            }
             continue;
         }
         std::size_t len;
@@ -285,7 +290,13 @@ struct AttributedText::AttributeTable {
     std::atomic<std::uint32_t> refs;
     std::uint32_t size;
     std::uint32_t capacity;
-    std::uint32_t nextClass;
+    std::uint16_t nextClass;
+    // Made for many texts (a document's lines): references are handed out from per-thread
+    // stocks, see Stock.
+    bool pooled;
+    // Every entry has a class of its own (no two entries are equal sets, none is empty), so
+    // that different indexes always name different sets.
+    bool distinct;
 
     static constexpr std::uint32_t kClassified = 32;
     static constexpr std::uint32_t kNoClass = 0;
@@ -305,29 +316,121 @@ struct AttributedText::AttributeTable {
         return sizeof(AttributeTable) + capacity * (sizeof(AttributesRef) + sizeof(std::uint32_t));
     }
 
-    static AttributeTable* create(std::uint32_t capacity, std::uint32_t nextClass = 2) {
+    static AttributeTable* create(std::uint32_t capacity, std::uint16_t nextClass = 2) {
         void* block = jsonview::internal::allocateBlock(bytesFor(capacity));
-        return new (block) AttributeTable{{1}, 0, capacity, nextClass};
+        return new (block) AttributeTable{{1}, 0, capacity, nextClass, false, true};
     }
 
-    static void retain(AttributeTable* table) noexcept {
-        if (table) table->refs.fetch_add(1, std::memory_order_relaxed);
-    }
-
-    static void release(AttributeTable* table) noexcept {
-        if (!table) return;
-        // The only holder needs no atomic update: no other text can reach the table to take a
-        // reference meanwhile.
-        if (table->refs.load(std::memory_order_acquire) != 1 &&
-            table->refs.fetch_sub(1, std::memory_order_acq_rel) != 1)
-            return;
+    static void destroy(AttributeTable* table) noexcept {
         for (std::uint32_t i = 0; i < table->size; ++i) table->entries()[i].~AttributesRef();
         const std::size_t bytes = bytesFor(table->capacity);
         table->~AttributeTable();
         jsonview::internal::freeBlock(table, bytes);
     }
 
-    bool shared() const { return refs.load(std::memory_order_acquire) != 1; }
+    // References to one pooled table kept by a thread. The thread takes them from the table's
+    // count kStockBatch at a time and takes back the ones its texts give up, so that making and
+    // destroying the lines of a document costs no atomic operation per line. The count always
+    // covers every text and every stock that holds a reference, so other threads see a count
+    // that is, if anything, too high: a table is freed only when the last stock returns its
+    // references (when its thread turns to another pooled table, or ends).
+    struct Stock {
+        enum State : std::uint8_t { unused, active, ended };
+        AttributeTable* table;
+        std::uint32_t count;
+        State state;
+    };
+    static constexpr std::uint32_t kStockBatch = 4096;
+    static thread_local Stock tlsStock;
+
+    // The calling thread's stock, or nullptr once the thread is ending.
+    static Stock* stock() noexcept {
+        Stock& s = tlsStock;
+        if (s.state == Stock::active) return &s;
+        if (s.state == Stock::ended) return nullptr;
+        struct ReturnAtExit {
+            ~ReturnAtExit() {
+                returnStock(tlsStock);
+                tlsStock.state = Stock::ended;
+            }
+        };
+        thread_local ReturnAtExit returnAtExit;
+        (void)returnAtExit;
+        s.state = Stock::active;
+        return &s;
+    }
+
+    static void returnStock(Stock& s) noexcept {
+        AttributeTable* table = std::exchange(s.table, nullptr);
+        const std::uint32_t n = std::exchange(s.count, 0);
+        if (table && n && table->refs.fetch_sub(n, std::memory_order_acq_rel) == n) destroy(table);
+    }
+
+    // The calling thread's stock, holding table.
+    static Stock* stockFor(AttributeTable* table) noexcept {
+        Stock* s = stock();
+        if (s && s->table != table) {
+            returnStock(*s);
+            s->table = table;
+        }
+        return s;
+    }
+
+    static void retain(AttributeTable* table) noexcept {
+        if (!table) return;
+        Stock& s = tlsStock;  // holds only pooled tables, and none once the thread is ending
+        if (s.table == table && s.count != 0) {
+            --s.count;
+            return;
+        }
+        retainSlowly(table);
+    }
+
+    static void retainSlowly(AttributeTable* table) noexcept {
+        if (table->pooled) {
+            if (Stock* s = stockFor(table)) {
+                if (s->count == 0) {
+                    table->refs.fetch_add(kStockBatch, std::memory_order_relaxed);
+                    s->count = kStockBatch;
+                }
+                --s->count;
+                return;
+            }
+        }
+        table->refs.fetch_add(1, std::memory_order_relaxed);
+    }
+
+    static void release(AttributeTable* table) noexcept {
+        if (!table) return;
+        Stock& s = tlsStock;
+        if (s.table == table && s.count < 2 * kStockBatch) {
+            ++s.count;
+            return;
+        }
+        releaseSlowly(table);
+    }
+
+    static void releaseSlowly(AttributeTable* table) noexcept {
+        if (table->pooled) {
+            if (Stock* s = stockFor(table)) {
+                // Keep at most two batches; the stock's own batch keeps the count above zero.
+                if (++s->count > 2 * kStockBatch) {
+                    table->refs.fetch_sub(kStockBatch, std::memory_order_release);
+                    s->count -= kStockBatch;
+                }
+                return;
+            }
+        }
+        // The only holder needs no atomic update: no other text can reach the table to take a
+        // reference meanwhile.
+        if (table->refs.load(std::memory_order_acquire) != 1 &&
+            table->refs.fetch_sub(1, std::memory_order_acq_rel) != 1)
+            return;
+        destroy(table);
+    }
+
+    // Pooled tables count as shared: stocks may hold references to them.
+    bool shared() const { return pooled || refs.load(std::memory_order_acquire) != 1; }
 
     // The index of the entry holding exactly this set, or kNotFound. Large tables (documents
     // full of links) are searched at both ends only: the styles sit at the front, the sets
@@ -344,13 +447,22 @@ struct AttributedText::AttributeTable {
         return kNotFound;
     }
 
-    std::uint32_t classify(std::uint32_t index) {
+    // Gives entry index its class; an entry that shares one, or has none, ends distinctness.
+    void classify(std::uint32_t index) {
         const AttributesRef& set = entries()[index];
-        if (!set || set->empty()) return kEmptyClass;
-        if (index >= kClassified) return kNoClass;
-        for (std::uint32_t i = 0; i < index; ++i)
-            if (classes()[i] > kEmptyClass && *entries()[i] == *set) return classes()[i];
-        return nextClass++;
+        std::uint32_t c = kNoClass;
+        if (!set || set->empty()) {
+            c = kEmptyClass;
+        } else if (index < kClassified) {
+            for (std::uint32_t i = 0; i < index && c == kNoClass; ++i)
+                if (classes()[i] > kEmptyClass && *entries()[i] == *set) c = classes()[i];
+            if (c == kNoClass) {
+                classes()[index] = nextClass++;
+                return;
+            }
+        }
+        classes()[index] = c;
+        distinct = false;
     }
 
     // Appends a set to an unshared table; returns the table, moved when it had to grow.
@@ -360,6 +472,7 @@ struct AttributedText::AttributeTable {
             if (table->capacity >= kNotFound / 2)
                 throw std::length_error("AttributedText: too many attribute sets");
             AttributeTable* bigger = create(table->capacity * 2, table->nextClass);
+            bigger->distinct = table->distinct;
             for (std::uint32_t i = 0; i < table->size; ++i) {
                 new (&bigger->entries()[i]) AttributesRef(std::move(table->entries()[i]));
                 bigger->classes()[i] = table->classes()[i];
@@ -371,7 +484,7 @@ struct AttributedText::AttributeTable {
         index = table->size;
         new (&table->entries()[index]) AttributesRef(set);
         ++table->size;
-        table->classes()[index] = table->classify(index);
+        table->classify(index);
         return table;
     }
 
@@ -382,6 +495,7 @@ struct AttributedText::AttributeTable {
         std::uint32_t kept = 0;
         for (std::uint32_t i = 0; i < size; ++i) kept += keep(i);
         AttributeTable* out = create(std::max<std::uint32_t>(kept, 8), nextClass);
+        out->distinct = distinct;  // fewer entries stay distinct
         if (remap) remap->assign(size, kNoAttributes);
         for (std::uint32_t i = 0; i < size; ++i) {
             if (!keep(i)) continue;
@@ -393,6 +507,8 @@ struct AttributedText::AttributeTable {
         return out;
     }
 };
+
+thread_local AttributedText::AttributeTable::Stock AttributedText::AttributeTable::tlsStock{};
 
 namespace {
 
@@ -433,9 +549,6 @@ class AttributedText::TableMapping {
         }
     }
 
-    // Whether every index maps to itself.
-    bool identity() const { return same_; }
-
     std::uint32_t operator()(std::uint32_t index) {
         if (same_ || index == kNoAttributes || index < shared_) return index;
         for (unsigned i = 0; i < memoCount_; ++i)
@@ -473,6 +586,29 @@ class AttributedText::TableMapping {
 // ---- AttributedText -------------------------------------------------------------------------
 
 namespace {
+
+// Copies n bytes; the pieces of a line (a quote, a comma, a short number) are copied in place
+// rather than through a call.
+inline void copyBytes(char* to, const char* from, std::size_t n) {
+    if (n > 16) {
+        std::memcpy(to, from, n);
+    } else if (n >= 8) {  // two words that may overlap
+        std::uint64_t head, tail;
+        std::memcpy(&head, from, 8);
+        std::memcpy(&tail, from + n - 8, 8);
+        std::memcpy(to, &head, 8);
+        std::memcpy(to + n - 8, &tail, 8);
+    } else if (n >= 4) {
+        std::uint32_t head, tail;
+        std::memcpy(&head, from, 4);
+        std::memcpy(&tail, from + n - 4, 4);
+        std::memcpy(to, &head, 4);
+        std::memcpy(to + n - 4, &tail, 4);
+    } else {
+        for (std::size_t i = 0; i < n; ++i) to[i] = from[i];
+    }
+}
+
 const AttributesRef& noAttributesRef() {
     static const AttributesRef none;
     return none;
@@ -553,7 +689,8 @@ void AttributedText::steal(AttributedText& other) noexcept {
     runCount_ = std::exchange(other.runCount_, 0);
     runCapacity_ = std::exchange(other.runCapacity_, kInlineRuns);
     capacity_ = std::exchange(other.capacity_, kInlineBytes - kInlineRuns * sizeof(RunEntry));
-    storage_ = other.storage_;  // the inline bytes, or the heap block's address
+    // The heap block's address, or the inline bytes (none to copy for an empty text).
+    if (onHeap() || size_ != 0) storage_ = other.storage_;
 }
 
 void AttributedText::grow(std::size_t bytes, std::size_t runCount, bool exact) {
@@ -607,8 +744,12 @@ const AttributesRef& AttributedText::refAt(std::uint32_t index) const {
     return index == kNoAttributes ? noAttributesRef() : table_->entries()[index];
 }
 
-bool AttributedText::sameEntry(std::uint32_t a, std::uint32_t b) const {
-    if (a == b) return true;
+inline bool AttributedText::sameEntry(std::uint32_t a, std::uint32_t b) const {
+    // Two indexes other than "none" mean a table; a distinct one has no empty entry either.
+    return a == b || (!table_->distinct && sameSets(a, b));
+}
+
+bool AttributedText::sameSets(std::uint32_t a, std::uint32_t b) const {
     const std::uint32_t ca =
         a == kNoAttributes ? AttributeTable::kEmptyClass : table_->classes()[a];
     const std::uint32_t cb =
@@ -686,6 +827,7 @@ AttributedText jsonview::internal::textWithAttributeTable(
         std::uint32_t index;
         text.table_ = AttributedText::AttributeTable::add(text.table_, set, index);
     }
+    if (text.table_) text.table_->pooled = true;
     return text;
 }
 
@@ -738,31 +880,42 @@ void AttributedText::append(std::string_view text, const AttributesRef& attribut
         append(own, attributes);
         return;
     }
-    const std::size_t newSize = std::size_t{size_} + text.size();
-    std::uint32_t index = AttributeTable::kNotFound;
-    if (!attributes)
-        index = kNoAttributes;
-    else if (table_)
-        index = table_->find(attributes.get());
+    // Locals throughout: run entries and the sizes are both 32-bit integers, so a store to a run
+    // would otherwise make the compiler read the sizes again.
+    const std::uint32_t size = size_;
+    const std::uint32_t count = runCount_;
+    const std::size_t newSize = std::size_t{size} + text.size();
     bool extend = false;
-    if (runCount_ > 0) {
-        const std::uint32_t last = runs()[runCount_ - 1].attributes;
-        extend = index != AttributeTable::kNotFound ? sameEntry(last, index)
-                                                    : sameAttributes(refAt(last), attributes);
+    std::uint32_t index = AttributeTable::kNotFound;
+    if (count > 0) {
+        const std::uint32_t last = runs()[count - 1].attributes;
+        // Pieces of a line mostly continue the last run's set.
+        if (refAt(last).get() == attributes.get()) {
+            extend = true;
+        } else {
+            if (!attributes)
+                index = kNoAttributes;
+            else if (table_)
+                index = table_->find(attributes.get());
+            extend = index != AttributeTable::kNotFound ? sameEntry(last, index)
+                                                        : sameAttributes(refAt(last), attributes);
+        }
     }
     if (extend) {
-        ensure(newSize, runCount_);
+        ensure(newSize, count);
     } else {
         if (index == AttributeTable::kNotFound) index = indexOf(attributes);
-        ensure(newSize, std::size_t{runCount_} + 1);
-        runs()[runCount_++] = {size_, index};
+        ensure(newSize, std::size_t{count} + 1);
+        runs()[count] = {size, index};
+        runCount_ = count + 1;
     }
-    std::memcpy(chars() + size_, text.data(), text.size());
+    copyBytes(chars() + size, text.data(), text.size());
     size_ = static_cast<std::uint32_t>(newSize);
 }
 
 void AttributedText::append(const AttributedText& other) {
-    if (other.size_ == 0) return;
+    const std::uint32_t added = other.size_;
+    if (added == 0) return;
     if (&other == this) {
         const AttributedText copy(other);
         append(copy);
@@ -771,24 +924,40 @@ void AttributedText::append(const AttributedText& other) {
     // An empty text takes the other's table, so that the texts appended after it, built from
     // the same styles, map one to one.
     if (runCount_ == 0 && table_ != other.table_) adoptTable(other.table_);
+    if (table_ != other.table_ && other.table_) {
+        appendTranslated(other);
+        return;
+    }
+    const std::uint32_t size = size_;
+    const std::uint32_t count = runCount_;
+    const std::uint32_t adding = other.runCount_;
+    ensure(std::size_t{size} + added, std::size_t{count} + adding);
+    RunEntry* const dst = runs();
+    const RunEntry* const src = other.runs();
+    std::uint32_t i = count > 0 && sameEntry(dst[count - 1].attributes, src[0].attributes);
+    RunEntry* out = dst + count;
+    for (; i < adding; ++i) *out++ = {src[i].start + size, src[i].attributes};
+    runCount_ = static_cast<std::uint32_t>(out - dst);
+    copyBytes(chars() + size, other.chars(), added);
+    size_ = size + added;
+}
+
+void AttributedText::appendTranslated(const AttributedText& other) {
     TableMapping map(*this, other);
-    ensure(std::size_t{size_} + other.size_, std::size_t{runCount_} + other.runCount_);
-    const RunEntry* src = other.runs();
-    RunEntry* dst = runs();
-    std::uint32_t count = runCount_;
+    const std::uint32_t size = size_;
+    const std::uint32_t count = runCount_;
+    const std::uint32_t adding = other.runCount_;
+    ensure(std::size_t{size} + other.size_, std::size_t{count} + adding);
+    RunEntry* const dst = runs();
+    const RunEntry* const src = other.runs();
     std::uint32_t i = 0;
     const std::uint32_t first = map(src[0].attributes);
     if (count > 0 && sameEntry(dst[count - 1].attributes, first)) i = 1;
-    const std::uint32_t offset = size_;
-    if (map.identity()) {
-        for (; i < other.runCount_; ++i) dst[count++] = {src[i].start + offset, src[i].attributes};
-    } else {
-        for (; i < other.runCount_; ++i)
-            dst[count++] = {src[i].start + offset, map(src[i].attributes)};
-    }
-    runCount_ = count;
-    std::memcpy(chars() + size_, other.chars(), other.size_);
-    size_ += other.size_;
+    RunEntry* out = dst + count;
+    for (; i < adding; ++i) *out++ = {src[i].start + size, map(src[i].attributes)};
+    runCount_ = static_cast<std::uint32_t>(out - dst);
+    copyBytes(chars() + size, other.chars(), other.size_);
+    size_ = size + other.size_;
 }
 
 void AttributedText::insert(std::size_t position, const AttributedText& other) {

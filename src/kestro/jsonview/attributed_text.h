@@ -350,8 +350,11 @@ class KESTRO_API AttributedText {
     const AttributesRef& refAt(std::uint32_t index) const;
     // Whether two indexes of this text's table name equal attributes.
     bool sameEntry(std::uint32_t a, std::uint32_t b) const;
+    bool sameSets(std::uint32_t a, std::uint32_t b) const;
     // The index of attributes in the table, adding it (after copying a shared table) if absent.
     std::uint32_t indexOf(const AttributesRef& attributes);
+    // Appends a text whose runs refer to another table.
+    void appendTranslated(const AttributedText& other);
     // Uses table from now on; only while no run refers to the current one.
     void adoptTable(AttributeTable* table) noexcept;
     // Makes the table this text's own, so that entries can be added.

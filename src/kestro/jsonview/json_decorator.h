@@ -14,6 +14,7 @@
 // createSlices) uses the decorator's running indentation, so one decorator lays out one text at
 // a time.
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -241,6 +242,7 @@ class KESTRO_API JSONDecorator {
     int indent_ = 0;
     mutable std::once_flag stylesOnce_;
     mutable std::unique_ptr<Styles> styles_;
+    mutable std::atomic<const Styles*> builtStyles_{nullptr};  // styles_ once built
     Totals laidOut_;  // of the layout in progress or the last one
     Totals hint_;     // of slices as highlight() laid them out: what assemble() reserves
 };

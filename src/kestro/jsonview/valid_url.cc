@@ -5,6 +5,7 @@
 #include <unicode/unistr.h>
 #include <unicode/utext.h>
 
+#include <array>
 #include <boost/url/parse.hpp>
 #include <memory>
 
@@ -70,12 +71,43 @@ bool matchesWhole(icu::RegexMatcher* m, const icu::UnicodeString& text) {
     return U_SUCCESS(status) && ok;
 }
 
+// Whether every ASCII character of text may appear in a link: one the URL pattern (or a
+// backslash before a slash, which becomes a slash) can match. Lower-casing keeps ASCII
+// characters ASCII, and the patterns match ASCII characters only, so a text with any other
+// ASCII character (a blank, a quote, a comma) matches neither pattern as a whole. Characters
+// beyond ASCII are left to the patterns.
+bool mayBeLink(std::string_view text) {
+    static constexpr auto kAllowed = [] {
+        std::array<bool, 128> allowed{};
+        for (char c : std::string_view("-@:%._+~#=()?&/"))
+            allowed[static_cast<unsigned char>(c)] = true;
+        for (int c = '0'; c <= '9'; ++c) allowed[static_cast<std::size_t>(c)] = true;
+        for (int c = 'a'; c <= 'z'; ++c) allowed[static_cast<std::size_t>(c)] = true;
+        for (int c = 'A'; c <= 'Z'; ++c) allowed[static_cast<std::size_t>(c)] = true;
+        return allowed;
+    }();
+    bool stop = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        if (c >= 0x80) continue;
+        if (c == '\\' && i + 1 < text.size() && text[i + 1] == '/') {
+            ++i;
+            continue;
+        }
+        if (!kAllowed[c]) return false;
+        stop |= c == '.';
+    }
+    // Both patterns need a full stop.
+    return stop;
+}
+
 }  // namespace
 
 std::optional<ValidURL> validURL(std::string_view text) {
     if (jsonview::internal::scalarCount(text) < 2) return std::nullopt;
-    // Both patterns need a full stop; most strings have none and skip the matchers.
-    if (text.find('.') == std::string_view::npos) return std::nullopt;
+    // Most strings (words, sentences, numbers without a full stop) cannot be links as a whole
+    // and skip the matchers.
+    if (!mayBeLink(text)) return std::nullopt;
     std::string replaced;
     replaced.reserve(text.size());
     for (std::size_t i = 0; i < text.size(); ++i) {
