@@ -587,32 +587,12 @@ class AttributedText::TableMapping {
 
 namespace {
 
-// Copies n bytes; the pieces of a line (a quote, a comma, a short number) are copied in place
-// rather than through a call.
-inline void copyBytes(char* to, const char* from, std::size_t n) {
-    if (n > 16) {
-        std::memcpy(to, from, n);
-    } else if (n >= 8) {  // two words that may overlap
-        std::uint64_t head, tail;
-        std::memcpy(&head, from, 8);
-        std::memcpy(&tail, from + n - 8, 8);
-        std::memcpy(to, &head, 8);
-        std::memcpy(to + n - 8, &tail, 8);
-    } else if (n >= 4) {
-        std::uint32_t head, tail;
-        std::memcpy(&head, from, 4);
-        std::memcpy(&tail, from + n - 4, 4);
-        std::memcpy(to, &head, 4);
-        std::memcpy(to + n - 4, &tail, 4);
-    } else {
-        for (std::size_t i = 0; i < n; ++i) to[i] = from[i];
-    }
-}
+using jsonview::internal::copyBytes;
 
-const AttributesRef& noAttributesRef() {
-    static const AttributesRef none;
-    return none;
-}
+// Constant-initialised, so usable at any time.
+constinit const AttributesRef kNoAttributesRef;
+
+const AttributesRef& noAttributesRef() { return kNoAttributesRef; }
 }  // namespace
 
 AttributedText::AttributedText(std::string_view text, AttributesRef attributes) {
@@ -740,7 +720,7 @@ void AttributedText::reserve(std::size_t bytes, std::size_t runCount) {
 
 // ---- attribute indexes ----------------------------------------------------------------------
 
-const AttributesRef& AttributedText::refAt(std::uint32_t index) const {
+inline const AttributesRef& AttributedText::refAt(std::uint32_t index) const {
     return index == kNoAttributes ? noAttributesRef() : table_->entries()[index];
 }
 
@@ -873,18 +853,22 @@ void AttributedText::coalesce(std::size_t from, std::size_t to) {
 
 void AttributedText::append(std::string_view text, const AttributesRef& attributes) {
     if (text.empty()) return;
-    const char* base = buffer();
-    if (std::less_equal<const char*>()(base, text.data()) &&
-        std::less<const char*>()(text.data(), base + runCapacity_ * sizeof(RunEntry) + capacity_)) {
-        const std::string own(text);  // a piece of this text: growing would move it
-        append(own, attributes);
-        return;
-    }
     // Locals throughout: run entries and the sizes are both 32-bit integers, so a store to a run
     // would otherwise make the compiler read the sizes again.
     const std::uint32_t size = size_;
     const std::uint32_t count = runCount_;
     const std::size_t newSize = std::size_t{size} + text.size();
+    if (newSize > capacity_ || count == runCapacity_) {
+        // Growing moves the buffer: a piece of this very text is copied out first.
+        const char* base = buffer();
+        if (std::less_equal<const char*>()(base, text.data()) &&
+            std::less<const char*>()(text.data(),
+                                     base + runCapacity_ * sizeof(RunEntry) + capacity_)) {
+            const std::string own(text);
+            append(own, attributes);
+            return;
+        }
+    }
     bool extend = false;
     std::uint32_t index = AttributeTable::kNotFound;
     if (count > 0) {
@@ -911,6 +895,12 @@ void AttributedText::append(std::string_view text, const AttributesRef& attribut
     }
     copyBytes(chars() + size, text.data(), text.size());
     size_ = static_cast<std::uint32_t>(newSize);
+}
+
+jsonview::internal::WritableTable jsonview::internal::writableTable(const AttributedText& model,
+                                                                    const AttributesRef* sets) {
+    const AttributedText::AttributeTable* table = model.table_;
+    return {table && table->distinct ? table : nullptr, sets};
 }
 
 void AttributedText::append(const AttributedText& other) {

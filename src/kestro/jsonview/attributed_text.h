@@ -18,6 +18,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <initializer_list>
 #include <memory>
@@ -215,6 +216,9 @@ namespace jsonview::internal {
 /// Copies of it, and texts built from those copies with these sets, share one table, so that
 /// appending one such text to another copies plain offsets.
 AttributedText textWithAttributeTable(std::initializer_list<AttributesRef> sets);
+class TableWriter;
+struct WritableTable;
+WritableTable writableTable(const AttributedText& model, const AttributesRef* sets);
 }  // namespace jsonview::internal
 
 /// Text with attribute runs. Runs cover the whole text; neighbouring runs always differ in
@@ -308,6 +312,9 @@ class KESTRO_API AttributedText {
   private:
     friend AttributedText jsonview::internal::textWithAttributeTable(
         std::initializer_list<AttributesRef> sets);
+    friend class jsonview::internal::TableWriter;
+    friend jsonview::internal::WritableTable jsonview::internal::writableTable(
+        const AttributedText& model, const AttributesRef* sets);
 
     // A run: its first byte and its attribute set as an index into the table.
     struct RunEntry {
@@ -380,6 +387,72 @@ class KESTRO_API AttributedText {
         char* heap;                                      // a block from the block cache
     } storage_;
 };
+
+namespace jsonview::internal {
+
+/// Copies n bytes; short pieces (a quote, a comma, a short number) in place rather than through
+/// a call.
+inline void copyBytes(char* to, const char* from, std::size_t n) {
+    if (n > 16) {
+        std::memcpy(to, from, n);
+    } else if (n >= 8) {  // two words that may overlap
+        std::uint64_t head, tail;
+        std::memcpy(&head, from, 8);
+        std::memcpy(&tail, from + n - 8, 8);
+        std::memcpy(to, &head, 8);
+        std::memcpy(to + n - 8, &tail, 8);
+    } else if (n >= 4) {
+        std::uint32_t head, tail;
+        std::memcpy(&head, from, 4);
+        std::memcpy(&tail, from + n - 4, 4);
+        std::memcpy(to, &head, 4);
+        std::memcpy(to + n - 4, &tail, 4);
+    } else {
+        for (std::size_t i = 0; i < n; ++i) to[i] = from[i];
+    }
+}
+
+/// The sets of a model text's table by position (see textWithAttributeTable), for TableWriter.
+struct WritableTable {
+    const void* table = nullptr;          // the model's table when its sets all differ
+    const AttributesRef* sets = nullptr;  // the set at each position
+};
+// writableTable(model, sets), declared above: sets are the sets of model's table in order.
+
+/// Appends pieces to a text, each in the set at a position of a model's table: for building
+/// the many short lines of a document from one table of styles. While the text uses that table
+/// and has room, a piece goes straight into its buffer; otherwise append() takes it.
+class TableWriter {
+  public:
+    TableWriter(AttributedText& text, const WritableTable& table) : text_(text), table_(table) {}
+
+    void put(std::string_view piece, std::uint32_t position) {
+        AttributedText& t = text_;
+        const std::size_t n = piece.size();
+        const std::uint32_t size = t.size_;
+        const std::uint32_t count = t.runCount_;
+        if (table_.table == nullptr || t.table_ != table_.table || n == 0 ||
+            size + n > t.capacity_ || count == t.runCapacity_) {
+            t.append(piece, table_.sets[position]);
+            return;
+        }
+        char* base = t.buffer();
+        auto* runs = reinterpret_cast<AttributedText::RunEntry*>(base);
+        // The sets all differ: a new position is a new run.
+        if (count == 0 || runs[count - 1].attributes != position) {
+            runs[count] = {size, position};
+            t.runCount_ = count + 1;
+        }
+        copyBytes(base + t.runCapacity_ * sizeof(AttributedText::RunEntry) + size, piece.data(), n);
+        t.size_ = static_cast<std::uint32_t>(size + n);
+    }
+
+  private:
+    AttributedText& text_;
+    const WritableTable& table_;
+};
+
+}  // namespace jsonview::internal
 
 /// A long attributed text kept in chunks of a few kilobytes: replacing a range touches only the
 /// chunks it overlaps. The shown document of the JSON viewer lives here.

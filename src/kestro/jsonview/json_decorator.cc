@@ -73,13 +73,35 @@ std::size_t JSONSlice::showContentLength() const {
 
 // ---- styles ---------------------------------------------------------------------------------
 
+enum class JSONDecorator::Slot : std::uint8_t {
+    keyWord,
+    key,
+    string,
+    number,
+    wrap,
+    placeholder,
+    foldIcon,
+    expandIcon,
+    boolean,
+    null,
+    link,
+    unknown,
+    count,
+};
+
 struct JSONDecorator::Styles {
     AttributesRef start, keyWord, key, link, string, number, boolean, null, placeholder, unknown;
     AttributedText expandIcon, foldIcon, wrap;
-    AttributedText comma;  // "," in the key-word style
-    // Empty, with every set above in its table: each line starts as a copy, so that all lines
-    // and their assembly share one table.
+    // Every set by its slot.
+    AttributesRef sets[static_cast<std::size_t>(Slot::count)];
+    // Empty, with the sets in its table in slot order: each line starts as a copy, so that all
+    // lines and their assembly share one table and pieces are appended by slot.
     AttributedText blank;
+    jsonview::internal::WritableTable table;  // blank's, for writing pieces by slot
+
+    const AttributesRef& operator[](Slot slot) const {
+        return sets[static_cast<std::size_t>(slot)];
+    }
 };
 
 JSONDecorator::JSONDecorator(HighlightStyle style, State initialState)
@@ -140,10 +162,27 @@ const JSONDecorator::Styles& JSONDecorator::styles() const {
         const AttributesRef expandIcon =
             createIconAttributedString(style_.expandIcon).attributesRef(0);
         const AttributesRef foldIcon = createIconAttributedString(style_.foldIcon).attributesRef(0);
-        // The most used sets first: they are looked up from the front.
+        auto& sets = s->sets;
+        auto set = [&](Slot slot, const AttributesRef& style) {
+            sets[static_cast<std::size_t>(slot)] = style;
+        };
+        set(Slot::keyWord, s->keyWord);
+        set(Slot::key, s->key);
+        set(Slot::string, s->string);
+        set(Slot::number, s->number);
+        set(Slot::wrap, wrapStyle);
+        set(Slot::placeholder, s->placeholder);
+        set(Slot::foldIcon, foldIcon);
+        set(Slot::expandIcon, expandIcon);
+        set(Slot::boolean, s->boolean);
+        set(Slot::null, s->null);
+        set(Slot::link, s->link);
+        set(Slot::unknown, s->unknown);
         s->blank = jsonview::internal::textWithAttributeTable(
-            {s->keyWord, s->key, s->string, s->number, wrapStyle, s->placeholder, foldIcon,
-             expandIcon, s->boolean, s->null, s->link, s->unknown});
+            {sets[0], sets[1], sets[2], sets[3], sets[4], sets[5], sets[6], sets[7], sets[8],
+             sets[9], sets[10], sets[11]});
+        static_assert(static_cast<int>(Slot::count) == 12);
+        s->table = jsonview::internal::writableTable(s->blank, sets);
         auto fromBlank = [&](std::string_view text, const AttributesRef& style) {
             AttributedText t = s->blank;
             t.append(text, style);
@@ -152,7 +191,6 @@ const JSONDecorator::Styles& JSONDecorator::styles() const {
         s->expandIcon = fromBlank(kAttachmentCharacter, expandIcon);
         s->foldIcon = fromBlank(kAttachmentCharacter, foldIcon);
         s->wrap = fromBlank("\n", wrapStyle);
-        s->comma = fromBlank(",", s->keyWord);
         styles_ = std::move(s);
         builtStyles_.store(styles_.get(), std::memory_order_release);
     });
@@ -259,7 +297,6 @@ std::vector<JSONSlice> JSONDecorator::createSlices(const JSONValue& value) {
 
 JSONDecorator::Assembly JSONDecorator::assemble() const {
     Assembly result;
-    const AttributedText& wrap = wrapString();
     // The size of the expanded document, as counted while laying it out; counted again if the
     // owner has replaced the slices since. Folding only shortens it, and if edits made the lines
     // longer the text simply grows.
@@ -288,11 +325,11 @@ JSONDecorator::Assembly JSONDecorator::assemble() const {
         }
         if (s.state == State::expand) {
             text.append(s.expand);
-            text.append(wrap);
+            put(text, "\n", Slot::wrap);
             result.lines.push_back(static_cast<int>(i) + 1);
         } else if (s.folded) {
             text.append(*s.folded);
-            text.append(wrap);
+            put(text, "\n", Slot::wrap);
             result.lines.push_back(static_cast<int>(i) + 1);
             hidden = s.level;
         }
@@ -322,38 +359,37 @@ void JSONDecorator::createStartAttribute(JSONSlice& slice, std::string_view expa
     const std::size_t prefix = key ? indent + key->key.size() + 5 : isNeed.indent ? indent : 0;
     const std::size_t prefixRuns = key ? 2 : 1;
     const std::size_t icon = kAttachmentCharacter.size();
-    auto writePrefix = [&](AttributedText& line, const AttributesRef& indentStyle) {
+    auto writePrefix = [&](AttributedText& line) {
         if (key) {
             appendKey(line, key->key);
-            line.append(" : ", st.keyWord);
+            put(line, " : ", Slot::keyWord);
         } else if (isNeed.indent) {
-            appendIndent(line, indentStyle);
+            appendIndent(line, Slot::keyWord);
         }
     };
     // The icon goes after the tabs (or the key), before the blank.
     AttributedText& expanded = slice.expand;
     expanded.reserve(prefix + icon + 1 + expand.size(), prefixRuns + 2);
-    writePrefix(expanded, st.start);
-    expanded.append(st.foldIcon);
-    expanded.append(" ", st.start);
-    expanded.append(expand, st.start);
+    writePrefix(expanded);
+    put(expanded, kAttachmentCharacter, Slot::foldIcon);
+    put(expanded, " ", Slot::keyWord);
+    put(expanded, expand, Slot::keyWord);
 
     AttributedText& folded = slice.folded.emplace(st.blank);
     folded.reserve(prefix + icon + 2 + fold.size(), prefixRuns + 3);
-    writePrefix(folded, st.keyWord);
-    folded.append(st.expandIcon);
-    folded.append(" ", st.keyWord);
-    folded.append(fold, st.placeholder);
-    if (isNeed.comma) folded.append(",", st.placeholder);
+    writePrefix(folded);
+    put(folded, kAttachmentCharacter, Slot::expandIcon);
+    put(folded, " ", Slot::keyWord);
+    put(folded, fold, Slot::placeholder);
+    if (isNeed.comma) put(folded, ",", Slot::placeholder);
 }
 
 void JSONDecorator::createEndAttribute(AttributedText& line, std::string_view bracket,
                                        bool isNeedComma) const {
-    const AttributesRef& style = styles().start;
     line.reserve(static_cast<std::size_t>(std::max(indent_, 0)) + bracket.size() + 1, 1);
-    appendIndent(line, style);
-    line.append(bracket, style);
-    if (isNeedComma) line.append(",", style);
+    appendIndent(line, Slot::keyWord);
+    put(line, bracket, Slot::keyWord);
+    if (isNeedComma) put(line, ",", Slot::keyWord);
 }
 
 void JSONDecorator::processJSONValueRecursively(const JSONValue& value, int currentSlicesCount,
@@ -389,40 +425,39 @@ void JSONDecorator::processScalarValue(const JSONValue& value, int currentSlices
 
 void JSONDecorator::appendScalar(AttributedText& line, const JSONValue& value,
                                  IsNeed isNeed) const {
-    const Styles& st = styles();
-    const AttributesRef* style;
+    Slot style;
     std::string_view text;
     std::optional<ValidURL> link;
     switch (value.kind()) {
         case JSONValue::Case::string: {
             text = value.text();
-            style = &st.string;
+            style = Slot::string;
             if (scalarCount(text) >= 2) link = validURL(text);
-            if (link) style = &st.link;
+            if (link) style = Slot::link;
             break;
         }
         case JSONValue::Case::number:
             text = value.text();
-            style = &st.number;
+            style = Slot::number;
             break;
         case JSONValue::Case::boolean:
             text = value.asBool() ? "true" : "false";
-            style = &st.boolean;
+            style = Slot::boolean;
             break;
         default:
             text = "null";
-            style = &st.null;
+            style = Slot::null;
             break;
     }
     // The indentation takes the value's style.
-    if (isNeed.indent) appendIndent(line, *style);
+    if (isNeed.indent) appendIndent(line, style);
     const std::size_t quoteAt = line.length();
     if (value.isString()) {
-        line.append("\"", *style);
-        line.append(text, *style);
-        line.append("\"", *style);
+        put(line, "\"", style);
+        put(line, text, style);
+        put(line, "\"", style);
     } else {
-        line.append(text, *style);
+        put(line, text, style);
     }
     if (link) {
         // The link covers as many UTF-16 units of the shown string as the link text has,
@@ -435,25 +470,29 @@ void JSONDecorator::appendScalar(AttributedText& line, const JSONValue& value,
         linkAttributes.underlineStyle = UnderlineStyle::single;
         line.addAttributes({start, length}, linkAttributes);
     }
-    if (isNeed.comma) line.append(st.comma);
-    if (auto wrong = value.wrong()) line.append(withoutLineFeeds(*wrong), st.unknown);
+    if (isNeed.comma) put(line, ",", Slot::keyWord);
+    if (auto wrong = value.wrong()) line.append(withoutLineFeeds(*wrong), styles().unknown);
 }
 
-void JSONDecorator::appendIndent(AttributedText& line, const AttributesRef& style) const {
+void JSONDecorator::put(AttributedText& line, std::string_view text, Slot style) const {
+    jsonview::internal::TableWriter(line, styles().table)
+        .put(text, static_cast<std::uint32_t>(style));
+}
+
+void JSONDecorator::appendIndent(AttributedText& line, Slot style) const {
     static constexpr std::string_view kTabs = "\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t";
     for (int left = std::max(indent_, 0); left > 0;) {
         const int n = std::min<int>(left, static_cast<int>(kTabs.size()));
-        line.append(kTabs.substr(0, static_cast<std::size_t>(n)), style);
+        put(line, kTabs.substr(0, static_cast<std::size_t>(n)), style);
         left -= n;
     }
 }
 
 void JSONDecorator::appendKey(AttributedText& line, std::string_view key) const {
-    const AttributesRef& style = styles().key;
-    appendIndent(line, style);
-    line.append("\"", style);
-    line.append(key, style);
-    line.append("\"", style);
+    appendIndent(line, Slot::key);
+    put(line, "\"", Slot::key);
+    put(line, key, Slot::key);
+    put(line, "\"", Slot::key);
 }
 
 void JSONDecorator::processUnknownValue(const JSONValue& value, int currentSlicesCount,
@@ -489,7 +528,6 @@ void JSONDecorator::processArrayValue(const JSONValue& value, int currentSlicesC
 void JSONDecorator::processObjectValue(const JSONValue& value, int currentSlicesCount,
                                        IsNeed isNeed, int foldedTimes, std::vector<JSONSlice>& out,
                                        const JSONObjectKey* key) {
-    const Styles& st = styles();
     const std::size_t base = out.size();
     auto made = [&] { return currentSlicesCount + static_cast<int>(out.size() - base); };
     createStartAttribute(addLine(out, made() + 1, initialState_, foldedTimes), "{", "{Object...}",
@@ -534,7 +572,7 @@ void JSONDecorator::processObjectValue(const JSONValue& value, int currentSlices
                              member.text().size() + 4,
                          3 + comma + member.wrong().has_value());
             appendKey(line, memberKey.key);
-            line.append(" : ", st.keyWord);
+            put(line, " : ", Slot::keyWord);
             appendScalar(line, member, IsNeed{false, comma});
         }
         --indent_;

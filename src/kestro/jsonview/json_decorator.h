@@ -193,6 +193,8 @@ class KESTRO_API JSONDecorator {
         bool comma = false;
     };
     struct Styles;
+    // A style's position in the table of attribute sets every line shares.
+    enum class Slot : std::uint8_t;
     // Bytes and runs of laid-out lines, each with its line feed.
     struct Totals {
         std::size_t bytes = 0;
@@ -221,7 +223,9 @@ class KESTRO_API JSONDecorator {
     // Appends a scalar's text (after the indentation when isNeed.indent), its link, comma and
     // wrong text to line.
     void appendScalar(AttributedText& line, const JSONValue& value, IsNeed isNeed) const;
-    void appendIndent(AttributedText& line, const AttributesRef& style) const;
+    // Appends text in a style.
+    void put(AttributedText& line, std::string_view text, Slot style) const;
+    void appendIndent(AttributedText& line, Slot style) const;
     // The indentation and the quoted key in the key style.
     void appendKey(AttributedText& line, std::string_view key) const;
     void processUnknownValue(const JSONValue& value, int currentSlicesCount, IsNeed isNeed,
