@@ -15,7 +15,6 @@ namespace {
 
 using jsonview::internal::advanceUTF16;
 using jsonview::internal::isWellFormedUTF8;
-using jsonview::internal::scalarCount;
 using jsonview::internal::utf16Count;
 
 std::string withoutLineFeeds(std::string_view text) {
@@ -432,7 +431,7 @@ void JSONDecorator::appendScalar(AttributedText& line, const JSONValue& value,
         case JSONValue::Case::string: {
             text = value.text();
             style = Slot::string;
-            if (scalarCount(text) >= 2) link = validURL(text);
+            link = validURL(text);
             if (link) style = Slot::link;
             break;
         }

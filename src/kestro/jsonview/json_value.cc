@@ -555,8 +555,19 @@ std::vector<const JSONObjectEntry*> rankedEntries(const JSONObject& object) {
         else
             order.push_back(&entry);
     }
-    std::sort(order.begin(), order.end(),
-              [](const JSONObjectEntry* a, const JSONObjectEntry* b) { return a->key < b->key; });
+    // Plain ASCII keys (nearly all) compare byte by byte: decide that once, not per comparison.
+    const bool plain = std::all_of(order.begin(), order.end(), [](const JSONObjectEntry* e) {
+        return !e->key.isWrong && isASCII(e->key.key);
+    });
+    if (plain)
+        std::sort(order.begin(), order.end(),
+                  [](const JSONObjectEntry* a, const JSONObjectEntry* b) {
+                      return std::string_view(a->key.key) < std::string_view(b->key.key);
+                  });
+    else
+        std::sort(
+            order.begin(), order.end(),
+            [](const JSONObjectEntry* a, const JSONObjectEntry* b) { return a->key < b->key; });
     if (unknownEntry) order.push_back(unknownEntry);
     return order;
 }

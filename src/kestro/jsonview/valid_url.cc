@@ -5,8 +5,10 @@
 #include <unicode/unistr.h>
 #include <unicode/utext.h>
 
+#include <algorithm>
 #include <array>
 #include <boost/url/parse.hpp>
+#include <functional>
 #include <memory>
 
 #include "kestro/core/console.h"
@@ -101,13 +103,56 @@ bool mayBeLink(std::string_view text) {
     return stop;
 }
 
+// Whether text has two scalars or more; stops at the second.
+bool twoScalarsOrMore(std::string_view text) {
+    int scalars = 0;
+    for (unsigned char b : text)
+        if ((b & 0xC0) != 0x80 && ++scalars == 2) return true;
+    return false;
+}
+
+std::optional<ValidURL> match(std::string_view text);
+
+// The last answers of this thread: a document repeats its links (a user's picture, a site's
+// address), and matching costs far more than a look-up. The patterns' step limit makes every
+// answer a function of the text alone, so a kept answer is the answer.
+struct RecentAnswers {
+    static constexpr std::size_t kSlots = 64;
+    struct Slot {
+        std::string text;
+        std::optional<ValidURL> answer;
+        bool used = false;
+    };
+    Slot slots[kSlots];
+
+    static constexpr std::size_t kLongest = 1024;  // longer texts are matched, not kept
+
+    std::optional<ValidURL> lookUp(std::string_view text) {
+        if (text.size() > kLongest) return match(text);
+        Slot& slot = slots[std::hash<std::string_view>{}(text) % kSlots];
+        if (!slot.used || slot.text != text) {
+            slot.text.assign(text);
+            slot.answer = match(text);
+            slot.used = true;
+        }
+        return slot.answer;
+    }
+};
+
 }  // namespace
 
 std::optional<ValidURL> validURL(std::string_view text) {
-    if (jsonview::internal::scalarCount(text) < 2) return std::nullopt;
+    if (!twoScalarsOrMore(text)) return std::nullopt;
     // Most strings (words, sentences, numbers without a full stop) cannot be links as a whole
     // and skip the matchers.
     if (!mayBeLink(text)) return std::nullopt;
+    thread_local RecentAnswers recent;
+    return recent.lookUp(text);
+}
+
+namespace {
+
+std::optional<ValidURL> match(std::string_view text) {
     std::string replaced;
     replaced.reserve(text.size());
     for (std::size_t i = 0; i < text.size(); ++i) {
@@ -118,8 +163,18 @@ std::optional<ValidURL> validURL(std::string_view text) {
             replaced.push_back(text[i]);
         }
     }
-    icu::UnicodeString lowered = icu::UnicodeString::fromUTF8(replaced);
-    lowered.toLower(icu::Locale::getRoot());
+    icu::UnicodeString lowered;
+    if (std::all_of(replaced.begin(), replaced.end(),
+                    [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
+        // Lower-casing ASCII in the root locale maps A-Z to a-z and nothing else.
+        std::string ascii = replaced;
+        for (char& c : ascii)
+            if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+        lowered = icu::UnicodeString::fromUTF8(ascii);
+    } else {
+        lowered = icu::UnicodeString::fromUTF8(replaced);
+        lowered.toLower(icu::Locale::getRoot());
+    }
 
     thread_local Matchers matchers;
     if (matchesWhole(matcherFor(matchers.ip, ipPattern()), lowered))
@@ -128,6 +183,8 @@ std::optional<ValidURL> validURL(std::string_view text) {
         return ValidURL{std::move(replaced), false};
     return std::nullopt;
 }
+
+}  // namespace
 
 std::optional<std::string> ValidURL::openingURL() const {
     if (isIP) {
