@@ -714,10 +714,6 @@ void AttributedText::grow(std::size_t bytes, std::size_t runCount, bool exact) {
     capacity_ = static_cast<std::uint32_t>(block - newRuns * sizeof(RunEntry));
 }
 
-void AttributedText::reserve(std::size_t bytes, std::size_t runCount) {
-    if (bytes > capacity_ || runCount > runCapacity_) grow(bytes, runCount, true);
-}
-
 // ---- attribute indexes ----------------------------------------------------------------------
 
 inline const AttributesRef& AttributedText::refAt(std::uint32_t index) const {
@@ -899,8 +895,10 @@ void AttributedText::append(std::string_view text, const AttributesRef& attribut
 
 jsonview::internal::WritableTable jsonview::internal::writableTable(const AttributedText& model,
                                                                     const AttributesRef* sets) {
+    static const char kNoTable = 0;
     const AttributedText::AttributeTable* table = model.table_;
-    return {table && table->distinct ? table : nullptr, sets};
+    if (table && table->distinct) return {table, sets};
+    return {&kNoTable, sets};
 }
 
 void AttributedText::append(const AttributedText& other) {

@@ -263,7 +263,9 @@ class KESTRO_API AttributedText {
 
     void append(const AttributedText& other);
     /// Reserves room for bytes of text and runs runs.
-    void reserve(std::size_t bytes, std::size_t runs = 0);
+    void reserve(std::size_t bytes, std::size_t runs = 0) {
+        if (bytes > capacity_ || runs > runCapacity_) grow(bytes, runs, true);
+    }
     void append(std::string_view text, const AttributesRef& attributes);
     void insert(std::size_t position, const AttributedText& other);
     /// Replaces the bytes of range (clamped to the text) with replacement.
@@ -414,7 +416,8 @@ inline void copyBytes(char* to, const char* from, std::size_t n) {
 
 /// The sets of a model text's table by position (see textWithAttributeTable), for TableWriter.
 struct WritableTable {
-    const void* table = nullptr;          // the model's table when its sets all differ
+    const void* table = nullptr;          // the model's table when its sets all differ, else
+                                          // an address no text's table has
     const AttributesRef* sets = nullptr;  // the set at each position
 };
 // writableTable(model, sets), declared above: sets are the sets of model's table in order.
@@ -431,8 +434,7 @@ class TableWriter {
         const std::size_t n = piece.size();
         const std::uint32_t size = t.size_;
         const std::uint32_t count = t.runCount_;
-        if (table_.table == nullptr || t.table_ != table_.table || n == 0 ||
-            size + n > t.capacity_ || count == t.runCapacity_) {
+        if (t.table_ != table_.table || n == 0 || size + n > t.capacity_) {
             t.append(piece, table_.sets[position]);
             return;
         }
@@ -440,6 +442,10 @@ class TableWriter {
         auto* runs = reinterpret_cast<AttributedText::RunEntry*>(base);
         // The sets all differ: a new position is a new run.
         if (count == 0 || runs[count - 1].attributes != position) {
+            if (count == t.runCapacity_) {
+                t.append(piece, table_.sets[position]);
+                return;
+            }
             runs[count] = {size, position};
             t.runCount_ = count + 1;
         }

@@ -103,6 +103,11 @@ struct JSONDecorator::Styles {
     }
 };
 
+inline void JSONDecorator::put(AttributedText& line, std::string_view text, Slot style) const {
+    jsonview::internal::TableWriter(line, styles().table)
+        .put(text, static_cast<std::uint32_t>(style));
+}
+
 JSONDecorator::JSONDecorator(HighlightStyle style, State initialState)
     : style_(std::move(style)), initialState_(initialState) {}
 
@@ -134,9 +139,7 @@ AttributedText JSONDecorator::createIconAttributedString(const Image& image) con
     return AttributedText::attachment(std::move(attachment));
 }
 
-const JSONDecorator::Styles& JSONDecorator::styles() const {
-    // Layout asks for the styles for every piece of every line: once built, one load.
-    if (const Styles* built = builtStyles_.load(std::memory_order_acquire)) return *built;
+const JSONDecorator::Styles& JSONDecorator::buildStyles() const {
     std::call_once(stylesOnce_, [this] {
         auto s = std::make_unique<Styles>();
         const HighlightColor& c = style_.color;
@@ -471,11 +474,6 @@ void JSONDecorator::appendScalar(AttributedText& line, const JSONValue& value,
     }
     if (isNeed.comma) put(line, ",", Slot::keyWord);
     if (auto wrong = value.wrong()) line.append(withoutLineFeeds(*wrong), styles().unknown);
-}
-
-void JSONDecorator::put(AttributedText& line, std::string_view text, Slot style) const {
-    jsonview::internal::TableWriter(line, styles().table)
-        .put(text, static_cast<std::uint32_t>(style));
 }
 
 void JSONDecorator::appendIndent(AttributedText& line, Slot style) const {

@@ -204,7 +204,12 @@ class KESTRO_API JSONDecorator {
 
     std::vector<JSONSlice> createSlices(const JSONValue& value, std::string_view json);
 
-    const Styles& styles() const;
+    // Once built, the styles are one load away: layout asks for them for every piece.
+    const Styles& styles() const {
+        if (const Styles* built = builtStyles_.load(std::memory_order_acquire)) return *built;
+        return buildStyles();
+    }
+    const Styles& buildStyles() const;
     // A new, empty line at the end of out, at the current indentation, sharing the styles' table
     // of attribute sets; the caller fills it in place. Counts the line before it into laidOut_.
     JSONSlice& addLine(std::vector<JSONSlice>& out, int lineNumber, State state, int foldedTimes);
