@@ -18,8 +18,31 @@ std::size_t utf16Count(std::string_view utf8) {
     // Every byte that is not a continuation byte starts a scalar (one unit); a four-byte lead
     // adds the second unit of a surrogate pair. Malformed bytes count one unit each, as the
     // replacement character they decode to would.
+    const char* p = utf8.data();
+    const std::size_t n = utf8.size();
     std::size_t units = 0;
-    for (unsigned char b : utf8) units += ((b & 0xC0) != 0x80) + (b >= 0xF0);
+    std::size_t i = 0;
+    // A word at a time: per byte, bit 7 of x marks a lead or ASCII byte ("not 10xxxxxx"), bit 7
+    // of y a four-byte lead ("1111xxxx"). The bits are summed in byte lanes (at most 2 a byte per
+    // word, so 127 words fit) and the lanes added up every batch.
+    constexpr std::uint64_t kHigh = 0x8080808080808080u;
+    while (n - i >= 8) {
+        const std::size_t words = std::min<std::size_t>((n - i) / 8, 127);
+        std::uint64_t lanes = 0;
+        for (std::size_t w = 0; w < words; ++w, i += 8) {
+            std::uint64_t v;
+            std::memcpy(&v, p + i, 8);
+            const std::uint64_t x = ~(v & ~(v << 1)) & kHigh;
+            const std::uint64_t y = v & (v << 1) & (v << 2) & (v << 3) & kHigh;
+            lanes += (x >> 7) + (y >> 7);
+        }
+        lanes = (lanes & 0x00FF00FF00FF00FFu) + ((lanes >> 8) & 0x00FF00FF00FF00FFu);
+        units += static_cast<std::size_t>((lanes * 0x0001000100010001u) >> 48);
+    }
+    for (; i < n; ++i) {
+        const auto b = static_cast<unsigned char>(p[i]);
+        units += ((b & 0xC0) != 0x80) + (b >= 0xF0);
+    }
     return units;
 }
 
@@ -1234,8 +1257,10 @@ void TextStorage::replace(TextRange range, const AttributedText& replacement) {
         Chunk& c = chunks_[c0];
         const std::size_t newSize = c.text.length() - (end - loc) + replacement.length();
         if (newSize <= kChunkMax && newSize > 0) {
+            // The chunk's UTF-16 length changes by what goes and what comes.
+            const std::size_t removed = utf16Count(c.text.string().substr(loc - s0, end - loc));
             c.text.replace({loc - s0, end - loc}, replacement);
-            c.utf16 = c.text.utf16Length();
+            c.utf16 = c.utf16 - removed + replacement.utf16Length();
             length_ = length_ - (end - loc) + replacement.length();
             return;
         }

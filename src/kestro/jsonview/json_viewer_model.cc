@@ -211,7 +211,17 @@ void JSONViewer::assembleAndShow(std::function<void()> afterShow) {
     // Assemble now (on the main queue, where slice states change) and show on the next turn of
     // the queue. A newer decorator set in between wins: the stale text is not shown.
     auto decorator = decorator_;
-    auto assembly = std::make_shared<JSONDecorator::Assembly>(decorator->assemble());
+    std::shared_ptr<JSONDecorator::Assembly> assembly;
+    try {
+        assembly = std::make_shared<JSONDecorator::Assembly>(decorator->assemble());
+    } catch (const std::exception& e) {
+        // A document too large to lay out (beyond memory or AttributedText::maxLength): the
+        // shown text stays as it was.
+        printI(std::string("❌ JSON viewer: the document could not be laid out: ") + e.what(),
+               LogLevel::error);
+        if (afterShow) MainQueue::shared().post(std::move(afterShow));
+        return;
+    }
     std::weak_ptr<JSONViewer> weak = weak_from_this();
     MainQueue::shared().post([weak, decorator, assembly, afterShow = std::move(afterShow)] {
         auto self = weak.lock();
@@ -309,19 +319,26 @@ void JSONViewer::handleExpandSliceDidClick(std::size_t i) {
     updateIndexes(i);
 
     if (!noted.empty()) {
-        // The noted numbers ascend; remove them in one compaction pass from the first.
+        // The noted numbers ascend. They are the rows right after the folded line, one block:
+        // removed in one move. Otherwise, one compaction pass from the first.
         auto first =
             std::lower_bound(lineDataSource_.begin(), lineDataSource_.end(), noted.front());
-        std::size_t k = 0;
-        auto out = first;
-        for (auto it = first; it != lineDataSource_.end(); ++it) {
-            if (k < noted.size() && *it == noted[k]) {
-                ++k;
-                continue;
+        const auto count = static_cast<std::ptrdiff_t>(noted.size());
+        if (lineDataSource_.end() - first >= count &&
+            std::equal(noted.begin(), noted.end(), first)) {
+            lineDataSource_.erase(first, first + count);
+        } else {
+            std::size_t k = 0;
+            auto out = first;
+            for (auto it = first; it != lineDataSource_.end(); ++it) {
+                if (k < noted.size() && *it == noted[k]) {
+                    ++k;
+                    continue;
+                }
+                *out++ = *it;
             }
-            *out++ = *it;
+            lineDataSource_.erase(out, lineDataSource_.end());
         }
-        lineDataSource_.erase(out, lineDataSource_.end());
     }
     reloadTable();
     shownText_.replace({location, replaced}, *slice.folded);
