@@ -125,7 +125,7 @@ TEST(AttributedText, EditsMatchAPlainModelAcrossInlineAndHeapStorage) {
     const AttributedText blank =
         jsonview::internal::textWithAttributeTable({styles[0], styles[1], styles[2], styles[3]});
     const jsonview::internal::WritableTable table =
-        jsonview::internal::writableTable(blank, styles.data());
+        jsonview::internal::writableTable(blank, styles.data(), styles.size());
     const std::vector<AttributesRef> foreign = {nullptr, colored(0x111111), colored(0x555555),
                                                 std::make_shared<const TextAttributes>()};
     std::mt19937 rng(20240611);

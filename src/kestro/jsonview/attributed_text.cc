@@ -917,11 +917,14 @@ void AttributedText::append(std::string_view text, const AttributesRef& attribut
 }
 
 jsonview::internal::WritableTable jsonview::internal::writableTable(const AttributedText& model,
-                                                                    const AttributesRef* sets) {
+                                                                    const AttributesRef* sets,
+                                                                    std::size_t count) {
     static const char kNoTable = 0;
     const AttributedText::AttributeTable* table = model.table_;
-    if (table && table->distinct) return {table, sets};
-    return {&kNoTable, sets};
+    bool usable = table && table->distinct && table->size == count;
+    for (std::size_t i = 0; usable && i < count; ++i)
+        usable = table->entries()[i].get() == sets[i].get();
+    return {usable ? static_cast<const void*>(table) : &kNoTable, sets};
 }
 
 void AttributedText::append(const AttributedText& other) {

@@ -218,7 +218,8 @@ namespace jsonview::internal {
 AttributedText textWithAttributeTable(std::initializer_list<AttributesRef> sets);
 class TableWriter;
 struct WritableTable;
-WritableTable writableTable(const AttributedText& model, const AttributesRef* sets);
+WritableTable writableTable(const AttributedText& model, const AttributesRef* sets,
+                            std::size_t count);
 }  // namespace jsonview::internal
 
 /// Text with attribute runs. Runs cover the whole text; neighbouring runs always differ in
@@ -316,7 +317,7 @@ class KESTRO_API AttributedText {
         std::initializer_list<AttributesRef> sets);
     friend class jsonview::internal::TableWriter;
     friend jsonview::internal::WritableTable jsonview::internal::writableTable(
-        const AttributedText& model, const AttributesRef* sets);
+        const AttributedText& model, const AttributesRef* sets, std::size_t count);
 
     // A run: its first byte and its attribute set as an index into the table.
     struct RunEntry {
@@ -420,7 +421,8 @@ struct WritableTable {
                                           // an address no text's table has
     const AttributesRef* sets = nullptr;  // the set at each position
 };
-// writableTable(model, sets), declared above: sets are the sets of model's table in order.
+// writableTable(model, sets, count), declared above: the count sets, in order, are to be the
+// entries of model's table; the writer only takes the short way when they are.
 
 /// Appends pieces to a text, each in the set at a position of a model's table: for building
 /// the many short lines of a document from one table of styles. While the text uses that table

@@ -184,7 +184,7 @@ const JSONDecorator::Styles& JSONDecorator::buildStyles() const {
             {sets[0], sets[1], sets[2], sets[3], sets[4], sets[5], sets[6], sets[7], sets[8],
              sets[9], sets[10], sets[11]});
         static_assert(static_cast<int>(Slot::count) == 12);
-        s->table = jsonview::internal::writableTable(s->blank, sets);
+        s->table = jsonview::internal::writableTable(s->blank, sets, std::size(sets));
         auto fromBlank = [&](std::string_view text, const AttributesRef& style) {
             AttributedText t = s->blank;
             t.append(text, style);
