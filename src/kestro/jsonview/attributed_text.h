@@ -265,7 +265,14 @@ class KESTRO_API AttributedText {
     void append(const AttributedText& other);
     /// Reserves room for bytes of text and runs runs.
     void reserve(std::size_t bytes, std::size_t runs = 0) {
-        if (bytes > capacity_ || runs > runCapacity_) grow(bytes, runs, true);
+        if (bytes <= capacity_ && runs <= runCapacity_) return;
+        if (size_ == 0 && runs * sizeof(RunEntry) + bytes <= kInlineBytes && !onHeap()) {
+            // An empty inline text: only the boundary between runs and text moves.
+            runCapacity_ = static_cast<std::uint32_t>(runs);
+            capacity_ = static_cast<std::uint32_t>(kInlineBytes - runs * sizeof(RunEntry));
+            return;
+        }
+        grow(bytes, runs, true);
     }
     void append(std::string_view text, const AttributesRef& attributes);
     void insert(std::size_t position, const AttributedText& other);

@@ -83,10 +83,17 @@ class KESTRO_API OptionalAttributedText {
     const AttributedText* operator->() const { return text_; }
     AttributedText* operator->() { return text_; }
 
-    AttributedText& emplace(AttributedText text) {
+    /// Makes the text from args in place.
+    template <typename... Args>
+    AttributedText& emplace(Args&&... args) {
         reset();
         void* block = jsonview::internal::allocateBlock(sizeof(AttributedText));
-        text_ = new (block) AttributedText(std::move(text));
+        try {
+            text_ = new (block) AttributedText(std::forward<Args>(args)...);
+        } catch (...) {
+            jsonview::internal::freeBlock(block, sizeof(AttributedText));
+            throw;
+        }
         return *text_;
     }
     void reset() noexcept {
