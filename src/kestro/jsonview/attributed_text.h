@@ -403,8 +403,14 @@ namespace jsonview::internal {
 /// Copies n bytes; short pieces (a quote, a comma, a short number) in place rather than through
 /// a call.
 inline void copyBytes(char* to, const char* from, std::size_t n) {
-    if (n > 16) {
+    if (n > 32) {
         std::memcpy(to, from, n);
+    } else if (n > 16) {  // two blocks of 16 that may overlap
+        char head[16], tail[16];
+        std::memcpy(head, from, 16);
+        std::memcpy(tail, from + n - 16, 16);
+        std::memcpy(to, head, 16);
+        std::memcpy(to + n - 16, tail, 16);
     } else if (n >= 8) {  // two words that may overlap
         std::uint64_t head, tail;
         std::memcpy(&head, from, 8);
@@ -417,8 +423,14 @@ inline void copyBytes(char* to, const char* from, std::size_t n) {
         std::memcpy(&tail, from + n - 4, 4);
         std::memcpy(to, &head, 4);
         std::memcpy(to + n - 4, &tail, 4);
-    } else {
-        for (std::size_t i = 0; i < n; ++i) to[i] = from[i];
+    } else if (n >= 2) {
+        std::uint16_t head, tail;
+        std::memcpy(&head, from, 2);
+        std::memcpy(&tail, from + n - 2, 2);
+        std::memcpy(to, &head, 2);
+        std::memcpy(to + n - 2, &tail, 2);
+    } else if (n == 1) {
+        *to = *from;
     }
 }
 
