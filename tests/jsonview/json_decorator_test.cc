@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "kestro/jsonview/json_parser.h"
 #include "kestro/jsonview/json_value.h"
+#include "kestro/jsonview/valid_url.h"
 
 namespace kestro {
 namespace {
@@ -208,6 +210,47 @@ TEST(JSONDecorator, LinksAreUnderlinedAndCarryTheirTextWithoutQuotes) {
     EXPECT_FALSE(d->slices[1].expand.attributes(27).link);
 }
 
+// Texts that reach the patterns have only characters a link can have; the answers are kept per
+// thread, so asking again (and after many other texts) must give the same answer.
+TEST(ValidURL, AnswersStayTheSameWhenAskedAgain) {
+    const std::vector<std::pair<std::string, std::optional<ValidURL>>> cases = {
+        {"HTTPS://Example.COM/a?b=1", ValidURL{"HTTPS://Example.COM/a?b=1", false}},
+        {"http:\\/\\/e.io\\/p", ValidURL{"http://e.io/p", false}},
+        {"10.0.0.1", ValidURL{"10.0.0.1", true}},
+        {"example.com", ValidURL{"example.com", false}},
+        {"caf\xC3\xA9.fr", std::nullopt},   // a letter beyond ASCII is left to the pattern
+        {"example.com/a b", std::nullopt},  // a blank: no link
+        {"\"example.com\"", std::nullopt},  // quotes: no link
+        {"no full stop", std::nullopt},
+        {"e", std::nullopt},
+    };
+    for (int round = 0; round < 3; ++round) {
+        for (const auto& [text, expected] : cases) EXPECT_EQ(validURL(text), expected) << text;
+        // Crowd the kept answers out between rounds.
+        for (int i = 0; i < 200; ++i) validURL("host" + std::to_string(i) + ".example.org");
+    }
+}
+
+// assemble() reserves the size counted during layout; lines the owner made longer, and slices
+// it replaced, must come out whole all the same.
+TEST(JSONDecorator, AssembleFollowsLinesTheOwnerChanged) {
+    auto d = JSONDecorator::highlight(R"({"a":[1,2,3],"b":"text"})");
+    ASSERT_TRUE(d);
+    auto expected = [&] {
+        AttributedText t;
+        for (const auto& s : d->slices) {
+            t.append(s.expand);
+            t.append(d->wrapString());
+        }
+        return t;
+    };
+    d->slices[2].expand.append(std::string(500, 'x'), d->unknownStyle());
+    EXPECT_EQ(d->assemble().attributedText, expected());
+    d->slices = d->createSlices(R"([{"k":"a much longer document than the first one"},[true]])");
+    EXPECT_EQ(d->assemble().attributedText, expected());
+    EXPECT_EQ(d->assemble().lines.size(), d->slices.size());
+}
+
 TEST(JSONDecorator, StylesUseTheJSONFontLineHeightAndBaseline) {
     auto d = JSONDecorator::highlight("[1]", HighlightStyle::mariana());
     ASSERT_TRUE(d);
@@ -352,7 +395,7 @@ TEST(JSONSlice, CopiesOwnTheirFoldedText) {
     copy.folded = AttributedText("x");
     JSONSlice moved = std::move(copy);
     EXPECT_EQ(moved.folded->string(), "x");
-    EXPECT_FALSE(copy.folded);  // NOLINT: checking the moved-from state on purpose
+    EXPECT_FALSE(copy.folded);          // NOLINT: checking the moved-from state on purpose
     EXPECT_FALSE(d->slices[2].folded);  // a scalar line has no folded form
 }
 

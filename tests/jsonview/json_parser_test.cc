@@ -361,6 +361,12 @@ TEST(JSONObject, RankingPutsTheUnknownValueLast) {
     auto entries = rankedEntries(withUnknown);
     ASSERT_EQ(entries.size(), 3u);
     EXPECT_EQ(entries.back()->value, V::unknown("rest"));
+    // All-ASCII keys and keys beyond ASCII order alike: by scalar.
+    EXPECT_EQ(rankingUnknownKeyLast(JSONObject{{"b", num("1")}, {"a", num("2")}, {"B", num("3")}}),
+              (std::vector<JSONObjectKey>{"B", "a", "b"}));
+    EXPECT_EQ(
+        rankingUnknownKeyLast(JSONObject{{"\xC3\xA9", num("1")}, {"a", num("2")}, {"Z", num("3")}}),
+        (std::vector<JSONObjectKey>{"Z", "a", "\xC3\xA9"}));
 }
 
 }  // namespace
