@@ -4,10 +4,14 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
+#include <mutex>
+#include <vector>
 
 #include "kestro/network/http.h"
 #include "network/url_test_util.h"
@@ -378,6 +382,70 @@ TEST(URLSessionTest, CompletionsMayWaitForOtherRequests) {
     task->resume();
     ASSERT_TRUE(inner.waitFor(1));
     EXPECT_EQ(inner.values()[0], "/inner");
+}
+
+// A completion that keeps its thread (here: until another request, started elsewhere, has
+// completed) does not hold up the transfers of others.
+TEST(URLSessionTest, ALongCompletionDoesNotStallOtherTransfers) {
+    HttpServer server(
+        [](const test::ReceivedRequest& r) { return HttpReply::text(200, r.target); });
+    test::Recorder<std::string> events;
+    std::mutex m;
+    std::condition_variable cv;
+    bool otherDone = false;
+    auto first = session().dataTask(
+        server.url("/first"),
+        [&](std::optional<std::string>, std::optional<HTTPURLResponse>, std::optional<URLError>) {
+            events.add("first running");
+            std::unique_lock lock(m);
+            const bool seen = cv.wait_for(lock, std::chrono::seconds(5), [&] { return otherDone; });
+            events.add(seen ? "first saw other" : "first gave up");
+        });
+    first->resume();
+    ASSERT_TRUE(events.waitFor(1));
+    Outcome other = load(session(), server.url("/other"));
+    ASSERT_FALSE(other.error);
+    EXPECT_EQ(other.data, "/other");
+    {
+        std::lock_guard lock(m);
+        otherDone = true;
+    }
+    cv.notify_all();
+    ASSERT_TRUE(events.waitFor(2));
+    EXPECT_EQ(events.values()[1], "first saw other");
+}
+
+// Cancelling while the answer is arriving: whichever wins, the completion runs exactly once,
+// never on the thread that resumed and cancelled, and the loop holds nothing afterwards.
+TEST(URLSessionTest, CancelRacingTheAnswerCompletesOnce) {
+    HttpServer server([](const test::ReceivedRequest&) { return HttpReply::text(200, "ok"); });
+    const std::thread::id caller = std::this_thread::get_id();
+    std::vector<std::unique_ptr<test::Fetch>> fetches;
+    for (int i = 0; i < 200; ++i) {
+        auto f = std::make_unique<test::Fetch>(session(), URLRequest(server.url("/race")));
+        f->resume();
+        // Spread the cancellations over the transfer's life: before the request is written,
+        // while the answer is on its way, and after it has been delivered.
+        for (int spin = 0; spin < (i % 20) * 50; ++spin) std::this_thread::yield();
+        f->task().cancel();
+        fetches.push_back(std::move(f));
+    }
+    int cancelled = 0;
+    for (auto& f : fetches) {
+        Outcome o = f->wait();
+        EXPECT_NE(o.thread, caller);
+        if (o.error) {
+            EXPECT_TRUE(o.error->is(URLErrorCode::cancelled)) << o.error->localizedDescription();
+            ++cancelled;
+        } else {
+            EXPECT_EQ(o.data, "ok");
+        }
+    }
+    EXPECT_GT(cancelled, 0);
+    ASSERT_TRUE(test::waitUntil([] { return URLSession::activeTransferCount() == 0; }));
+    // A request made after all of them has completed, so any second completion would be in.
+    EXPECT_FALSE(load(session(), server.url("/after")).error);
+    for (auto& f : fetches) EXPECT_EQ(f->completions(), 1u);
 }
 
 TEST(HttpTest, OneLineCallsAndBlockingDeadline) {

@@ -38,8 +38,9 @@ struct KESTRO_API Options {
     URLSession* session = nullptr;
 };
 
-// One-line calls for the common cases. They return at once; the callback runs once, on a
-// worker of the global executor. Any thread.
+// One-line calls for the common cases. They return at once; the callback runs once, where a
+// data task's completion runs (a loading thread or a worker of the global executor, never the
+// calling thread). Any thread.
 
 /// GET url.
 KESTRO_API void get(std::string url, Callback callback, Options options = {});
@@ -51,8 +52,8 @@ KESTRO_API void send(URLRequest request, Callback callback, Options options = {}
 
 // Blocking forms for command-line tools: they wait for the result at most `deadline`, after
 // which the request is cancelled and the result carries URLErrorCode::timedOut. They hold the
-// calling thread meanwhile; inside a completion (a worker of the global executor) prefer the
-// callback forms, since every blocked worker is one fewer for other completions.
+// calling thread meanwhile; inside a completion prefer the callback forms, since a completion
+// that waits keeps a loading thread or an executor worker from other work.
 
 KESTRO_API Result getBlocking(std::string url, std::chrono::milliseconds deadline,
                               Options options = {});

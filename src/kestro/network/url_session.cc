@@ -1,7 +1,5 @@
 #include "kestro/network/url_session.h"
 
-#include "kestro/network/tls_runtime.h"
-
 #include <curl/curl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -9,9 +7,10 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <deque>
 #include <boost/url/parse.hpp>
+#include <cerrno>
+#include <condition_variable>
+#include <deque>
 #include <fstream>
 #include <mutex>
 #include <sstream>
@@ -22,6 +21,7 @@
 #include "kestro/core/config.h"
 #include "kestro/core/console.h"
 #include "kestro/core/executor.h"
+#include "kestro/network/tls_runtime.h"
 
 namespace kestro {
 namespace network::internal {
@@ -46,6 +46,87 @@ struct SessionState {
 
 enum class TaskState : std::uint8_t { suspended, running, canceling, completed };
 
+struct TaskCore;
+
+// Work that must not run inside the call that produces it: a task's completion, or letting go
+// of a protocol handler (whose own call may be what produced it).
+struct Deferred {
+    enum class Kind : std::uint8_t { complete, releaseHandler, stopAndReleaseHandler };
+    Kind kind;
+    std::shared_ptr<TaskCore> core;
+    void run() const;
+};
+
+// Deferred work made on one thread, run or posted together once the thread is done with what
+// it is doing. While a thread has a batch open, handOn() adds to it; otherwise handOn() posts.
+class DeliveryBatch {
+  public:
+    DeliveryBatch() : previous_(tCurrent) { tCurrent = this; }
+    // A batch opened inside another hands its work to the outer one, which runs or posts it
+    // with its own.
+    ~DeliveryBatch() {
+        tCurrent = previous_;
+        if (previous_) {
+            for (auto& d : items_) previous_->items_.push_back(std::move(d));
+        } else {
+            flush();
+        }
+    }
+    DeliveryBatch(const DeliveryBatch&) = delete;
+    DeliveryBatch& operator=(const DeliveryBatch&) = delete;
+
+    static void handOn(Deferred d);
+
+    bool empty() const { return items_.empty(); }
+    // Opened inside another batch of this thread (whose owner will deal with the work).
+    bool nested() const { return previous_ != nullptr; }
+    void moveTo(std::vector<Deferred>& out) {
+        for (auto& d : items_) out.push_back(std::move(d));
+        items_.clear();
+    }
+
+    // Posts the work gathered so far to the executor as one task: at most one worker wake-up
+    // per batch instead of one per item.
+    void flush() {
+        if (items_.empty()) return;
+        if (items_.size() == 1) {
+            postFollowUp([d = std::move(items_.front())] { d.run(); });
+            items_.clear();
+        } else {
+            postFollowUp([items = std::move(items_)] {
+                for (const auto& d : items) d.run();
+            });
+            items_ = {};
+        }
+    }
+
+    // Runs the work gathered so far on this thread, and then whatever that work hands on, until
+    // nothing is left. Each item runs after the one before it has returned.
+    void runHere() {
+        while (!items_.empty()) {
+            running_.swap(items_);
+            for (const auto& d : running_) d.run();
+            running_.clear();
+        }
+    }
+
+  private:
+    static thread_local DeliveryBatch* tCurrent;
+    std::vector<Deferred> items_;
+    std::vector<Deferred> running_;  // the round runHere() is running (kept for its capacity)
+    DeliveryBatch* previous_;
+};
+
+thread_local DeliveryBatch* DeliveryBatch::tCurrent = nullptr;
+
+void DeliveryBatch::handOn(Deferred d) {
+    if (tCurrent) {
+        tCurrent->items_.push_back(std::move(d));
+    } else {
+        postFollowUp([d = std::move(d)] { d.run(); });
+    }
+}
+
 // One task. Owned jointly by the user's URLSessionDataTask handle, the loading thread while it
 // transfers, and a handler's client while a handler loads it.
 struct TaskCore : std::enable_shared_from_this<TaskCore> {
@@ -58,6 +139,11 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
     std::atomic<bool> done{false};    // set once by whoever completes the task
     std::atomic<bool> onLoop{false};  // handed to the loop
 
+    // The outcome, written by the winner of `done` before the completion is handed on.
+    std::optional<std::string> resultData;
+    std::optional<HTTPURLResponse> resultResponse;
+    std::optional<URLError> resultError;
+
     // Handler path. handlerMutex orders startLoading before stopLoading.
     std::mutex handlerMutex;
     std::shared_ptr<URLProtocol> handler;
@@ -67,6 +153,9 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
 
     // Network path: touched only under the loop's mutex.
     bool held = false;  // the loop holds the task (waiting for a slot or transferring)
+    std::shared_ptr<TaskCore> heldRef;  // the loop's reference while held
+    TaskCore* heldPrev = nullptr;       // neighbours in the loop's list of held tasks
+    TaskCore* heldNext = nullptr;
     CURL* easy = nullptr;
     curl_slist* headerList = nullptr;
     std::string body;
@@ -82,86 +171,70 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
     // Claims the right to complete. True for exactly one caller.
     bool claim() { return !done.exchange(true, std::memory_order_acq_rel); }
 
-    // Called by the winner of claim(): hands the result to the executor.
+    // Called by the winner of claim(): keeps the outcome and hands the completion on.
     void deliver(std::optional<std::string> data, std::optional<HTTPURLResponse> response,
                  std::optional<URLError> error) {
         state.store(TaskState::completed);
+        resultData = std::move(data);
+        resultResponse = std::move(response);
+        resultError = std::move(error);
+        DeliveryBatch::handOn({Deferred::Kind::complete, shared_from_this()});
+    }
+
+    void runCompletion() {
         auto cb = std::move(completion);
         completion = nullptr;
-        std::function<void()> run = [cb = std::move(cb), data = std::move(data),
-                                     response = std::move(response),
-                                     error = std::move(error)]() mutable {
-            if (!cb) return;
-            try {
-                cb(std::move(data), std::move(response), std::move(error));
-            } catch (const std::exception& e) {
-                printI(std::string("❌ A request's completion threw: ") + e.what(), LogLevel::error);
-            } catch (...) {
-                printI("❌ A request's completion threw", LogLevel::error);
-            }
-        };
-        if (tDeliveries) {
-            tDeliveries->push_back(std::move(run));
-        } else {
-            postFollowUp(std::move(run));
+        auto data = std::move(resultData);
+        auto response = std::move(resultResponse);
+        auto error = std::move(resultError);
+        if (!cb) return;
+        try {
+            cb(std::move(data), std::move(response), std::move(error));
+        } catch (const std::exception& e) {
+            printI(std::string("❌ A request's completion threw: ") + e.what(), LogLevel::error);
+        } catch (...) {
+            printI("❌ A request's completion threw", LogLevel::error);
         }
     }
 
-    // Set while the loop's mutex is held: completions made then are gathered and posted
-    // together when the mutex is let go, one executor task (and at most one worker wake-up)
-    // per pass instead of one per transfer.
-    static thread_local std::vector<std::function<void()>>* tDeliveries;
-
-    // Lets go of the handler object, which holds our client and so this task. Done on the
-    // executor because the caller may be inside one of the handler's own calls; with `stop`
-    // the handler is told stopLoading() first (it had not ended the load itself). Taking the
-    // handler under handlerMutex orders this after startLoading() has returned.
+    // Lets go of the handler object, which holds our client and so this task. Deferred because
+    // the caller may be inside one of the handler's own calls; with `stop` the handler is told
+    // stopLoading() first (it had not ended the load itself).
     void releaseHandler(bool stop) {
-        postFollowUp([self = shared_from_this(), stop] {
-            std::shared_ptr<URLProtocol> h;
-            {
-                std::lock_guard lock(self->handlerMutex);
-                h = std::move(self->handler);
-            }
-            if (!h || !stop) return;
-            try {
-                h->stopLoading();
-            } catch (...) {
-                printI("❌ A protocol handler's stopLoading threw", LogLevel::error);
-            }
-        });
+        DeliveryBatch::handOn(
+            {stop ? Deferred::Kind::stopAndReleaseHandler : Deferred::Kind::releaseHandler,
+             shared_from_this()});
     }
-};
 
-thread_local std::vector<std::function<void()>>* TaskCore::tDeliveries = nullptr;
-
-// Gathers the completions made while it lives and posts them as one executor task.
-class DeliveryBatch {
-  public:
-    DeliveryBatch() : previous_(TaskCore::tDeliveries) { TaskCore::tDeliveries = &items_; }
-    ~DeliveryBatch() {
-        TaskCore::tDeliveries = previous_;
-        flush();
-    }
-    DeliveryBatch(const DeliveryBatch&) = delete;
-    DeliveryBatch& operator=(const DeliveryBatch&) = delete;
-
-    void flush() {
-        if (items_.empty()) return;
-        if (items_.size() == 1) {
-            postFollowUp(std::move(items_.front()));
-        } else {
-            postFollowUp([items = std::move(items_)]() mutable {
-                for (auto& run : items) run();
-            });
+    // Taking the handler under handlerMutex orders this after startLoading() has returned.
+    void dropHandler(bool stop) {
+        std::shared_ptr<URLProtocol> h;
+        {
+            std::lock_guard lock(handlerMutex);
+            h = std::move(handler);
         }
-        items_ = {};
+        if (!h || !stop) return;
+        try {
+            h->stopLoading();
+        } catch (...) {
+            printI("❌ A protocol handler's stopLoading threw", LogLevel::error);
+        }
     }
-
-  private:
-    std::vector<std::function<void()>> items_;
-    std::vector<std::function<void()>>* previous_;
 };
+
+void Deferred::run() const {
+    switch (kind) {
+        case Kind::complete:
+            core->runCompletion();
+            break;
+        case Kind::releaseHandler:
+            core->dropHandler(false);
+            break;
+        case Kind::stopAndReleaseHandler:
+            core->dropHandler(true);
+            break;
+    }
+}
 
 // ---------------------------------------------------------------------------------------------
 // The loading machinery: one libcurl multi handle for every session of the process, driven
@@ -170,7 +243,16 @@ class DeliveryBatch {
 // task while the mutex is free does the work itself (setting up the transfer and sending the
 // request), so a request on an idle loop costs no thread hop on the way out. When the mutex is
 // busy the work is queued as a command and the loading thread is woken through an eventfd.
-// Completions are always posted to the executor, whichever thread finished the transfer.
+//
+// Completions made by the loading thread run on it, after it has let go of the mutex, when
+// no other transfer is held: a lone request then reaches its completion without waking another
+// thread. While other transfers are held they are posted to the executor, so no completion
+// delays them. A completion may still run long or wait (for a request it started, say), so a
+// second loading thread stands by: when one completion has run for a whole watch period it
+// takes the loop over, and the first thread becomes the stand-by once its completion returns.
+// The stand-by watches only while completions run on the loop; otherwise it sleeps without a
+// time-out. Completions made on other threads (a cancellation, a worker that found a transfer
+// finished) are posted to the executor.
 //
 // Transfers per origin (scheme, host, port) are capped at the connection limit; requests past
 // the cap wait in a queue of their own, holding no libcurl handle, and start in order as
@@ -189,6 +271,7 @@ class Loop {
         if (std::unique_lock lock = tryLock(); lock.owns_lock()) {
             start(core);
             settle();
+            passToOwner(batch);
             wakeIfSleepingTooLong();
             return;
         }
@@ -199,6 +282,7 @@ class Loop {
         if (std::unique_lock lock = tryLock(); lock.owns_lock()) {
             drop(core.get());
             settle();
+            passToOwner(batch);
             wakeIfSleepingTooLong();
             return;
         }
@@ -225,19 +309,27 @@ class Loop {
         return std::unique_lock<std::mutex>(mutex_, std::try_to_lock);
     }
     void push(Command c);
+    void passToOwner(DeliveryBatch& batch);
     void wake();
     void wakeIfSleepingTooLong();
 
+    void serve(bool owner);
     void run();
+    bool deliverHere(DeliveryBatch& deliveries);
+    void standBy();
     void settle();
     void start(const std::shared_ptr<TaskCore>& core);
     bool begin(const std::shared_ptr<TaskCore>& core);
     void slotFreed(const std::string& origin);
+    void hold(const std::shared_ptr<TaskCore>& core);
+    std::shared_ptr<TaskCore> unhold(TaskCore* core);
     void finish(TaskCore* core, CURLcode result);
     void drop(TaskCore* core);
     void checkIdle(Clock::time_point now);
     static void configureEasy(CURL* e);
     static bool usedOnce(TaskCore* core);
+    static curl_slist* expectOnly();
+    static void freeHeaderList(TaskCore& core);
     CURL* takeEasy();
     void returnEasy(CURL* easy, bool needsReset);
 
@@ -251,8 +343,17 @@ class Loop {
     static constexpr long kMaxConnectionsPerHost = 16;
     static constexpr std::size_t kMaxTransfersPerOrigin = kMaxConnectionsPerHost;
     static constexpr std::size_t kSpareEasyHandles = 32;
+    // Origins with nothing running kept with their (allocated) queues, for the next request.
+    static constexpr std::size_t kKeptIdleOrigins = 64;
     static constexpr auto kIdleScanInterval = std::chrono::milliseconds(5);
     static constexpr auto kLongestSleep = std::chrono::milliseconds(1000);
+    // How long one completion may keep the loading thread before the stand-by takes over (it
+    // looks once per period, so between one and two periods). Short, because a completion that
+    // waits for a request it started waits that long.
+    static constexpr auto kWatchPeriod = std::chrono::milliseconds(2);
+    // delivery_: completions run on the loop's owner so far, times 4, plus these flags.
+    static constexpr std::uint64_t kDelivering = 1;  // the owner is running completions
+    static constexpr std::uint64_t kTakenOver = 2;   // ... and the stand-by took the loop
 
     static thread_local bool tHoldsLoop;
 
@@ -265,16 +366,31 @@ class Loop {
 
     // Guarded by mutex_.
     std::mutex mutex_;
-    std::unordered_map<TaskCore*, std::shared_ptr<TaskCore>> tasks_;  // waiting or running
-    std::unordered_map<std::string, Origin> origins_;
+    TaskCore* held_ = nullptr;  // tasks waiting for a slot or transferring, linked through them
+    std::size_t heldCount_ = 0;
+    std::unordered_map<std::string, Origin> origins_;  // idle ones kept, up to kKeptIdleOrigins
     std::vector<CURL*> spare_;
     std::unordered_set<curl_socket_t> parked_;  // registered with epoll, not wanted by libcurl
     Clock::time_point nextIdleScan_{};
     Clock::time_point curlDeadline_ = Clock::time_point::max();
     bool sleeping_ = false;
     Clock::time_point sleepUntil_{};
+    std::vector<Deferred> handedOver_;  // completions made on other threads, for the owner
 
     std::atomic<std::size_t> activeCount_{0};
+    // The owner is in epoll_wait (or about to be); handedOver_ has work it has not taken yet.
+    // Sequentially consistent: an owner going to sleep and a thread handing work over never
+    // both miss each other.
+    std::atomic<bool> polling_{false};
+    std::atomic<bool> handedOverPending_{false};
+
+    // The hand-over between the two loading threads. Sequentially consistent throughout: the
+    // owner's "delivering" and the stand-by's "not watching" must never miss each other.
+    std::atomic<std::uint64_t> delivery_{0};
+    std::atomic<bool> standbyReady_{false};  // a thread is in standBy()
+    std::atomic<bool> watching_{false};      // ... and is looking at delivery_ each period
+    std::mutex standbyMutex_;
+    std::condition_variable standbyCv_;
 };
 
 thread_local bool Loop::tHoldsLoop = false;
@@ -423,7 +539,8 @@ Loop::Loop() {
     ev.events = EPOLLIN;
     ev.data.fd = wakeFd_;
     epoll_ctl(epoll_, EPOLL_CTL_ADD, wakeFd_, &ev);
-    std::thread([this] { run(); }).detach();
+    std::thread([this] { serve(true); }).detach();
+    std::thread([this] { serve(false); }).detach();
 }
 
 void Loop::push(Command c) {
@@ -435,6 +552,19 @@ void Loop::push(Command c) {
     }
     // One wake-up per batch: the loop takes the whole list at once.
     if (first) wake();
+}
+
+// Called under mutex_ by a thread that drove the loop itself and made completions there (a
+// transfer it started had already been answered). An application thread must not run them and
+// an executor worker runs them next anyway; otherwise they go to the loop's owner, which is
+// usually awake already (waiting for this thread's hold on the mutex), instead of waking a
+// worker.
+void Loop::passToOwner(DeliveryBatch& batch) {
+    if (batch.empty() || batch.nested() || globalExecutor().get_executor().running_in_this_thread())
+        return;
+    batch.moveTo(handedOver_);
+    handedOverPending_.store(true);
+    if (polling_.load()) wake();
 }
 
 void Loop::wake() {
@@ -495,7 +625,6 @@ void Loop::configureEasy(CURL* e) {
     curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
     curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &Loop::onWrite);
     curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &Loop::onHeader);
-    curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, &Loop::onProgress);
     curl_easy_setopt(e, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
     curl_easy_setopt(e, CURLOPT_USERAGENT, userAgent.c_str());
@@ -532,6 +661,17 @@ void Loop::returnEasy(CURL* easy, bool needsReset) {
     spare_.push_back(easy);
 }
 
+// The header list of a request that sets no fields of its own: made once for the process.
+curl_slist* Loop::expectOnly() {
+    static curl_slist* const list = curl_slist_append(nullptr, "Expect:");
+    return list;
+}
+
+void Loop::freeHeaderList(TaskCore& core) {
+    if (core.headerList != expectOnly()) curl_slist_free_all(core.headerList);
+    core.headerList = nullptr;
+}
+
 bool Loop::usedOnce(TaskCore* core) {
     if (!core->session->extraCAPEM.empty()) return true;
     long redirects = 0;
@@ -546,9 +686,7 @@ void Loop::start(const std::shared_ptr<TaskCore>& core) {
     core->idleTimeout = std::max<Clock::duration>(idle, std::chrono::milliseconds(1));
     core->lastActivity = Clock::now();
     nextIdleScan_ = std::min(nextIdleScan_, core->lastActivity + core->idleTimeout);
-    core->held = true;
-    tasks_.emplace(core.get(), core);
-    activeCount_.store(tasks_.size());
+    hold(core);
 
     Origin& origin = origins_[core->origin];
     if (origin.running >= kMaxTransfersPerOrigin) {
@@ -565,9 +703,7 @@ bool Loop::begin(const std::shared_ptr<TaskCore>& core) {
     const URLSessionConfiguration& cfg = core->session->configuration;
     const URLRequest& rq = core->request;
     auto fail = [&](const char* what) {
-        tasks_.erase(core.get());
-        activeCount_.store(tasks_.size());
-        core->held = false;
+        unhold(core.get());
         if (core->claim()) core->deliver({}, {}, URLError::make(URLErrorCode::unknown, what));
         return false;
     };
@@ -582,6 +718,9 @@ bool Loop::begin(const std::shared_ptr<TaskCore>& core) {
     curl_easy_setopt(e, CURLOPT_HEADERDATA, core.get());
     curl_easy_setopt(e, CURLOPT_XFERINFODATA, core.get());
     curl_easy_setopt(e, CURLOPT_ERRORBUFFER, core->errorBuffer);
+    // Received bytes count as activity in the write and header callbacks; the progress
+    // callback is only needed to see a request body going out.
+    curl_easy_setopt(e, CURLOPT_NOPROGRESS, rq.httpBody ? 0L : 1L);
     curl_easy_setopt(
         e, CURLOPT_TIMEOUT_MS,
         static_cast<long>(std::max<std::int64_t>(cfg.timeoutIntervalForResource.count(), 1)));
@@ -625,14 +764,16 @@ bool Loop::begin(const std::shared_ptr<TaskCore>& core) {
     }
     // No "Expect: 100-continue" round trip before large bodies.
     if (!rq.allHTTPHeaderFields.count(std::string_view("Expect"))) {
-        if (curl_slist* next = curl_slist_append(core->headerList, "Expect:"))
+        if (!core->headerList) {
+            core->headerList = expectOnly();  // shared, never freed
+        } else if (curl_slist* next = curl_slist_append(core->headerList, "Expect:")) {
             core->headerList = next;
+        }
     }
     curl_easy_setopt(e, CURLOPT_HTTPHEADER, core->headerList);
 
     if (curl_multi_add_handle(multi_, e) != CURLM_OK) {
-        curl_slist_free_all(core->headerList);
-        core->headerList = nullptr;
+        freeHeaderList(*core);
         core->easy = nullptr;
         returnEasy(e, true);
         return fail("add");
@@ -653,23 +794,46 @@ void Loop::slotFreed(const std::string& originKey) {
         ++origin.running;
         if (!begin(next)) --origin.running;
     }
-    if (origin.running == 0 && origin.waiting.empty()) origins_.erase(it);
+    if (origin.running == 0 && origin.waiting.empty() && origins_.size() > kKeptIdleOrigins) {
+        origins_.erase(it);
+    }
+}
+
+void Loop::hold(const std::shared_ptr<TaskCore>& core) {
+    core->held = true;
+    core->heldRef = core;
+    core->heldPrev = nullptr;
+    core->heldNext = held_;
+    if (held_) held_->heldPrev = core.get();
+    held_ = core.get();
+    activeCount_.store(++heldCount_);
+}
+
+// Takes a task out of the held list; returns the loop's reference to it (empty when it was not
+// held).
+std::shared_ptr<TaskCore> Loop::unhold(TaskCore* core) {
+    if (!core->held) return nullptr;
+    core->held = false;
+    if (core->heldPrev) {
+        core->heldPrev->heldNext = core->heldNext;
+    } else {
+        held_ = core->heldNext;
+    }
+    if (core->heldNext) core->heldNext->heldPrev = core->heldPrev;
+    core->heldPrev = core->heldNext = nullptr;
+    activeCount_.store(--heldCount_);
+    return std::move(core->heldRef);
 }
 
 void Loop::drop(TaskCore* core) {
-    auto it = tasks_.find(core);
-    if (it == tasks_.end()) return;
-    std::shared_ptr<TaskCore> keep = std::move(it->second);
-    tasks_.erase(it);
-    activeCount_.store(tasks_.size());
-    core->held = false;
+    std::shared_ptr<TaskCore> keep = unhold(core);
+    if (!keep) return;
     // A task still waiting for a slot stays in its origin's queue, which skips it.
     if (!core->easy) return;
     curl_multi_remove_handle(multi_, core->easy);
     returnEasy(core->easy, usedOnce(core));
     core->easy = nullptr;
-    curl_slist_free_all(core->headerList);
-    core->headerList = nullptr;
+    freeHeaderList(*core);
     slotFreed(core->origin);
 }
 
@@ -704,7 +868,7 @@ void Loop::checkIdle(Clock::time_point now) {
     // a scan can find anything (new transfers pull it earlier in start()).
     std::vector<TaskCore*> expired;
     Clock::time_point earliest = now + std::chrono::seconds(1);
-    for (auto& [core, _] : tasks_) {
+    for (TaskCore* core = held_; core; core = core->heldNext) {
         const auto deadline = core->lastActivity + core->idleTimeout;
         if (now > deadline) {
             expired.push_back(core);
@@ -742,6 +906,17 @@ void Loop::settle() {
     }
 }
 
+// Body of each of the two loading threads: the owner of the loop runs it, the other stands by,
+// and they change places when the stand-by takes over.
+void Loop::serve(bool owner) {
+    for (;;) {
+        if (!owner) standBy();
+        owner = false;
+        run();
+    }
+}
+
+// Drives the loop until another thread takes it over.
 void Loop::run() {
     std::vector<Command> batch;
     std::array<epoll_event, 64> events{};
@@ -751,19 +926,37 @@ void Loop::run() {
     for (;;) {
         auto now = Clock::now();
         const auto due = std::min({curlDeadline_, nextIdleScan_, now + kLongestSleep});
-        const int waitMs =
-            due <= now ? 0
-                       : static_cast<int>(
-                             std::chrono::ceil<std::chrono::milliseconds>(due - now).count());
         sleeping_ = true;
         sleepUntil_ = std::max(due, now);
+        // Completions run here only while no other transfer waits on the loop, and only while
+        // the other thread stands by to take over from a completion that does not return.
+        const bool alone = heldCount_ == 0;
         tHoldsLoop = false;
         lock.unlock();
-        deliveries.flush();
-        const int n = epoll_wait(epoll_, events.data(), static_cast<int>(events.size()), waitMs);
+        if (!deliveries.empty()) {
+            if (alone && standbyReady_.load()) {
+                if (!deliverHere(deliveries)) return;
+                now = Clock::now();
+            } else {
+                deliveries.flush();
+            }
+        }
+        const int waitMs =
+            due <= now
+                ? 0
+                : static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(due - now).count());
+        polling_.store(true);
+        const int n = epoll_wait(epoll_, events.data(), static_cast<int>(events.size()),
+                                 handedOverPending_.load() ? 0 : waitMs);
+        polling_.store(false);
         lock.lock();
         tHoldsLoop = true;
         sleeping_ = false;
+        if (handedOverPending_.load()) {
+            handedOverPending_.store(false);
+            for (auto& d : handedOver_) DeliveryBatch::handOn(std::move(d));
+            handedOver_.clear();
+        }
 
         for (int i = 0; i < n; ++i) {
             const int fd = events[i].data.fd;
@@ -798,6 +991,57 @@ void Loop::run() {
         batch.clear();
         settle();
         checkIdle(Clock::now());
+    }
+}
+
+// Runs the gathered completions on this thread, the loop's owner, with the mutex let go. False
+// when the stand-by took the loop over meanwhile: this thread then no longer owns it.
+bool Loop::deliverHere(DeliveryBatch& deliveries) {
+    const std::uint64_t begun = (((delivery_.load() >> 2) + 1) << 2) | kDelivering;
+    delivery_.store(begun);
+    if (!watching_.load()) {
+        std::lock_guard lock(standbyMutex_);
+        watching_.store(true);
+        standbyCv_.notify_one();
+    }
+    deliveries.runHere();
+    std::uint64_t expected = begun;
+    return delivery_.compare_exchange_strong(expected, begun & ~kDelivering);
+}
+
+// Waits until the loop's owner has been inside one round of completions for a whole watch
+// period, then takes the loop over. Between rounds of completions it sleeps without time-out.
+void Loop::standBy() {
+    std::unique_lock lock(standbyMutex_);
+    standbyReady_.store(true);
+    for (;;) {
+        standbyCv_.wait(lock, [&] { return watching_.load(); });
+        std::uint64_t seen = delivery_.load();
+        for (;;) {
+            standbyCv_.wait_for(lock, kWatchPeriod);
+            const std::uint64_t now = delivery_.load();
+            if (now != seen) {
+                seen = now;
+                continue;
+            }
+            if (now & kDelivering) {
+                std::uint64_t expected = now;
+                if (delivery_.compare_exchange_strong(expected,
+                                                      (now & ~kDelivering) | kTakenOver)) {
+                    standbyReady_.store(false);
+                    watching_.store(false);
+                    return;
+                }
+                seen = expected;
+                continue;
+            }
+            // No completion ran for a whole period: stop watching, unless one began while
+            // this thread was saying so (the owner then saw it still watching, and woke no one).
+            watching_.store(false);
+            if (delivery_.load() == seen) break;
+            watching_.store(true);
+            seen = delivery_.load();
+        }
     }
 }
 

@@ -54,8 +54,11 @@ struct KESTRO_API URLSessionConfiguration {
 /// completes with URLErrorCode::cancelled.
 ///
 /// Threads: every member may be called from any thread and returns at once. The completion
-/// runs on a worker of the global executor, never on the caller of resume() and never on the
-/// loading thread, so it may start other requests or wait without stalling other transfers.
+/// runs on one of the layer's two loading threads (a lone request, so that its result costs no
+/// further thread switch) or on a worker of the global executor; never inside resume() or
+/// cancel(), and never on a thread of the application. It may start other requests and may
+/// wait: a completion that keeps a loading thread for more than a few milliseconds hands the
+/// other transfers to the second loading thread, so they are never held up for longer.
 ///
 /// Ownership: a running task keeps itself alive until it has completed; the caller may drop
 /// its handle right after resume().
@@ -89,12 +92,12 @@ class KESTRO_API URLSessionDataTask {
 
 /// A source of data tasks with one configuration.
 ///
-/// Every session's transfers run on one shared loading thread (libcurl's multi interface):
-/// connections are kept alive and reused between transfers, HTTP/2 is used where the server
-/// offers it over TLS, HTTPS is verified against the system's trust store, and gzip / brotli
-/// bodies are decoded. The shared session consults the handler classes registered with
-/// URLProtocol::registerClass; a session made from a configuration consults only the classes
-/// listed in it.
+/// Every session's transfers run on one shared loop (libcurl's multi interface, driven by one
+/// of two loading threads at a time): connections are kept alive and reused between transfers,
+/// HTTP/2 is used where the server offers it over TLS, HTTPS is verified against the system's
+/// trust store, and gzip / brotli bodies are decoded. The shared session consults the handler
+/// classes registered with URLProtocol::registerClass; a session made from a configuration
+/// consults only the classes listed in it.
 ///
 /// A session is cheap to make and may be destroyed while its tasks run: they still complete.
 /// Thread safety: every member may be called from any thread.
@@ -117,7 +120,7 @@ class KESTRO_API URLSession {
     std::shared_ptr<URLSessionDataTask> dataTask(URLRequest request, CompletionHandler completion);
     std::shared_ptr<URLSessionDataTask> dataTask(std::string url, CompletionHandler completion);
 
-    /// Transfers currently held by the loading thread, for all sessions (diagnostics, tests).
+    /// Transfers currently held by the loop, for all sessions (diagnostics, tests).
     static std::size_t activeTransferCount();
 
   private:

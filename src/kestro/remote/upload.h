@@ -43,7 +43,8 @@ inline constexpr const char* kUploadNoDataDomain = "No Data";
 ///
 /// Returns at once: the request is built and sent from a worker of the global executor. A
 /// `urlString` that is not an absolute URL is dropped silently (no request, no completion).
-/// Otherwise the completion, if given, runs once, on a worker of the global executor, with:
+/// Otherwise the completion, if given, runs once, where a data task's completion runs (a
+/// loading thread of the URL layer or a worker of the global executor), with:
 /// the transport error if there was one; else failure("HTTPError", status, "Server responded
 /// with status code <status>") for a status outside 200–299 (the body is dropped); else
 /// success(body); else failure("No Data", 0). Nothing is printed, retried or remembered.
