@@ -100,14 +100,17 @@ class DeliveryBatch {
         }
     }
 
-    // Runs the work gathered so far on this thread, and then whatever that work hands on, until
-    // nothing is left. Each item runs after the one before it has returned.
+    // Runs the work gathered so far on this thread, one item after the other. While an item
+    // runs, no batch is open on this thread: work it makes (a request it started that finishes
+    // at once, a cancellation) goes elsewhere instead of queueing behind it, because the item
+    // may be waiting for exactly that work.
     void runHere() {
-        while (!items_.empty()) {
-            running_.swap(items_);
-            for (const auto& d : running_) d.run();
-            running_.clear();
-        }
+        DeliveryBatch* const open = tCurrent;
+        tCurrent = nullptr;
+        running_.swap(items_);
+        for (const auto& d : running_) d.run();
+        running_.clear();
+        tCurrent = open;
     }
 
   private:
