@@ -100,31 +100,41 @@ class DeliveryBatch {
         }
     }
 
-    // Runs the work gathered so far on this thread, one item after the other. While an item
-    // runs, no batch is open on this thread: work it makes (a request it started that finishes
-    // at once, a cancellation) goes elsewhere instead of queueing behind it, because the item
-    // may be waiting for exactly that work.
+    // Runs the work gathered so far on the loading thread, one item after the other. While an
+    // item runs, no batch is open on this thread and the work it makes (a handler's client
+    // completing the application's task, a request it started that was answered at once) goes
+    // to the loop's hand-over list instead of queueing behind it: the item may be waiting for
+    // exactly that work, and when it does, the thread that takes the loop over finds it there.
+    // When the item returns, this thread takes the list itself on its next round.
     void runHere() {
         DeliveryBatch* const open = tCurrent;
         tCurrent = nullptr;
+        tOnLoop = true;
         running_.swap(items_);
         for (const auto& d : running_) d.run();
         running_.clear();
+        tOnLoop = false;
         tCurrent = open;
     }
 
   private:
     static thread_local DeliveryBatch* tCurrent;
+    static thread_local bool tOnLoop;  // runHere() is running an item on this thread
     std::vector<Deferred> items_;
     std::vector<Deferred> running_;  // the round runHere() is running (kept for its capacity)
     DeliveryBatch* previous_;
 };
 
 thread_local DeliveryBatch* DeliveryBatch::tCurrent = nullptr;
+thread_local bool DeliveryBatch::tOnLoop = false;
+
+void handOverToLoop(Deferred d);
 
 void DeliveryBatch::handOn(Deferred d) {
     if (tCurrent) {
         tCurrent->items_.push_back(std::move(d));
+    } else if (tOnLoop) {
+        handOverToLoop(std::move(d));
     } else {
         postFollowUp([d = std::move(d)] { d.run(); });
     }
@@ -292,6 +302,7 @@ class Loop {
         push({Command::cancel, std::move(core)});
     }
     std::size_t activeCount() const { return activeCount_.load(); }
+    void handOver(Deferred d);
 
   private:
     struct Command {
@@ -569,6 +580,17 @@ void Loop::passToOwner(DeliveryBatch& batch) {
     handedOverPending_.store(true);
     if (polling_.load()) wake();
 }
+
+// Work made by a completion that runs on the loading thread, with the loop's mutex let go (any
+// call that takes the mutex opens a batch of its own first, so none gets here holding it).
+void Loop::handOver(Deferred d) {
+    std::lock_guard lock(mutex_);
+    handedOver_.push_back(std::move(d));
+    handedOverPending_.store(true);
+    if (polling_.load()) wake();
+}
+
+void handOverToLoop(Deferred d) { Loop::instance().handOver(std::move(d)); }
 
 void Loop::wake() {
     const std::uint64_t one = 1;
