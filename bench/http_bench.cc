@@ -8,8 +8,6 @@
 // The SDK's console lines go to /dev/null; the report goes to standard error.
 
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <boost/json/serialize.hpp>
@@ -197,15 +195,9 @@ double pendingUploadsMemoryMiB() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int report = dup(STDOUT_FILENO);
-    const int null = open("/dev/null", O_WRONLY);
-    dup2(null, STDOUT_FILENO);
-
-    benchmark::Initialize(&argc, argv);
+    kestro::bench::QuietStdout quiet;
     kestro::bench::CollectingReporter reporter;
-    reporter.SetOutputStream(&std::cerr);
-    reporter.SetErrorStream(&std::cerr);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
+    kestro::bench::runBenchmarks(argc, argv, reporter);
 
     auto speed = [&](const char* candidate, const char* baseline) {
         const double t = reporter.time(candidate);
@@ -213,8 +205,7 @@ int main(int argc, char** argv) {
     };
     const double pendingMiB = pendingUploadsMemoryMiB();
     // The summary lines go to the real standard output again.
-    std::fflush(stdout);
-    dup2(report, STDOUT_FILENO);
+    quiet.restore();
     std::printf("\n");
     kestro::bench::printRatio("sendToServer 1 KB / raw curl multi, 16 in flight (throughput)",
                               speed("BM_SendToServer1KB", "BM_RawCurlMulti16InFlight"), ">= 0.8");

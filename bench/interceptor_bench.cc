@@ -11,8 +11,6 @@
 // console lines go to /dev/null; the report goes to standard error.
 
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -237,28 +235,18 @@ BENCHMARK(BM_NaiveRegexPerRuleLookup100Rules)->Unit(benchmark::kMicrosecond)->Re
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int report = dup(STDOUT_FILENO);
-    const int null = open("/dev/null", O_WRONLY);
-    dup2(null, STDOUT_FILENO);
-
+    kestro::bench::QuietStdout quiet;
     // Repetitions of the pairs run interleaved, so a change in the machine's load falls on
     // both sides of a ratio alike.
-    std::vector<char*> args(argv, argv + argc);
-    std::string interleave = "--benchmark_enable_random_interleaving=true";
-    args.insert(args.begin() + 1, interleave.data());
-    int count = static_cast<int>(args.size());
-    benchmark::Initialize(&count, args.data());
     kestro::bench::CollectingReporter reporter;
-    reporter.SetOutputStream(&std::cerr);
-    reporter.SetErrorStream(&std::cerr);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
+    kestro::bench::runBenchmarks(argc, argv, reporter,
+                                 {"--benchmark_enable_random_interleaving=true"});
 
     auto ratio = [&](const char* numerator, const char* denominator) {
         const double d = reporter.time(denominator);
         return d > 0 ? reporter.time(numerator) / d : 0.0;
     };
-    std::fflush(stdout);
-    dup2(report, STDOUT_FILENO);
+    quiet.restore();
     std::printf("\n");
     kestro::bench::printRatio("capture on / off, one at a time (median latency)",
                               ratio("BM_CaptureOnOneAtATime", "BM_CaptureOffOneAtATime"),

@@ -8,9 +8,7 @@
 // The SDK's console lines go to /dev/null; the report goes to standard output at the end.
 
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <boost/json.hpp>
@@ -150,15 +148,9 @@ double memoryAfterCapturedItemsMiB(int items) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int report = dup(STDOUT_FILENO);
-    const int null = open("/dev/null", O_WRONLY);
-    dup2(null, STDOUT_FILENO);
-
-    benchmark::Initialize(&argc, argv);
+    kestro::bench::QuietStdout quiet;
     kestro::bench::CollectingReporter reporter;
-    reporter.SetOutputStream(&std::cerr);
-    reporter.SetErrorStream(&std::cerr);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
+    kestro::bench::runBenchmarks(argc, argv, reporter);
 
     const double tPipeline = reporter.time("BM_LogEventThroughPipeline");
     const double tUpload = reporter.time("BM_SendToServerAlone");
@@ -166,8 +158,7 @@ int main(int argc, char** argv) {
     const double memoryMiB = memoryAfterCapturedItemsMiB(100000);
     const std::size_t stored = RequestStoreSQLite::shared().requests().size() - storedBefore;
 
-    std::fflush(stdout);
-    dup2(report, STDOUT_FILENO);
+    quiet.restore();
     std::printf("\n");
     kestro::bench::printRatio("logEvent -> store + upload / sendToServer alone (items/s)",
                               tPipeline > 0 ? tUpload / tPipeline : 0.0, "reported");

@@ -4,8 +4,11 @@
 // iteration, and prints "ratio" lines comparing a candidate with its baseline from the same run.
 
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <iostream>
 #include <map>
 #include <string>
 #include <vector>
@@ -47,6 +50,46 @@ private:
     std::map<std::string, double> cpuTimes_;
     std::map<std::string, double> counters_;
 };
+
+/// Sends standard output to /dev/null while the benchmarks run (the code under test writes its
+/// console lines there), and gives it back for the summary.
+class QuietStdout {
+public:
+    QuietStdout() : saved_(dup(STDOUT_FILENO)) {
+        const int null = open("/dev/null", O_WRONLY);
+        if (null >= 0) {
+            dup2(null, STDOUT_FILENO);
+            close(null);
+        }
+    }
+    QuietStdout(const QuietStdout&) = delete;
+    QuietStdout& operator=(const QuietStdout&) = delete;
+    ~QuietStdout() { restore(); }
+
+    void restore() {
+        if (saved_ < 0) return;
+        std::fflush(stdout);
+        dup2(saved_, STDOUT_FILENO);
+        close(saved_);
+        saved_ = -1;
+    }
+
+private:
+    int saved_;
+};
+
+/// Runs the registered benchmarks selected by the command line, with `extraFlags` put before
+/// the caller's own (which may override them); their report goes to standard error.
+inline void runBenchmarks(int argc, char** argv, CollectingReporter& reporter,
+                          std::vector<std::string> extraFlags = {}) {
+    std::vector<char*> args(argv, argv + argc);
+    for (auto& flag : extraFlags) args.insert(args.begin() + 1, flag.data());
+    int count = static_cast<int>(args.size());
+    ::benchmark::Initialize(&count, args.data());
+    reporter.SetOutputStream(&std::cerr);
+    reporter.SetErrorStream(&std::cerr);
+    ::benchmark::RunSpecifiedBenchmarks(&reporter);
+}
 
 /// Prints one summary line: candidate time / baseline time, with the target it is held to.
 inline void printRatio(const char* what, double ratio, const char* target) {

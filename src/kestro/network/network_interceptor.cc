@@ -280,25 +280,32 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
             client->didReceiveResponse(*handler, response, URLCacheStoragePolicy::notAllowed);
             client->didLoadData(*handler, body);
 
-            InterceptedResponse reported;
-            reported.statusCode = status;
-            reported.headers = NetworkInterceptorRequest::headersToMap(headers);
+            auto reportedHeaders = NetworkInterceptorRequest::headersToMap(headers);
             // Told apart in the captured record only; the application never sees it.
-            for (auto it = reported.headers.begin(); it != reported.headers.end();) {
+            for (auto it = reportedHeaders.begin(); it != reportedHeaders.end();) {
                 it = canonicalHeaderName(it->first) == "Kestro-Intercepted"
-                         ? reported.headers.erase(it)
+                         ? reportedHeaders.erase(it)
                          : std::next(it);
             }
-            reported.headers["Kestro-Intercepted"] = "true";
-            reported.body = body;
-            reported.receivedAt = std::chrono::system_clock::now();
-            InterceptedRequestWrapper wrapper;
-            wrapper.response = std::move(reported);
-            wrapper.requestId = requestId;
-            state->report(wrapper);
+            reportedHeaders["Kestro-Intercepted"] = "true";
+            reportResponse(status, std::move(reportedHeaders), body);
         }
         client->didFinishLoading(*handler);
         ended();
+    }
+
+    // The completion report of this request, under the id of its start report.
+    void reportResponse(std::int64_t statusCode, std::map<std::string, std::string> headers,
+                        std::string body) {
+        InterceptedResponse reported;
+        reported.statusCode = statusCode;
+        reported.headers = std::move(headers);
+        reported.body = std::move(body);
+        reported.receivedAt = std::chrono::system_clock::now();
+        InterceptedRequestWrapper wrapper;
+        wrapper.response = std::move(reported);
+        wrapper.requestId = requestId;
+        state->report(wrapper);
     }
 
     void load() {
@@ -339,15 +346,9 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
             const std::string contentType =
                 type == response->allHeaderFields.end() ? "" : lowercased(type->second);
 
-            InterceptedResponse reported;
-            reported.statusCode = response->statusCode;
-            reported.headers = NetworkInterceptorRequest::headersToMap(response->allHeaderFields);
-            reported.body = capturedBodyText(*data, contentType);
-            reported.receivedAt = std::chrono::system_clock::now();
-            InterceptedRequestWrapper wrapper;
-            wrapper.response = std::move(reported);
-            wrapper.requestId = requestId;
-            state->report(wrapper);
+            reportResponse(response->statusCode,
+                           NetworkInterceptorRequest::headersToMap(response->allHeaderFields),
+                           capturedBodyText(*data, contentType));
         }
         client->didFinishLoading(*handler);
         ended();
