@@ -121,6 +121,9 @@ struct Capture {
     std::condition_variable roomCv;
     std::atomic<int> waitingForRoom{0};
 
+    // The drainer's pause between rounds; used by the one drainer there is at a time.
+    boost::asio::steady_timer lingerTimer{globalExecutor()};
+
     // flush() waits here for the drainer to go idle.
     std::mutex idleMutex;
     std::condition_variable idleCv;
@@ -133,9 +136,11 @@ Capture& capture() {
 }
 
 std::atomic<std::int64_t> gRoomWaitMs{100};
-// How long an idle drainer keeps looking for new records before it gives its worker back.
-// A steady stream of log calls then never pays for waking a thread.
-constexpr auto kLinger = std::chrono::microseconds(50);
+// After a round that delivered records, the drainer looks again this much later, on a timer,
+// holding no worker meanwhile; only a round that finds nothing ends the draining. A steady
+// stream of log calls then never pays for waking a thread, and is delivered in bursts instead
+// of by a drainer polling the ring beside the caller (which slowed the caller's own core).
+constexpr auto kLinger = std::chrono::microseconds(250);
 constexpr std::size_t kDrainBatch = 256;
 
 void scheduleDrain(Capture& c);
@@ -198,13 +203,6 @@ void drain(Capture& c) {
             if (++done == kDrainBatch) break;  // let other executor work interleave
         }
         reportDrops(c);
-        if (c.queue.front() == nullptr && done < kDrainBatch) {
-            const auto until = std::chrono::steady_clock::now() + kLinger;
-            while (c.queue.front() == nullptr && std::chrono::steady_clock::now() < until) {
-                for (int spin = 0; spin < 32 && c.queue.front() == nullptr; ++spin)
-                    __builtin_ia32_pause();
-            }
-        }
         if (c.queue.front() != nullptr) {
             if (done == kDrainBatch) {
                 // Yield the worker and continue in a fresh task.
@@ -212,6 +210,12 @@ void drain(Capture& c) {
                 return;
             }
             continue;
+        }
+        if (done > 0) {
+            // Still draining (log calls post nothing meanwhile): look again after a pause.
+            c.lingerTimer.expires_after(kLinger);
+            c.lingerTimer.async_wait([&c](const boost::system::error_code&) { drain(c); });
+            return;
         }
         c.draining.store(false, std::memory_order_seq_cst);
         // A producer may have published after we saw the queue empty and before we cleared
