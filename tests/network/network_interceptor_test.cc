@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kestro/core/console.h"
@@ -231,6 +233,48 @@ TEST_F(NetworkInterceptorTest, MockRulesAnswerWithoutTheNetwork) {
     ASSERT_FALSE(empty.error) << empty.summary();
     EXPECT_EQ(empty.status, 200);
     EXPECT_EQ(empty.body, "");
+    EXPECT_EQ(server.requestCount(), 0u);
+}
+
+// A mock answers inside the start of the request, before its start report has been made: the
+// response report of every request still comes after its start report.
+TEST_F(NetworkInterceptorTest, EachRequestsStartReportPrecedesItsResponseReport) {
+    HttpServer server;
+    Capture capture;
+    MockCacheEntry rule;
+    rule.url = server.url("/fast/*");
+    rule.body = "ok";
+    capture.cache->addToMockCache(rule.url, rule);
+
+    constexpr int kThreads = 4;
+    constexpr int kPerThread = 50;
+    Recorder<bool> answered;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kPerThread; ++i) {
+                http::get(server.url("/fast/" + std::to_string(t) + "-" + std::to_string(i)),
+                          [&](http::Result r) { answered.add(r.ok() && r.body == "ok"); });
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    ASSERT_TRUE(answered.waitFor(kThreads * kPerThread));
+    ASSERT_TRUE(capture.reports.waitFor(2 * kThreads * kPerThread));
+    for (bool ok : answered.values()) EXPECT_TRUE(ok);
+
+    std::map<std::string, int> seen;  // id -> reports so far
+    for (const auto& report : capture.reports.values()) {
+        ASSERT_TRUE(report.requestId);
+        int& count = seen[report.requestId->string()];
+        if (count == 0) {
+            EXPECT_TRUE(report.request && !report.response) << "a response report came first";
+        } else {
+            EXPECT_TRUE(report.response && !report.request) << "a second start report";
+        }
+        ++count;
+    }
+    EXPECT_EQ(seen.size(), static_cast<std::size_t>(kThreads * kPerThread));
     EXPECT_EQ(server.requestCount(), 0u);
 }
 

@@ -2,9 +2,11 @@
 
 #include <boost/url/parse.hpp>
 #include <mutex>
+#include <optional>
 #include <typeindex>
 
 #include "kestro/core/console.h"
+#include "kestro/core/executor.h"
 #include "kestro/core/uuid.h"
 #include "kestro/network/body_text.h"
 #include "kestro/network/snapshot.h"
@@ -93,6 +95,9 @@ class InterceptorProtocolClass final : public URLProtocolClass {
                                                            std::move(state));
     }
     std::type_index identity() const override { return typeid(NetworkInterceptorRequest); }
+    // The handler's start builds the forwarded copy, looks up the rules and starts the private
+    // load; the capture handler is never called on the resuming thread (see reportStart()).
+    bool startsOnCallingThread() const override { return true; }
 
   private:
     std::weak_ptr<NetworkInterceptor::State> state_;
@@ -177,6 +182,9 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
     bool stopped = false;
     BreakpointGate::Ticket ticket;
     std::shared_ptr<URLSessionDataTask> task;
+    // The start report has been posted and not yet made; a response report waits for it.
+    bool startReportPending = false;
+    std::optional<InterceptedRequestWrapper> responseReportWaiting;
 
     // The handler while the request is still going, else null.
     std::shared_ptr<URLProtocol> current() {
@@ -212,7 +220,7 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
         reported.headers = NetworkInterceptorRequest::headersToMap(copy.allHTTPHeaderFields);
         started.request = InterceptedRequest{std::move(reported), std::chrono::system_clock::now()};
         started.requestId = requestId;
-        state->report(started);
+        reportStart(std::move(started));
 
         if (!state->breakPointEnabled.load()) return afterBreakpoint();
 
@@ -294,6 +302,27 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
         ended();
     }
 
+    // The start report is made on a worker: the request may have been started on the
+    // application's thread, and the capture handler may store the report. A response report
+    // that comes first waits for it, so the two always arrive in order.
+    void reportStart(InterceptedRequestWrapper started) {
+        {
+            std::lock_guard lock(mutex);
+            startReportPending = true;
+        }
+        postTask([self = shared_from_this(), started = std::move(started)] {
+            self->state->report(started);
+            std::optional<InterceptedRequestWrapper> next;
+            {
+                std::lock_guard lock(self->mutex);
+                self->startReportPending = false;
+                next = std::move(self->responseReportWaiting);
+                self->responseReportWaiting.reset();
+            }
+            if (next) self->state->report(*next);
+        });
+    }
+
     // The completion report of this request, under the id of its start report.
     void reportResponse(std::int64_t statusCode, std::map<std::string, std::string> headers,
                         std::string body) {
@@ -305,6 +334,13 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
         InterceptedRequestWrapper wrapper;
         wrapper.response = std::move(reported);
         wrapper.requestId = requestId;
+        {
+            std::lock_guard lock(mutex);
+            if (startReportPending) {
+                responseReportWaiting = std::move(wrapper);
+                return;
+            }
+        }
         state->report(wrapper);
     }
 

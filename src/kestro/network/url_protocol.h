@@ -46,8 +46,9 @@ class KESTRO_API URLProtocolClient {
 class KESTRO_API URLProtocolClass {
   public:
     virtual ~URLProtocolClass() = default;
-    /// Whether the class takes over this request. Called on a worker of the global executor;
-    /// must be quick and must not block.
+    /// Whether the class takes over this request. Called on a worker of the global executor
+    /// (on the resuming thread when startsOnCallingThread() allows); must be quick and must
+    /// not block.
     virtual bool canInit(const URLRequest& request) const = 0;
     /// The form of the request that the handler object is made with.
     virtual URLRequest canonicalRequest(const URLRequest& request) const = 0;
@@ -55,6 +56,11 @@ class KESTRO_API URLProtocolClass {
         const URLRequest& request, std::shared_ptr<URLProtocolClient> client) const = 0;
     /// Identity of the class in the registry: registering an equal identity again replaces it.
     virtual std::type_index identity() const = 0;
+    /// True when canInit(), create() and the handler's startLoading() are quick, never block
+    /// and never call code of the application: requests are then offered to the class on the
+    /// thread that resumes them, saving a thread hop. When any class a session consults says
+    /// false, every class is consulted on a worker of the global executor.
+    virtual bool startsOnCallingThread() const { return false; }
 
     /// The one class object of a URLProtocol subclass T. T provides
     ///   static bool canInit(const URLRequest&);
@@ -69,8 +75,9 @@ class KESTRO_API URLProtocolClass {
 /// calls startLoading() once and, if the task is cancelled before the handler ended it,
 /// stopLoading() once.
 ///
-/// Threads: startLoading() and stopLoading() are called on workers of the global executor and
-/// must return promptly. A handler that waits (for a breakpoint, for its own network load)
+/// Threads: startLoading() and stopLoading() are called on workers of the global executor (or
+/// startLoading() on the resuming thread, for classes whose startsOnCallingThread() is true)
+/// and must return promptly. A handler that waits (for a breakpoint, for its own network load)
 /// does so asynchronously and reports to client() later from whatever thread it is on; it
 /// keeps itself alive meanwhile with shared_from_this().
 ///

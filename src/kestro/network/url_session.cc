@@ -1244,6 +1244,12 @@ void URLSessionDataTask::resume() {
         network::internal::Loop::instance().add(core_);
         return;
     }
+    const bool quick = std::all_of(classes->begin(), classes->end(),
+                                   [](const auto& cls) { return cls->startsOnCallingThread(); });
+    if (quick) {
+        network::internal::startWithHandlers(core_, *classes);
+        return;
+    }
     postTask([core = core_, classes = std::move(classes)] {
         network::internal::startWithHandlers(core, *classes);
     });
