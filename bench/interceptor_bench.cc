@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "bench/baselines.h"
+#include "bench/counting_server.h"
 #include "bench/ratio.h"
 #include "kestro/network/network_interceptor.h"
 #include "kestro/network/url_session.h"
@@ -39,7 +40,7 @@ constexpr int kRequestsPerBurst = 1000;
 constexpr int kRules = 100;
 
 test::HttpServer& jsonServer() {
-    static test::HttpServer server([](const test::ReceivedRequest&) {
+    static test::HttpServer& server = bench::countingServer([](const test::ReceivedRequest&) {
         std::string body = R"({"items":[)";
         while (body.size() < 1000) body += R"({"id":12345,"name":"abcdefghij"},)";
         body.back() = ']';

@@ -169,13 +169,16 @@ struct HttpServer::Impl {
     mutable std::mutex mutex;
     mutable std::condition_variable arrived;
     std::vector<ReceivedRequest> received;
+    std::size_t count = 0;
+    bool keep = true;
     Handler handler;
 
     HttpReply answer(const ReceivedRequest& request) {
         Handler h;
         {
             std::lock_guard lock(mutex);
-            received.push_back(request);
+            if (keep) received.push_back(request);
+            ++count;
             h = handler;
         }
         arrived.notify_all();
@@ -372,12 +375,17 @@ std::vector<ReceivedRequest> HttpServer::requests() const {
 
 std::size_t HttpServer::requestCount() const {
     std::lock_guard lock(impl_->mutex);
-    return impl_->received.size();
+    return impl_->count;
+}
+
+void HttpServer::keepRequests(bool keep) {
+    std::lock_guard lock(impl_->mutex);
+    impl_->keep = keep;
 }
 
 bool HttpServer::waitForRequests(std::size_t n, std::chrono::milliseconds timeout) const {
     std::unique_lock lock(impl_->mutex);
-    return impl_->arrived.wait_for(lock, timeout, [&] { return impl_->received.size() >= n; });
+    return impl_->arrived.wait_for(lock, timeout, [&] { return impl_->count >= n; });
 }
 
 }  // namespace kestro::test

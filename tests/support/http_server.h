@@ -108,8 +108,13 @@ class HttpServer {
     /// The PEM of the server's certificate (https only; empty for http).
     const std::string& certificatePem() const { return certificatePem_; }
 
+    /// The requests received while they were being kept (the default), oldest first.
     std::vector<ReceivedRequest> requests() const;
+    /// Every request received, kept or not.
     std::size_t requestCount() const;
+    /// Benchmarks that send many requests only count them: a server that keeps each one grows
+    /// without bound and spends its time copying them.
+    void keepRequests(bool keep);
     /// Connections accepted so far.
     std::size_t connectionCount() const { return connections_.load(); }
     /// Waits until at least n requests were received or the deadline passes.
