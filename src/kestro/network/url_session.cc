@@ -78,8 +78,6 @@ class DeliveryBatch {
     static void handOn(Deferred d);
 
     bool empty() const { return items_.empty(); }
-    // Opened inside another batch of this thread (whose owner will deal with the work).
-    bool nested() const { return previous_ != nullptr; }
     void moveTo(std::vector<Deferred>& out) {
         for (auto& d : items_) out.push_back(std::move(d));
         items_.clear();
@@ -282,10 +280,12 @@ class Loop {
     void add(std::shared_ptr<TaskCore> core) {
         DeliveryBatch batch;
         if (std::unique_lock lock = tryLock(); lock.owns_lock()) {
+            tHoldsLoop = true;
             start(core);
             settle();
             passToOwner(batch);
             wakeIfSleepingTooLong();
+            tHoldsLoop = false;
             return;
         }
         push({Command::add, std::move(core)});
@@ -293,10 +293,12 @@ class Loop {
     void cancel(std::shared_ptr<TaskCore> core) {
         DeliveryBatch batch;
         if (std::unique_lock lock = tryLock(); lock.owns_lock()) {
+            tHoldsLoop = true;
             drop(core.get());
             settle();
             passToOwner(batch);
             wakeIfSleepingTooLong();
+            tHoldsLoop = false;
             return;
         }
         push({Command::cancel, std::move(core)});
@@ -324,6 +326,7 @@ class Loop {
     }
     void push(Command c);
     void passToOwner(DeliveryBatch& batch);
+    void ownerHasWork();
     void wake();
     void wakeIfSleepingTooLong();
 
@@ -365,9 +368,9 @@ class Loop {
     // looks once per period, so between one and two periods). Short, because a completion that
     // waits for a request it started waits that long.
     static constexpr auto kWatchPeriod = std::chrono::milliseconds(2);
-    // delivery_: completions run on the loop's owner so far, times 4, plus these flags.
-    static constexpr std::uint64_t kDelivering = 1;  // the owner is running completions
-    static constexpr std::uint64_t kTakenOver = 2;   // ... and the stand-by took the loop
+    // delivery_: rounds of completions run on the loop's owner so far, times 2, plus this
+    // flag while the owner is inside one. The stand-by takes the loop by clearing the flag.
+    static constexpr std::uint64_t kDelivering = 1;
 
     static thread_local bool tHoldsLoop;
 
@@ -574,11 +577,9 @@ void Loop::push(Command c) {
 // usually awake already (waiting for this thread's hold on the mutex), instead of waking a
 // worker.
 void Loop::passToOwner(DeliveryBatch& batch) {
-    if (batch.empty() || batch.nested() || globalExecutor().get_executor().running_in_this_thread())
-        return;
+    if (batch.empty() || globalExecutor().get_executor().running_in_this_thread()) return;
     batch.moveTo(handedOver_);
-    handedOverPending_.store(true);
-    if (polling_.load()) wake();
+    ownerHasWork();
 }
 
 // Work made by a completion that runs on the loading thread, with the loop's mutex let go (any
@@ -586,6 +587,12 @@ void Loop::passToOwner(DeliveryBatch& batch) {
 void Loop::handOver(Deferred d) {
     std::lock_guard lock(mutex_);
     handedOver_.push_back(std::move(d));
+    ownerHasWork();
+}
+
+// Under mutex_, after adding to handedOver_: the owner takes the list on its next round, at
+// once if it is waiting in epoll_wait.
+void Loop::ownerHasWork() {
     handedOverPending_.store(true);
     if (polling_.load()) wake();
 }
@@ -1022,7 +1029,7 @@ void Loop::run() {
 // Runs the gathered completions on this thread, the loop's owner, with the mutex let go. False
 // when the stand-by took the loop over meanwhile: this thread then no longer owns it.
 bool Loop::deliverHere(DeliveryBatch& deliveries) {
-    const std::uint64_t begun = (((delivery_.load() >> 2) + 1) << 2) | kDelivering;
+    const std::uint64_t begun = ((delivery_.load() & ~kDelivering) + 2) | kDelivering;
     delivery_.store(begun);
     if (!watching_.load()) {
         std::lock_guard lock(standbyMutex_);
@@ -1051,8 +1058,7 @@ void Loop::standBy() {
             }
             if (now & kDelivering) {
                 std::uint64_t expected = now;
-                if (delivery_.compare_exchange_strong(expected,
-                                                      (now & ~kDelivering) | kTakenOver)) {
+                if (delivery_.compare_exchange_strong(expected, now & ~kDelivering)) {
                     standbyReady_.store(false);
                     watching_.store(false);
                     return;
