@@ -400,35 +400,33 @@ class KESTRO_API AttributedText {
 
 namespace jsonview::internal {
 
+// The first and the last sizeof(Block) bytes of n (sizeof(Block) <= n <= 2 * sizeof(Block)),
+// which may overlap, as two fixed-size loads and stores.
+template <typename Block>
+inline void copyEnds(char* to, const char* from, std::size_t n) {
+    Block head, tail;
+    std::memcpy(&head, from, sizeof head);
+    std::memcpy(&tail, from + n - sizeof tail, sizeof tail);
+    std::memcpy(to, &head, sizeof head);
+    std::memcpy(to + n - sizeof tail, &tail, sizeof tail);
+}
+
 /// Copies n bytes; short pieces (a quote, a comma, a short number) in place rather than through
 /// a call.
 inline void copyBytes(char* to, const char* from, std::size_t n) {
+    struct Block16 {
+        char bytes[16];
+    };
     if (n > 32) {
         std::memcpy(to, from, n);
-    } else if (n > 16) {  // two blocks of 16 that may overlap
-        char head[16], tail[16];
-        std::memcpy(head, from, 16);
-        std::memcpy(tail, from + n - 16, 16);
-        std::memcpy(to, head, 16);
-        std::memcpy(to + n - 16, tail, 16);
-    } else if (n >= 8) {  // two words that may overlap
-        std::uint64_t head, tail;
-        std::memcpy(&head, from, 8);
-        std::memcpy(&tail, from + n - 8, 8);
-        std::memcpy(to, &head, 8);
-        std::memcpy(to + n - 8, &tail, 8);
+    } else if (n > 16) {
+        copyEnds<Block16>(to, from, n);
+    } else if (n >= 8) {
+        copyEnds<std::uint64_t>(to, from, n);
     } else if (n >= 4) {
-        std::uint32_t head, tail;
-        std::memcpy(&head, from, 4);
-        std::memcpy(&tail, from + n - 4, 4);
-        std::memcpy(to, &head, 4);
-        std::memcpy(to + n - 4, &tail, 4);
+        copyEnds<std::uint32_t>(to, from, n);
     } else if (n >= 2) {
-        std::uint16_t head, tail;
-        std::memcpy(&head, from, 2);
-        std::memcpy(&tail, from + n - 2, 2);
-        std::memcpy(to, &head, 2);
-        std::memcpy(to + n - 2, &tail, 2);
+        copyEnds<std::uint16_t>(to, from, n);
     } else if (n == 1) {
         *to = *from;
     }
