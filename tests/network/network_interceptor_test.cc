@@ -401,7 +401,7 @@ TEST_F(NetworkInterceptorTest, StoppingLetsNewRequestsThroughUnreported) {
     ASSERT_TRUE(capture->reports.waitFor(2));
     capture->interceptor.stopIntercepting();
     EXPECT_FALSE(capture->interceptor.isIntercepting());
-    EXPECT_FALSE(capture->interceptor.callback());
+    EXPECT_FALSE(capture->interceptor.hasCallback());
 
     ASSERT_FALSE(fetch(server.url("/b")).error);
     EXPECT_EQ(capture->reports.size(), 2u);

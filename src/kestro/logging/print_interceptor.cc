@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kestro/core/console.h"
+#include "kestro/core/handler_slot.h"
 #include "kestro/core/executor.h"
 #include "kestro/core/time_text.h"
 #include "kestro/core/uuid.h"
@@ -105,8 +106,8 @@ private:
 
 struct Capture {
     CaptureQueue queue;
-    std::atomic<std::shared_ptr<const PrintInterceptor::Handler>> handler;
-    // Whether a handler is installed, for the caller's cheap check (the shared_ptr slot is
+    HandlerSlot<PrintInterceptor::Handler> handler;
+    // Whether a handler is installed, for the log call's cheap check (the handler slot is
     // read only by the drainer).
     std::atomic<bool> installed{false};
     std::atomic<bool> draining{false};
@@ -163,13 +164,8 @@ RequestTypeLog buildRecord(PendingLog& p) {
 }
 
 void deliver(Capture& c, const RequestTypeLog& record) {
-    // The slot is read per record; the local reference keeps the handler alive while it runs
-    // even if stopIntercepting() clears the slot meanwhile.
-    std::shared_ptr<const PrintInterceptor::Handler> handler = c.handler.load();
-    if (!handler || !*handler) return;
     try {
-        (*handler)(record);
-        c.delivered.fetch_add(1, std::memory_order_relaxed);
+        if (c.handler.call(record)) c.delivered.fetch_add(1, std::memory_order_relaxed);
     } catch (const std::exception& e) {
         printI(std::string("❌ The log handler threw: ") + e.what(), LogLevel::error);
     } catch (...) {
@@ -316,13 +312,13 @@ void PrintInterceptor::reportFormatFailure(const LogCall& call, const char* what
 
 void PrintInterceptor::startIntercepting(Handler handler) {
     const bool any = static_cast<bool>(handler);
-    capture().handler.store(any ? std::make_shared<const Handler>(std::move(handler)) : nullptr);
+    capture().handler.store(std::move(handler));
     capture().installed.store(any, std::memory_order_release);
 }
 
 void PrintInterceptor::stopIntercepting() {
-    capture().handler.store(nullptr);
     capture().installed.store(false, std::memory_order_release);
+    capture().handler.store(nullptr);
 }
 
 bool PrintInterceptor::isIntercepting() { return capture().installed.load(); }

@@ -87,9 +87,11 @@ public:
         }
     }
 
-    /// Installs the handler, replacing any earlier one.
+    /// Installs the handler, replacing any earlier one. Once this returns, the earlier one is
+    /// no longer running and is never called again.
     static void startIntercepting(Handler handler);
-    /// Clears the handler. A handler that is running keeps running to its end.
+    /// Clears the handler and waits (up to HandlerSlot::kStoreWait) for a call of it under
+    /// way to return: afterwards it is never called again, not even for records still queued.
     static void stopIntercepting();
     static bool isIntercepting();
 

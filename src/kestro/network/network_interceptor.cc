@@ -9,7 +9,7 @@
 #include "kestro/core/executor.h"
 #include "kestro/core/uuid.h"
 #include "kestro/network/body_text.h"
-#include "kestro/network/snapshot.h"
+#include "kestro/core/handler_slot.h"
 
 namespace kestro {
 
@@ -44,7 +44,7 @@ struct NetworkInterceptor::State : std::enable_shared_from_this<NetworkIntercept
 
     std::shared_ptr<MockCache> mockCache;
     std::shared_ptr<BreakpointGate> gate;
-    network::internal::Snapshot<const Callback> callback;
+    HandlerSlot<Callback> callback;
     std::atomic<bool> breakPointEnabled{false};
     std::atomic<std::chrono::steady_clock::duration::rep> breakpointTimeout{
         std::chrono::duration_cast<std::chrono::steady_clock::duration>(kBreakpointTimeout)
@@ -56,10 +56,8 @@ struct NetworkInterceptor::State : std::enable_shared_from_this<NetworkIntercept
     std::shared_ptr<URLSession> privateSession;
 
     void report(const InterceptedRequestWrapper& wrapper) const {
-        auto cb = callback.load();
-        if (!cb || !*cb) return;
         try {
-            (*cb)(wrapper);
+            callback.call(wrapper);
         } catch (const std::exception& e) {
             printI(std::string("❌ The network capture handler threw: ") + e.what(),
                    LogLevel::error);
@@ -134,13 +132,10 @@ void NetworkInterceptor::stopIntercepting() {
 
 bool NetworkInterceptor::isIntercepting() const { return state_->intercepting.load(); }
 
-std::shared_ptr<const NetworkInterceptor::Callback> NetworkInterceptor::callback() const {
-    return state_->callback.load();
-}
+bool NetworkInterceptor::hasCallback() const { return state_->callback.installed(); }
 
 void NetworkInterceptor::setCallback(Callback callback) {
-    state_->callback.store(callback ? std::make_shared<const Callback>(std::move(callback))
-                                    : nullptr);
+    state_->callback.store(std::move(callback));
 }
 
 bool NetworkInterceptor::isBreakPointEnabled() const { return state_->breakPointEnabled.load(); }

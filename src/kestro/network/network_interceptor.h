@@ -49,13 +49,16 @@ class KESTRO_API NetworkInterceptor {
 
     /// Registers the handler class with the shared session, then installs `handler`.
     void startIntercepting(Callback handler);
-    /// Unregisters the handler class, then removes the callback. Requests already running
-    /// finish normally; their reports go to nobody.
+    /// Unregisters the handler class, then removes the callback and waits (up to
+    /// HandlerSlot::kStoreWait) for reports it is making to return: afterwards it is never
+    /// called again. Requests already running finish normally; their reports go to nobody.
     void stopIntercepting();
     bool isIntercepting() const;
 
-    /// The capture callback (empty when none is installed).
-    std::shared_ptr<const Callback> callback() const;
+    /// Whether a capture callback is installed.
+    bool hasCallback() const;
+    /// Replaces the capture callback (an empty one removes it); once this returns, the
+    /// previous callback is no longer running and is never called again.
     void setCallback(Callback callback);
 
     /// The breakpoint switch: while on, every newly started request waits at the gate. It is
