@@ -310,15 +310,30 @@ void PrintInterceptor::reportFormatFailure(const LogCall& call, const char* what
     }
 }
 
+namespace {
+
+// A handler that is still running when the wait for it runs out is let go with a console line;
+// the caller goes on rather than hang the application.
+void replaceHandler(PrintInterceptor::Handler handler) {
+    if (!capture().handler.store(std::move(handler))) {
+        printI("⚠️ The log handler was still running after " +
+                   std::to_string(HandlerSlot<PrintInterceptor::Handler>::kStoreWait.count()) +
+                   " s; it was replaced without waiting any longer",
+               LogLevel::warning);
+    }
+}
+
+}  // namespace
+
 void PrintInterceptor::startIntercepting(Handler handler) {
     const bool any = static_cast<bool>(handler);
-    capture().handler.store(std::move(handler));
+    replaceHandler(std::move(handler));
     capture().installed.store(any, std::memory_order_release);
 }
 
 void PrintInterceptor::stopIntercepting() {
     capture().installed.store(false, std::memory_order_release);
-    capture().handler.store(nullptr);
+    replaceHandler(nullptr);
 }
 
 bool PrintInterceptor::isIntercepting() { return capture().installed.load(); }

@@ -118,6 +118,21 @@ NetworkInterceptor::~NetworkInterceptor() {
     if (state_->intercepting.load()) stopIntercepting();
 }
 
+namespace {
+
+// A callback that is still running when the wait for it runs out is let go with a console line;
+// the caller goes on rather than hang the application.
+void replaceCallback(NetworkInterceptor::State& state, NetworkInterceptor::Callback callback) {
+    if (!state.callback.store(std::move(callback))) {
+        printI("⚠️ The network capture handler was still running after " +
+                   std::to_string(HandlerSlot<NetworkInterceptor::Callback>::kStoreWait.count()) +
+                   " s; it was replaced without waiting any longer",
+               LogLevel::warning);
+    }
+}
+
+}  // namespace
+
 void NetworkInterceptor::startIntercepting(Callback handler) {
     URLProtocol::registerClass(state_->protocolClass);
     state_->intercepting.store(true);
@@ -127,7 +142,7 @@ void NetworkInterceptor::startIntercepting(Callback handler) {
 void NetworkInterceptor::stopIntercepting() {
     URLProtocol::unregisterClass(*state_->protocolClass);
     state_->intercepting.store(false);
-    state_->callback.store(nullptr);
+    replaceCallback(*state_, nullptr);
 }
 
 bool NetworkInterceptor::isIntercepting() const { return state_->intercepting.load(); }
@@ -135,7 +150,7 @@ bool NetworkInterceptor::isIntercepting() const { return state_->intercepting.lo
 bool NetworkInterceptor::hasCallback() const { return state_->callback.installed(); }
 
 void NetworkInterceptor::setCallback(Callback callback) {
-    state_->callback.store(std::move(callback));
+    replaceCallback(*state_, std::move(callback));
 }
 
 bool NetworkInterceptor::isBreakPointEnabled() const { return state_->breakPointEnabled.load(); }
