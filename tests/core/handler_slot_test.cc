@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/console_capture.h"
 #include "support/wait.h"
 
 namespace kestro {
@@ -17,7 +18,7 @@ using namespace std::chrono_literals;
 using Slot = HandlerSlot<std::function<void(int)>>;
 
 TEST(HandlerSlotTest, ReplacingWaitsForCallsOfTheOldHandlerAndNoneComeAfter) {
-    Slot slot;
+    Slot slot{"test handler"};
     std::atomic<int> oldCalls{0};
     std::atomic<bool> stop{false};
     slot.store([&](int) { oldCalls.fetch_add(1); });
@@ -40,7 +41,7 @@ TEST(HandlerSlotTest, ReplacingWaitsForCallsOfTheOldHandlerAndNoneComeAfter) {
 }
 
 TEST(HandlerSlotTest, StoreReturnsOnlyAfterARunningCallEnds) {
-    Slot slot;
+    Slot slot{"test handler"};
     std::atomic<bool> inside{false}, storing{false}, stored{false}, storeReturnedEarly{false};
     slot.store([&](int) {
         inside.store(true);
@@ -59,8 +60,8 @@ TEST(HandlerSlotTest, StoreReturnsOnlyAfterARunningCallEnds) {
     EXPECT_FALSE(slot.call(2));
 }
 
-TEST(HandlerSlotTest, AHandlerMayReplaceItselfAndAThrowingCallIsCountedOut) {
-    Slot slot;
+TEST(HandlerSlotTest, AHandlerMayReplaceItselfEvenInsideALeaseAndAThrowingCallIsCountedOut) {
+    Slot slot{"test handler"};
     std::vector<int> seen;
     slot.store([&](int v) {
         seen.push_back(v);
@@ -71,12 +72,49 @@ TEST(HandlerSlotTest, AHandlerMayReplaceItselfAndAThrowingCallIsCountedOut) {
     EXPECT_TRUE(slot.call(2));
     EXPECT_EQ(seen, (std::vector<int>{1, -2}));
 
+    // A run of calls under one lease follows a replacement made from inside it at once:
+    // the handler that stopped itself gets nothing more.
+    seen.clear();
+    slot.store([&](int v) {
+        seen.push_back(v);
+        if (v == 1) {
+            EXPECT_TRUE(slot.store(nullptr));
+        }
+    });
+    {
+        auto lease = slot.lease();
+        for (int v = 1; v <= 3; ++v) {
+            if (const auto* fn = lease.current()) (*fn)(v);
+        }
+    }
+    EXPECT_EQ(seen, (std::vector<int>{1}));
+
     slot.store([](int) { throw std::runtime_error("handler failed"); });
     EXPECT_THROW(slot.call(3), std::runtime_error);
     // The thrown call no longer counts as running: replacing the handler does not wait.
     const auto before = std::chrono::steady_clock::now();
     EXPECT_TRUE(slot.store(nullptr));
     EXPECT_LT(std::chrono::steady_clock::now() - before, Slot::kStoreWait / 2);
+}
+
+TEST(HandlerSlotTest, AHandlerThatDoesNotReturnIsLetGoAfterTheWaitWithAConsoleLine) {
+    Slot slot{"stuck handler", 100ms};
+    std::atomic<bool> inside{false}, release{false};
+    slot.store([&](int) {
+        inside.store(true);
+        EXPECT_TRUE(test::waitUntil([&] { return release.load(); }));
+    });
+    std::thread caller([&] { slot.call(1); });
+    ASSERT_TRUE(test::waitUntil([&] { return inside.load(); }));
+    {
+        test::ConsoleCapture console;
+        EXPECT_FALSE(slot.store(nullptr));
+        EXPECT_NE(console.text().find("⚠️ The stuck handler was still running after 100 ms"),
+                  std::string::npos);
+    }
+    EXPECT_FALSE(slot.call(2));
+    release.store(true);
+    caller.join();
 }
 
 }  // namespace

@@ -18,8 +18,9 @@ int callsOnThisThread(const void* slot) {
 void enterCall(const void* slot) { tCalls.push_back(slot); }
 
 void leaveCall(const void* slot) {
-    // Calls end in the reverse order they began, so the innermost entry is this slot's.
-    if (!tCalls.empty() && tCalls.back() == slot) tCalls.pop_back();
+    // Usually the innermost entry; a lease that renews its hold may leave out of order.
+    const auto it = std::find(tCalls.rbegin(), tCalls.rend(), slot);
+    if (it != tCalls.rend()) tCalls.erase(std::next(it).base());
 }
 
 }  // namespace kestro::internal

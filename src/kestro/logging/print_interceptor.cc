@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "kestro/core/console.h"
-#include "kestro/core/handler_slot.h"
 #include "kestro/core/executor.h"
+#include "kestro/core/handler_slot.h"
 #include "kestro/core/time_text.h"
 #include "kestro/core/uuid.h"
 
@@ -106,7 +106,7 @@ private:
 
 struct Capture {
     CaptureQueue queue;
-    HandlerSlot<PrintInterceptor::Handler> handler;
+    HandlerSlot<PrintInterceptor::Handler> handler{"log handler"};
     // Whether a handler is installed, for the log call's cheap check (the handler slot is
     // read only by the drainer).
     std::atomic<bool> installed{false};
@@ -163,9 +163,11 @@ RequestTypeLog buildRecord(PendingLog& p) {
     return r;
 }
 
-void deliver(Capture& c, const RequestTypeLog& record) {
+void deliver(Capture& c, const PrintInterceptor::Handler* handler, const RequestTypeLog& record) {
+    if (!handler) return;
     try {
-        if (c.handler.call(record)) c.delivered.fetch_add(1, std::memory_order_relaxed);
+        (*handler)(record);
+        c.delivered.fetch_add(1, std::memory_order_relaxed);
     } catch (const std::exception& e) {
         printI(std::string("❌ The log handler threw: ") + e.what(), LogLevel::error);
     } catch (...) {
@@ -187,6 +189,8 @@ void reportDrops(Capture& c) {
 void drain(Capture& c) {
     for (;;) {
         std::size_t done = 0;
+        // One lease of the handler per round: replacing it waits for the round to end.
+        auto handler = c.handler.lease();
         while (auto* slot = c.queue.front()) {
             RequestTypeLog record = buildRecord(slot->log);
             c.queue.release(slot);
@@ -195,7 +199,7 @@ void drain(Capture& c) {
                 std::lock_guard lock(c.roomMutex);
                 c.roomCv.notify_all();
             }
-            deliver(c, record);
+            deliver(c, handler.current(), record);
             if (++done == kDrainBatch) break;  // let other executor work interleave
         }
         reportDrops(c);
@@ -310,30 +314,15 @@ void PrintInterceptor::reportFormatFailure(const LogCall& call, const char* what
     }
 }
 
-namespace {
-
-// A handler that is still running when the wait for it runs out is let go with a console line;
-// the caller goes on rather than hang the application.
-void replaceHandler(PrintInterceptor::Handler handler) {
-    if (!capture().handler.store(std::move(handler))) {
-        printI("⚠️ The log handler was still running after " +
-                   std::to_string(HandlerSlot<PrintInterceptor::Handler>::kStoreWait.count()) +
-                   " s; it was replaced without waiting any longer",
-               LogLevel::warning);
-    }
-}
-
-}  // namespace
-
 void PrintInterceptor::startIntercepting(Handler handler) {
     const bool any = static_cast<bool>(handler);
-    replaceHandler(std::move(handler));
+    capture().handler.store(std::move(handler));
     capture().installed.store(any, std::memory_order_release);
 }
 
 void PrintInterceptor::stopIntercepting() {
     capture().installed.store(false, std::memory_order_release);
-    replaceHandler(nullptr);
+    capture().handler.store(nullptr);
 }
 
 bool PrintInterceptor::isIntercepting() { return capture().installed.load(); }

@@ -90,7 +90,7 @@ public:
     /// Installs the handler, replacing any earlier one. Once this returns, the earlier one is
     /// no longer running and is never called again.
     static void startIntercepting(Handler handler);
-    /// Clears the handler and waits (up to HandlerSlot::kStoreWait) for a call of it under
+    /// Clears the handler and waits (up to 10 s) for a call of it under
     /// way to return: afterwards it is never called again, not even for records still queued.
     static void stopIntercepting();
     static bool isIntercepting();

@@ -7,9 +7,9 @@
 
 #include "kestro/core/console.h"
 #include "kestro/core/executor.h"
+#include "kestro/core/handler_slot.h"
 #include "kestro/core/uuid.h"
 #include "kestro/network/body_text.h"
-#include "kestro/core/handler_slot.h"
 
 namespace kestro {
 
@@ -44,7 +44,7 @@ struct NetworkInterceptor::State : std::enable_shared_from_this<NetworkIntercept
 
     std::shared_ptr<MockCache> mockCache;
     std::shared_ptr<BreakpointGate> gate;
-    HandlerSlot<Callback> callback;
+    HandlerSlot<Callback> callback{"network capture handler"};
     std::atomic<bool> breakPointEnabled{false};
     std::atomic<std::chrono::steady_clock::duration::rep> breakpointTimeout{
         std::chrono::duration_cast<std::chrono::steady_clock::duration>(kBreakpointTimeout)
@@ -118,21 +118,6 @@ NetworkInterceptor::~NetworkInterceptor() {
     if (state_->intercepting.load()) stopIntercepting();
 }
 
-namespace {
-
-// A callback that is still running when the wait for it runs out is let go with a console line;
-// the caller goes on rather than hang the application.
-void replaceCallback(NetworkInterceptor::State& state, NetworkInterceptor::Callback callback) {
-    if (!state.callback.store(std::move(callback))) {
-        printI("⚠️ The network capture handler was still running after " +
-                   std::to_string(HandlerSlot<NetworkInterceptor::Callback>::kStoreWait.count()) +
-                   " s; it was replaced without waiting any longer",
-               LogLevel::warning);
-    }
-}
-
-}  // namespace
-
 void NetworkInterceptor::startIntercepting(Callback handler) {
     URLProtocol::registerClass(state_->protocolClass);
     state_->intercepting.store(true);
@@ -142,7 +127,7 @@ void NetworkInterceptor::startIntercepting(Callback handler) {
 void NetworkInterceptor::stopIntercepting() {
     URLProtocol::unregisterClass(*state_->protocolClass);
     state_->intercepting.store(false);
-    replaceCallback(*state_, nullptr);
+    state_->callback.store(nullptr);
 }
 
 bool NetworkInterceptor::isIntercepting() const { return state_->intercepting.load(); }
@@ -150,7 +135,7 @@ bool NetworkInterceptor::isIntercepting() const { return state_->intercepting.lo
 bool NetworkInterceptor::hasCallback() const { return state_->callback.installed(); }
 
 void NetworkInterceptor::setCallback(Callback callback) {
-    replaceCallback(*state_, std::move(callback));
+    state_->callback.store(std::move(callback));
 }
 
 bool NetworkInterceptor::isBreakPointEnabled() const { return state_->breakPointEnabled.load(); }

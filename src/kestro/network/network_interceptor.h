@@ -50,7 +50,7 @@ class KESTRO_API NetworkInterceptor {
     /// Registers the handler class with the shared session, then installs `handler`.
     void startIntercepting(Callback handler);
     /// Unregisters the handler class, then removes the callback and waits (up to
-    /// HandlerSlot::kStoreWait) for reports it is making to return: afterwards it is never
+    /// 10 s) for reports it is making to return: afterwards it is never
     /// called again. Requests already running finish normally; their reports go to nobody.
     void stopIntercepting();
     bool isIntercepting() const;
