@@ -163,21 +163,13 @@ void BM_RawCurlReusedEasyHandle(benchmark::State& state) {
     bench::rawCurlGetsOnReusedHandle(state, serverGet().url("/ping"));
 }
 
-// Each pair runs in interleaved repetitions and is compared by its medians, so a change in
-// the machine's load falls on both sides of a ratio alike.
-constexpr int kRepetitions = 5;
-BENCHMARK(BM_SendToServer1KB)
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime()
-    ->MinTime(0.5)
-    ->Repetitions(kRepetitions);
+// Each pair is compared by its medians over interleaved repetitions.
+BENCHMARK(BM_SendToServer1KB)->Unit(benchmark::kMillisecond)->Apply(bench::comparedByMedians);
 BENCHMARK(BM_RawCurlMulti16InFlight)
     ->Unit(benchmark::kMillisecond)
-    ->UseRealTime()
-    ->MinTime(0.5)
-    ->Repetitions(kRepetitions);
-BENCHMARK(BM_DataTaskOneAtATime)->UseRealTime()->MinTime(0.5)->Repetitions(kRepetitions);
-BENCHMARK(BM_RawCurlReusedEasyHandle)->UseRealTime()->MinTime(0.5)->Repetitions(kRepetitions);
+    ->Apply(bench::comparedByMedians);
+BENCHMARK(BM_DataTaskOneAtATime)->Apply(bench::comparedByMedians);
+BENCHMARK(BM_RawCurlReusedEasyHandle)->Apply(bench::comparedByMedians);
 
 // 10,000 uploads against a server that answers after a second: the peak of RSS growth while
 // they are pending. The server is then stopped so the rest fail fast (connection refused).
@@ -217,8 +209,7 @@ double pendingUploadsMemoryMiB() {
 int main(int argc, char** argv) {
     kestro::bench::QuietStdout quiet;
     kestro::bench::CollectingReporter reporter;
-    kestro::bench::runBenchmarks(argc, argv, reporter,
-                                 {"--benchmark_enable_random_interleaving=true"});
+    kestro::bench::runBenchmarks(argc, argv, reporter, {kestro::bench::kInterleaved});
 
     auto speed = [&](const char* candidate, const char* baseline) {
         const double t = reporter.time(candidate);

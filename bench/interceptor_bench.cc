@@ -232,20 +232,11 @@ void BM_NaiveRegexPerRuleLookup100Rules(benchmark::State& state) {
     }
 }
 
-constexpr int kRepetitions = 5;
-BENCHMARK(BM_CaptureOffOneAtATime)->UseRealTime()->MinTime(0.5)->Repetitions(kRepetitions);
-BENCHMARK(BM_CaptureOnOneAtATime)->UseRealTime()->MinTime(0.5)->Repetitions(kRepetitions);
-BENCHMARK(BM_RawCurlReusedEasyHandle)->UseRealTime()->MinTime(0.5)->Repetitions(kRepetitions);
-BENCHMARK(BM_CaptureOff16InFlight)
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime()
-    ->MinTime(0.5)
-    ->Repetitions(kRepetitions);
-BENCHMARK(BM_CaptureOn16InFlight)
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime()
-    ->MinTime(0.5)
-    ->Repetitions(kRepetitions);
+BENCHMARK(BM_CaptureOffOneAtATime)->Apply(bench::comparedByMedians);
+BENCHMARK(BM_CaptureOnOneAtATime)->Apply(bench::comparedByMedians);
+BENCHMARK(BM_RawCurlReusedEasyHandle)->Apply(bench::comparedByMedians);
+BENCHMARK(BM_CaptureOff16InFlight)->Unit(benchmark::kMillisecond)->Apply(bench::comparedByMedians);
+BENCHMARK(BM_CaptureOn16InFlight)->Unit(benchmark::kMillisecond)->Apply(bench::comparedByMedians);
 BENCHMARK(BM_MockCacheGetEntry100Rules)->Unit(benchmark::kMicrosecond)->Repetitions(3);
 BENCHMARK(BM_NaiveRegexPerRuleLookup100Rules)->Unit(benchmark::kMicrosecond)->Repetitions(3);
 
@@ -256,8 +247,7 @@ int main(int argc, char** argv) {
     // Repetitions of the pairs run interleaved, so a change in the machine's load falls on
     // both sides of a ratio alike.
     kestro::bench::CollectingReporter reporter;
-    kestro::bench::runBenchmarks(argc, argv, reporter,
-                                 {"--benchmark_enable_random_interleaving=true"});
+    kestro::bench::runBenchmarks(argc, argv, reporter, {kestro::bench::kInterleaved});
 
     auto ratio = [&](const char* numerator, const char* denominator) {
         const double d = reporter.time(denominator);

@@ -91,6 +91,14 @@ inline void runBenchmarks(int argc, char** argv, CollectingReporter& reporter,
     ::benchmark::RunSpecifiedBenchmarks(&reporter);
 }
 
+/// The runs of a benchmark compared with its pair by medians: wall-clock time, five
+/// repetitions of at least half a second. Run the program with random interleaving (see
+/// kInterleaved) so that a change in the machine's load falls on both sides of a ratio alike.
+inline void comparedByMedians(::benchmark::internal::Benchmark* b) {
+    b->UseRealTime()->MinTime(0.5)->Repetitions(5);
+}
+inline const std::string kInterleaved = "--benchmark_enable_random_interleaving=true";
+
 /// Prints one summary line: candidate time / baseline time, with the target it is held to.
 inline void printRatio(const char* what, double ratio, const char* target) {
     std::printf("RATIO %-60s %8.3f   (target %s)\n", what, ratio, target);
