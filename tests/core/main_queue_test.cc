@@ -1,6 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+
+#include <algorithm>
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -12,6 +19,12 @@
 namespace kestro {
 namespace {
 
+std::string currentThreadName() {
+    char name[16] = {};
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    return name;
+}
+
 TEST(MainQueueTest, OwnThreadRunsTasksInOrderOnOneThread) {
     MainQueue queue;
     std::vector<int> order;
@@ -19,8 +32,12 @@ TEST(MainQueueTest, OwnThreadRunsTasksInOrderOnOneThread) {
     std::atomic<bool> sameThread{true};
     for (int i = 0; i < 100; ++i) {
         queue.post([&, i] {
-            if (i == 0) first = std::this_thread::get_id();
-            else if (std::this_thread::get_id() != first) sameThread = false;
+            if (i == 0) {
+                first = std::this_thread::get_id();
+                EXPECT_EQ(currentThreadName(), "kestro-main");
+            } else if (std::this_thread::get_id() != first) {
+                sameThread = false;
+            }
             EXPECT_TRUE(queue.isCurrent());
             order.push_back(i);
         });
@@ -97,6 +114,43 @@ TEST(ExecutorTest, DelayedTasksRunOnceAndCancelledOnesNever) {
     ASSERT_TRUE(test::waitUntil([&] { return later.load(); }));
     EXPECT_EQ(cancelled.load(), 0);
     EXPECT_EQ(fired.load(), 1);
+}
+
+// The pool's threads are started by the SDK and attached to it: all of them must be running
+// tasks, at the same time, under the SDK's name.
+TEST(ExecutorTest, EveryWorkerRunsTasksConcurrentlyUnderTheSdksName) {
+    const unsigned workers = std::max(2u, std::thread::hardware_concurrency());
+    std::mutex m;
+    std::condition_variable cv;
+    unsigned arrived = 0, finished = 0;
+    std::set<std::thread::id> threads;
+    std::set<std::string> names;
+    for (unsigned i = 0; i < workers; ++i) {
+        postTask([&] {
+            std::unique_lock lock(m);
+            threads.insert(std::this_thread::get_id());
+            names.insert(currentThreadName());
+            ++arrived;
+            cv.notify_all();
+            // Each task holds its worker until every task has started.
+            cv.wait_for(lock, std::chrono::seconds(10), [&] { return arrived == workers; });
+            ++finished;
+            cv.notify_all();
+        });
+    }
+    std::unique_lock lock(m);
+    ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(20), [&] { return finished == workers; }));
+    EXPECT_EQ(threads.size(), workers);
+    EXPECT_EQ(names, std::set<std::string>{"kestro-worker"});
+}
+
+TEST(ExecutorTest, LongNamesAreShortenedToWhatTheSystemKeeps) {
+    std::string seen;
+    std::thread([&] {
+        nameThisThread("a-name-longer-than-fifteen");
+        seen = currentThreadName();
+    }).join();
+    EXPECT_EQ(seen, "a-name-longer-t");
 }
 
 TEST(NotificationCenterTest, ObserversRunOnTheMainQueueUntilTheirTokenGoes) {

@@ -1,7 +1,10 @@
 #include "kestro/core/executor.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <thread>
 
 #include <boost/asio/strand.hpp>
@@ -10,10 +13,24 @@
 
 namespace kestro {
 
+void nameThisThread(const char* name) {
+    char shortName[16] = {};
+    std::strncpy(shortName, name, sizeof shortName - 1);
+    pthread_setname_np(pthread_self(), shortName);
+}
+
 boost::asio::thread_pool& globalExecutor() {
     static boost::asio::thread_pool* pool = [] {
         const unsigned n = std::max(2u, std::thread::hardware_concurrency());
-        return new boost::asio::thread_pool(n);
+        // The pool gets no threads of its own: ours attach to it, so that they carry a name.
+        auto* pool = new boost::asio::thread_pool(0);
+        for (unsigned i = 0; i < n; ++i) {
+            std::thread([pool] {
+                nameThisThread("kestro-worker");
+                pool->attach();
+            }).detach();
+        }
+        return pool;
     }();
     return *pool;
 }

@@ -13,10 +13,15 @@
 namespace kestro {
 
 /// The process-wide concurrent executor: one Boost.Asio thread pool sized from the hardware
-/// (at least 2 threads). It lives for the whole process and is never joined, so no host
-/// destructor can hang on it. Work posted here must not block for long: a task that waits
-/// (a held request, a slow peer) belongs on its own thread or on an asynchronous operation.
+/// (at least 2 threads), named "kestro-worker". It lives for the whole process and is never
+/// joined, so no host destructor can hang on it. Work posted here must not block for long: a
+/// task that waits (a held request, a slow peer) belongs on its own thread or on an
+/// asynchronous operation.
 KESTRO_API boost::asio::thread_pool& globalExecutor();
+
+/// Names the calling thread (at most 15 characters are kept), so that the SDK's threads can be
+/// told apart from the application's in a debugger, `top -H` or a profiler.
+KESTRO_API void nameThisThread(const char* name);
 
 /// Runs f on a worker of the global executor.
 template <typename F>

@@ -3,6 +3,7 @@
 #include <exception>
 
 #include "kestro/core/console.h"
+#include "kestro/core/executor.h"
 
 namespace kestro {
 namespace {
@@ -46,7 +47,10 @@ void MainQueue::runTask(Task& task) {
 void MainQueue::ensureThreadLocked() {
     if (hostDriven_ || thread_.joinable()) return;
     stopThread_ = false;
-    thread_ = std::thread([this] { threadLoop(); });
+    thread_ = std::thread([this] {
+        nameThisThread("kestro-main");
+        threadLoop();
+    });
     threadId_ = thread_.get_id();
 }
 

@@ -556,8 +556,14 @@ Loop::Loop() {
     ev.events = EPOLLIN;
     ev.data.fd = wakeFd_;
     epoll_ctl(epoll_, EPOLL_CTL_ADD, wakeFd_, &ev);
-    std::thread([this] { serve(true); }).detach();
-    std::thread([this] { serve(false); }).detach();
+    std::thread([this] {
+        nameThisThread("kestro-loading");
+        serve(true);
+    }).detach();
+    std::thread([this] {
+        nameThisThread("kestro-loading");
+        serve(false);
+    }).detach();
 }
 
 void Loop::push(Command c) {
