@@ -1,6 +1,7 @@
 #include "kestro/network/url_session.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -11,10 +12,14 @@
 #include <fstream>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "kestro/network/http.h"
+#include "kestro/network/loading_thread.h"
 #include "network/url_test_util.h"
+#include "support/console_capture.h"
 #include "support/http_server.h"
 
 namespace kestro {
@@ -413,6 +418,53 @@ TEST(URLSessionTest, ALongCompletionDoesNotStallOtherTransfers) {
     cv.notify_all();
     ASSERT_TRUE(events.waitFor(2));
     EXPECT_EQ(events.values()[1], "first saw other");
+}
+
+std::string threadName() {
+    char name[16] = {};
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    return name;
+}
+
+// Work handed to an idle loop runs on the loading thread, in order, without a transfer to wake
+// the loop: a timer does. A throwing item is reported and the items after it still run.
+TEST(URLSessionTest, WorkHandedToAnIdleLoopRunsOnTheLoadingThreadInOrder) {
+    ASSERT_TRUE(test::waitUntil([] { return URLSession::activeTransferCount() == 0; }));
+    test::ConsoleCapture console;
+    test::Recorder<std::string> ran;
+    network::internal::runOnLoadingThreadSoon([&] { ran.add("1 " + threadName()); });
+    network::internal::runOnLoadingThreadSoon([] { throw std::runtime_error("boom"); });
+    network::internal::runOnLoadingThreadSoon([&] { ran.add("3 " + threadName()); });
+    ASSERT_TRUE(ran.waitFor(2));
+    EXPECT_EQ(ran.values(), (std::vector<std::string>{"1 kestro-loading", "3 kestro-loading"}));
+    // Each item after the first finds the loop asleep again (it went back to epoll_wait after
+    // running the previous one). Without the timer such an item would wait for the loop's
+    // longest sleep, a second.
+    for (std::size_t i = 3; i < 8; ++i) {
+        const auto handed = std::chrono::steady_clock::now();
+        network::internal::runOnLoadingThreadSoon([&] { ran.add("next"); });
+        ASSERT_TRUE(ran.waitFor(i));
+        EXPECT_LT(std::chrono::steady_clock::now() - handed, std::chrono::milliseconds(500));
+    }
+    EXPECT_NE(console.text().find("❌ Work handed to the loading thread threw: boom"),
+              std::string::npos);
+}
+
+// While transfers are under way, the loop is left alone: the work goes to a worker at once.
+TEST(URLSessionTest, WorkHandedToABusyLoopGoesToAWorker) {
+    HttpServer server([](const test::ReceivedRequest&) {
+        HttpReply r = HttpReply::text(200, "late");
+        r.delay = std::chrono::seconds(2);
+        return r;
+    });
+    test::Fetch slow(session(), URLRequest(server.url("/slow")));
+    slow.resume();
+    ASSERT_TRUE(test::waitUntil([] { return URLSession::activeTransferCount() > 0; }));
+    test::Recorder<std::string> ran;
+    network::internal::runOnLoadingThreadSoon([&] { ran.add(threadName()); });
+    ASSERT_TRUE(ran.waitFor(1, std::chrono::seconds(1)));
+    EXPECT_EQ(ran.values()[0], "kestro-worker");
+    slow.task().cancel();
 }
 
 // Cancelling while the answer is arriving: whichever wins, the completion runs exactly once,

@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +22,7 @@
 #include "kestro/core/config.h"
 #include "kestro/core/console.h"
 #include "kestro/core/executor.h"
+#include "kestro/network/loading_thread.h"
 #include "kestro/network/tls_runtime.h"
 
 namespace kestro {
@@ -48,12 +50,14 @@ enum class TaskState : std::uint8_t { suspended, running, canceling, completed }
 
 struct TaskCore;
 
-// Work that must not run inside the call that produces it: a task's completion, or letting go
-// of a protocol handler (whose own call may be what produced it).
+// Work that must not run inside the call that produces it: a task's completion, letting go of
+// a protocol handler (whose own call may be what produced it), or work handed to the loading
+// thread by runOnLoadingThreadSoon().
 struct Deferred {
-    enum class Kind : std::uint8_t { complete, releaseHandler, stopAndReleaseHandler };
+    enum class Kind : std::uint8_t { complete, releaseHandler, stopAndReleaseHandler, work };
     Kind kind;
     std::shared_ptr<TaskCore> core;
+    std::function<void()> work;  // Kind::work only
     void run() const;
 };
 
@@ -244,6 +248,16 @@ void Deferred::run() const {
         case Kind::stopAndReleaseHandler:
             core->dropHandler(true);
             break;
+        case Kind::work:
+            try {
+                work();
+            } catch (const std::exception& e) {
+                printI(std::string("❌ Work handed to the loading thread threw: ") + e.what(),
+                       LogLevel::error);
+            } catch (...) {
+                printI("❌ Work handed to the loading thread threw", LogLevel::error);
+            }
+            break;
     }
 }
 
@@ -305,6 +319,7 @@ class Loop {
     }
     std::size_t activeCount() const { return activeCount_.load(); }
     void handOver(Deferred d);
+    void handOverSoon(Deferred d);
 
   private:
     struct Command {
@@ -368,6 +383,8 @@ class Loop {
     // looks once per period, so between one and two periods). Short, because a completion that
     // waits for a request it started waits that long.
     static constexpr auto kWatchPeriod = std::chrono::milliseconds(2);
+    // Longest wait of work handed over with handOverSoon() while the owner sleeps.
+    static constexpr auto kSoonDelay = std::chrono::milliseconds(2);
     // delivery_: rounds of completions run on the loop's owner so far, times 2, plus this
     // flag while the owner is inside one. The stand-by takes the loop by clearing the flag.
     static constexpr std::uint64_t kDelivering = 1;
@@ -377,6 +394,8 @@ class Loop {
     CURLM* multi_ = nullptr;
     int epoll_ = -1;
     int wakeFd_ = -1;
+    // Wakes a sleeping owner for work handed over "soon" that no transfer event brought it to.
+    int soonTimerFd_ = -1;
 
     std::mutex commandMutex_;
     std::vector<Command> commands_;
@@ -393,6 +412,7 @@ class Loop {
     bool sleeping_ = false;
     Clock::time_point sleepUntil_{};
     std::vector<Deferred> handedOver_;  // completions made on other threads, for the owner
+    bool soonTimerArmed_ = false;
 
     std::atomic<std::size_t> activeCount_{0};
     // The owner is in epoll_wait (or about to be); handedOver_ has work it has not taken yet.
@@ -556,6 +576,9 @@ Loop::Loop() {
     ev.events = EPOLLIN;
     ev.data.fd = wakeFd_;
     epoll_ctl(epoll_, EPOLL_CTL_ADD, wakeFd_, &ev);
+    soonTimerFd_ = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    ev.data.fd = soonTimerFd_;
+    epoll_ctl(epoll_, EPOLL_CTL_ADD, soonTimerFd_, &ev);
     std::thread([this] {
         nameThisThread("kestro-loading");
         serve(true);
@@ -603,7 +626,36 @@ void Loop::ownerHasWork() {
     if (polling_.load()) wake();
 }
 
+// Like handOver(), for work that may wait a little: a sleeping owner is not woken at once but by
+// a timer, kSoonDelay later, unless a transfer event wakes it first. The work then rides on a
+// wake-up the loop takes anyway (the answer to the request whose start produced the work, say)
+// instead of costing one of its own.
+void Loop::handOverSoon(Deferred d) {
+    // With transfers under way the owner would pass the work on to a worker anyway: it is
+    // posted from here, and the loop, then the busiest thread, is spared the hand-over.
+    if (activeCount_.load() > 0) {
+        postFollowUp([d = std::move(d)] { d.run(); });
+        return;
+    }
+    std::unique_lock<std::mutex> lock;
+    if (!tHoldsLoop) lock = std::unique_lock(mutex_);
+    handedOver_.push_back(std::move(d));
+    handedOverPending_.store(true);
+    if (!polling_.load() || soonTimerArmed_) return;
+    itimerspec due{};
+    due.it_value.tv_nsec = std::chrono::nanoseconds(kSoonDelay).count();
+    if (timerfd_settime(soonTimerFd_, 0, &due, nullptr) == 0) {
+        soonTimerArmed_ = true;
+    } else {
+        wake();
+    }
+}
+
 void handOverToLoop(Deferred d) { Loop::instance().handOver(std::move(d)); }
+
+void runOnLoadingThreadSoon(std::function<void()> work) {
+    Loop::instance().handOverSoon({Deferred::Kind::work, nullptr, std::move(work)});
+}
 
 void Loop::wake() {
     const std::uint64_t one = 1;
@@ -994,13 +1046,19 @@ void Loop::run() {
             handedOverPending_.store(false);
             for (auto& d : handedOver_) DeliveryBatch::handOn(std::move(d));
             handedOver_.clear();
+            if (soonTimerArmed_) {
+                // Taken before the timer fired: it must not wake the loop for nothing.
+                const itimerspec off{};
+                timerfd_settime(soonTimerFd_, 0, &off, nullptr);
+                soonTimerArmed_ = false;
+            }
         }
 
         for (int i = 0; i < n; ++i) {
             const int fd = events[i].data.fd;
-            if (fd == wakeFd_) {
+            if (fd == wakeFd_ || fd == soonTimerFd_) {
                 std::uint64_t count = 0;
-                [[maybe_unused]] const auto r = ::read(wakeFd_, &count, sizeof count);
+                [[maybe_unused]] const auto r = ::read(fd, &count, sizeof count);
                 continue;
             }
             if (parked_.erase(fd) > 0) {
