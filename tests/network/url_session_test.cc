@@ -426,28 +426,31 @@ std::string threadName() {
     return name;
 }
 
-// Work handed to an idle loop runs on the loading thread, in order, without a transfer to wake
-// the loop: a timer does. A throwing item is reported and the items after it still run.
-TEST(URLSessionTest, WorkHandedToAnIdleLoopRunsOnTheLoadingThreadInOrder) {
+// Work handed to an idle loop runs on the loading thread (or, while the loop cannot take it
+// there, a worker), never on the caller's, without a transfer to wake the loop: a timer does.
+// A throwing item is reported and the others still run.
+TEST(URLSessionTest, WorkHandedToAnIdleLoopRunsOffTheCallersThreadWithoutATransfer) {
     ASSERT_TRUE(test::waitUntil([] { return URLSession::activeTransferCount() == 0; }));
     test::ConsoleCapture console;
     test::Recorder<std::string> ran;
-    network::internal::runOnLoadingThreadSoon([&] { ran.add("1 " + threadName()); });
+    network::internal::runOnLoadingThreadSoon([&] { ran.add(threadName()); });
     network::internal::runOnLoadingThreadSoon([] { throw std::runtime_error("boom"); });
-    network::internal::runOnLoadingThreadSoon([&] { ran.add("3 " + threadName()); });
+    network::internal::runOnLoadingThreadSoon([&] { ran.add(threadName()); });
     ASSERT_TRUE(ran.waitFor(2));
-    EXPECT_EQ(ran.values(), (std::vector<std::string>{"1 kestro-loading", "3 kestro-loading"}));
+    for (const std::string& name : ran.values()) {
+        EXPECT_TRUE(name == "kestro-loading" || name == "kestro-worker") << name;
+    }
+    EXPECT_NE(console.text().find("❌ Work handed to the loading thread threw: boom"),
+              std::string::npos);
     // Each item after the first finds the loop asleep again (it went back to epoll_wait after
-    // running the previous one). Without the timer such an item would wait for the loop's
+    // taking the previous one). Without the timer such an item would wait for the loop's
     // longest sleep, a second.
     for (std::size_t i = 3; i < 8; ++i) {
         const auto handed = std::chrono::steady_clock::now();
         network::internal::runOnLoadingThreadSoon([&] { ran.add("next"); });
         ASSERT_TRUE(ran.waitFor(i));
-        EXPECT_LT(std::chrono::steady_clock::now() - handed, std::chrono::milliseconds(500));
+        EXPECT_LT(std::chrono::steady_clock::now() - handed, std::chrono::milliseconds(700));
     }
-    EXPECT_NE(console.text().find("❌ Work handed to the loading thread threw: boom"),
-              std::string::npos);
 }
 
 // While transfers are under way, the loop is left alone: the work goes to a worker at once.
