@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
@@ -19,12 +17,6 @@
 namespace kestro {
 namespace {
 
-std::string currentThreadName() {
-    char name[16] = {};
-    pthread_getname_np(pthread_self(), name, sizeof name);
-    return name;
-}
-
 TEST(MainQueueTest, OwnThreadRunsTasksInOrderOnOneThread) {
     MainQueue queue;
     std::vector<int> order;
@@ -34,7 +26,7 @@ TEST(MainQueueTest, OwnThreadRunsTasksInOrderOnOneThread) {
         queue.post([&, i] {
             if (i == 0) {
                 first = std::this_thread::get_id();
-                EXPECT_EQ(currentThreadName(), "kestro-main");
+                EXPECT_EQ(test::threadName(), "kestro-main");
             } else if (std::this_thread::get_id() != first) {
                 sameThread = false;
             }
@@ -129,7 +121,7 @@ TEST(ExecutorTest, EveryWorkerRunsTasksConcurrentlyUnderTheSdksName) {
         postTask([&] {
             std::unique_lock lock(m);
             threads.insert(std::this_thread::get_id());
-            names.insert(currentThreadName());
+            names.insert(test::threadName());
             ++arrived;
             cv.notify_all();
             // Each task holds its worker until every task has started.
@@ -148,7 +140,7 @@ TEST(ExecutorTest, LongNamesAreShortenedToWhatTheSystemKeeps) {
     std::string seen;
     std::thread([&] {
         nameThisThread("a-name-longer-than-fifteen");
-        seen = currentThreadName();
+        seen = test::threadName();
     }).join();
     EXPECT_EQ(seen, "a-name-longer-t");
 }

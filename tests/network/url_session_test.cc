@@ -1,7 +1,6 @@
 #include "kestro/network/url_session.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -420,12 +419,6 @@ TEST(URLSessionTest, ALongCompletionDoesNotStallOtherTransfers) {
     EXPECT_EQ(events.values()[1], "first saw other");
 }
 
-std::string threadName() {
-    char name[16] = {};
-    pthread_getname_np(pthread_self(), name, sizeof name);
-    return name;
-}
-
 // Work handed to an idle loop runs on the loading thread (or, while the loop cannot take it
 // there, a worker), never on the caller's, without a transfer to wake the loop: a timer does.
 // A throwing item is reported and the others still run.
@@ -433,9 +426,9 @@ TEST(URLSessionTest, WorkHandedToAnIdleLoopRunsOffTheCallersThreadWithoutATransf
     ASSERT_TRUE(test::waitUntil([] { return URLSession::activeTransferCount() == 0; }));
     test::ConsoleCapture console;
     test::Recorder<std::string> ran;
-    network::internal::runOnLoadingThreadSoon([&] { ran.add(threadName()); });
+    network::internal::runOnLoadingThreadSoon([&] { ran.add(test::threadName()); });
     network::internal::runOnLoadingThreadSoon([] { throw std::runtime_error("boom"); });
-    network::internal::runOnLoadingThreadSoon([&] { ran.add(threadName()); });
+    network::internal::runOnLoadingThreadSoon([&] { ran.add(test::threadName()); });
     ASSERT_TRUE(ran.waitFor(2));
     for (const std::string& name : ran.values()) {
         EXPECT_TRUE(name == "kestro-loading" || name == "kestro-worker") << name;
@@ -464,7 +457,7 @@ TEST(URLSessionTest, WorkHandedToABusyLoopGoesToAWorker) {
     slow.resume();
     ASSERT_TRUE(test::waitUntil([] { return URLSession::activeTransferCount() > 0; }));
     test::Recorder<std::string> ran;
-    network::internal::runOnLoadingThreadSoon([&] { ran.add(threadName()); });
+    network::internal::runOnLoadingThreadSoon([&] { ran.add(test::threadName()); });
     ASSERT_TRUE(ran.waitFor(1, std::chrono::seconds(1)));
     EXPECT_EQ(ran.values()[0], "kestro-worker");
     slow.task().cancel();

@@ -1,13 +1,23 @@
 #pragma once
 
+#include <pthread.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
 namespace kestro::test {
+
+/// The calling thread's name (as the SDK names its own threads).
+inline std::string threadName() {
+    char name[16] = {};
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    return name;
+}
 
 /// Polls `done` until it is true or the deadline passes; never a fixed sleep. Returns done().
 inline bool waitUntil(const std::function<bool()>& done,
