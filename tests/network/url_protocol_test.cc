@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <stdexcept>
+#include <typeindex>
 
 #include "kestro/core/executor.h"
 #include "kestro/network/url_session.h"
 #include "network/url_test_util.h"
+#include "support/console_capture.h"
 #include "support/http_server.h"
 
 namespace kestro {
@@ -223,6 +226,59 @@ TEST(URLProtocolTest, SharedSessionConsultsRegisteredHandlersNewestFirst) {
     std::vector<std::string> reached;
     for (const auto& r : server.requests()) reached.push_back(r.target);
     EXPECT_EQ(reached, (std::vector<std::string>{"/b", "/c", "/d", "/h"}));
+}
+
+// A handler class assembled at run time that starts on the resuming thread, the application's:
+// its admission test throws for requests marked "ThrowAdmit", and the handler it makes for
+// requests marked "ThrowStart" throws something that is not a std::exception.
+class ThrowingClass final : public URLProtocolClass {
+    class Handler : public URLProtocol {
+      public:
+        using URLProtocol::URLProtocol;
+        void startLoading() override { throw 42; }
+        void stopLoading() override {}
+    };
+
+  public:
+    bool canInit(const URLRequest& r) const override {
+        if (hasFlag(r, "ThrowAdmit")) throw std::runtime_error("admit broke");
+        return hasFlag(r, "ThrowStart");
+    }
+    URLRequest canonicalRequest(const URLRequest& r) const override { return r; }
+    std::shared_ptr<URLProtocol> create(const URLRequest& r,
+                                        std::shared_ptr<URLProtocolClient> client) const override {
+        return std::make_shared<Handler>(r, std::move(client));
+    }
+    std::type_index identity() const override { return typeid(ThrowingClass); }
+    bool startsOnCallingThread() const override { return true; }
+};
+
+// Nothing a handler class throws reaches the thread that resumed the task: a throwing
+// admission test declines (the request goes to the network), a throwing start fails the task.
+TEST(URLProtocolTest, AThrowingHandlerClassNeverThrowsIntoTheApplication) {
+    HttpServer server([](const test::ReceivedRequest&) { return HttpReply::text(200, "network"); });
+    URLSessionConfiguration cfg;
+    cfg.protocolClasses = {std::make_shared<ThrowingClass>()};
+    URLSession session(cfg);
+    test::ConsoleCapture console;
+
+    Outcome declined = load(session, marked(server.url("/a"), "ThrowAdmit"));
+    EXPECT_EQ(declined.data, "network");
+
+    Outcome failed = load(session, marked(server.url("/b"), "ThrowStart"));
+    ASSERT_TRUE(failed.error);
+    EXPECT_TRUE(failed.error->is(URLErrorCode::unknown));
+    EXPECT_FALSE(failed.data);
+
+    const std::string text = console.text();
+    EXPECT_NE(text.find("❌ A protocol handler's admission test threw: admit broke"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("❌ A protocol handler failed to start: unknown exception"),
+              std::string::npos)
+        << text;
+    ASSERT_EQ(server.requests().size(), 1u);
+    EXPECT_EQ(server.requests()[0].target, "/a");
 }
 
 TEST(URLProtocolTest, HeldRequestsPinNoThreadAndCancellationStopsTheHandler) {

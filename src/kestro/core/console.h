@@ -1,7 +1,9 @@
 #pragma once
 
+#include <exception>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "kestro/core/config.h"
 #include "kestro/core/describe.h"
@@ -45,5 +47,22 @@ KESTRO_API void writeConsoleLine(std::string_view text);
 /// Writes bytes to standard output as one whole write under the console lock (shared by
 /// printI and the log capture), followed by a flush, so a line reaches the console at once.
 KESTRO_API void writeConsole(std::string_view bytes);
+
+/// Runs f, turning anything it throws into the error line "❌ " + what + " threw: " + the
+/// exception's message ("❌ " + what + " threw" when it is not a std::exception), so that
+/// application code the SDK calls (a handler, an observer, a completion) cannot throw into the
+/// SDK's threads. Returns whether f returned normally.
+template <typename F>
+bool runReportingThrows(std::string_view what, F&& f) noexcept {
+    try {
+        std::forward<F>(f)();
+        return true;
+    } catch (const std::exception& e) {
+        printI("❌ " + std::string(what) + " threw: " + e.what(), LogLevel::error);
+    } catch (...) {
+        printI("❌ " + std::string(what) + " threw", LogLevel::error);
+    }
+    return false;
+}
 
 }  // namespace kestro

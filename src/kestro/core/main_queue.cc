@@ -35,13 +35,7 @@ MainQueue::~MainQueue() {
 
 void MainQueue::runTask(Task& task) {
     OnMainQueue guard;
-    try {
-        task();
-    } catch (const std::exception& e) {
-        printI(std::string("❌ A main-queue task threw: ") + e.what(), LogLevel::error);
-    } catch (...) {
-        printI("❌ A main-queue task threw", LogLevel::error);
-    }
+    runReportingThrows("A main-queue task", task);
 }
 
 void MainQueue::ensureThreadLocked() {

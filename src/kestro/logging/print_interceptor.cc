@@ -164,14 +164,8 @@ RequestTypeLog buildRecord(PendingLog& p) {
 }
 
 void deliver(Capture& c, const PrintInterceptor::Handler* handler, const RequestTypeLog& record) {
-    if (!handler) return;
-    try {
-        (*handler)(record);
+    if (handler && runReportingThrows("The log handler", [&] { (*handler)(record); })) {
         c.delivered.fetch_add(1, std::memory_order_relaxed);
-    } catch (const std::exception& e) {
-        printI(std::string("❌ The log handler threw: ") + e.what(), LogLevel::error);
-    } catch (...) {
-        printI("❌ The log handler threw an unknown exception", LogLevel::error);
     }
 }
 

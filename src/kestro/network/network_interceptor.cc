@@ -56,14 +56,7 @@ struct NetworkInterceptor::State : std::enable_shared_from_this<NetworkIntercept
     std::shared_ptr<URLSession> privateSession;
 
     void report(const InterceptedRequestWrapper& wrapper) const {
-        try {
-            callback.call(wrapper);
-        } catch (const std::exception& e) {
-            printI(std::string("❌ The network capture handler threw: ") + e.what(),
-                   LogLevel::error);
-        } catch (...) {
-            printI("❌ The network capture handler threw", LogLevel::error);
-        }
+        runReportingThrows("The network capture handler", [&] { callback.call(wrapper); });
     }
 
     std::pair<std::optional<MockCacheEntry>, bool> lookup(const URLRequest& request) const {

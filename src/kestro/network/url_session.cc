@@ -203,13 +203,8 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
         auto response = std::move(resultResponse);
         auto error = std::move(resultError);
         if (!cb) return;
-        try {
-            cb(std::move(data), std::move(response), std::move(error));
-        } catch (const std::exception& e) {
-            printI(std::string("❌ A request's completion threw: ") + e.what(), LogLevel::error);
-        } catch (...) {
-            printI("❌ A request's completion threw", LogLevel::error);
-        }
+        runReportingThrows("A request's completion",
+                           [&] { cb(std::move(data), std::move(response), std::move(error)); });
     }
 
     // Lets go of the handler object, which holds our client and so this task. Deferred because
@@ -229,11 +224,7 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
             h = std::move(handler);
         }
         if (!h || !stop) return;
-        try {
-            h->stopLoading();
-        } catch (...) {
-            printI("❌ A protocol handler's stopLoading threw", LogLevel::error);
-        }
+        runReportingThrows("A protocol handler's stopLoading", [&] { h->stopLoading(); });
     }
 };
 
@@ -249,14 +240,7 @@ void Deferred::run() const {
             core->dropHandler(true);
             break;
         case Kind::work:
-            try {
-                work();
-            } catch (const std::exception& e) {
-                printI(std::string("❌ Work handed to the loading thread threw: ") + e.what(),
-                       LogLevel::error);
-            } catch (...) {
-                printI("❌ Work handed to the loading thread threw", LogLevel::error);
-            }
+            runReportingThrows("Work handed to the loading thread", work);
             break;
     }
 }
@@ -1225,13 +1209,20 @@ class TaskClient final : public URLProtocolClient {
 void startWithHandlers(const std::shared_ptr<TaskCore>& core,
                        const std::vector<std::shared_ptr<const URLProtocolClass>>& classes) {
     if (core->done.load()) return;
+    // The handler (if it was made) holds the task through its client: letting it go breaks
+    // that cycle.
+    auto failToStart = [&](const std::string& detail) {
+        printI("❌ A protocol handler failed to start: " + detail, LogLevel::error);
+        core->releaseHandler(false);
+        if (core->claim()) {
+            core->deliver(std::nullopt, std::nullopt,
+                          URLError::make(URLErrorCode::unknown, detail));
+        }
+    };
     for (const auto& cls : classes) {
         bool admitted = false;
-        try {
-            admitted = cls->canInit(core->request);
-        } catch (...) {
-            printI("❌ A protocol handler's admission test threw", LogLevel::error);
-        }
+        runReportingThrows("A protocol handler's admission test",
+                           [&] { admitted = cls->canInit(core->request); });
         if (!admitted) continue;
         try {
             URLRequest canonical = cls->canonicalRequest(core->request);
@@ -1243,12 +1234,10 @@ void startWithHandlers(const std::shared_ptr<TaskCore>& core,
             core->handler = handler;
             handler->startLoading();
         } catch (const std::exception& e) {
-            printI(std::string("❌ A protocol handler failed to start: ") + e.what(),
-                   LogLevel::error);
-            if (core->claim()) {
-                core->deliver(std::nullopt, std::nullopt,
-                              URLError::make(URLErrorCode::unknown, e.what()));
-            }
+            failToStart(e.what());
+        } catch (...) {
+            // Nothing may reach the caller, which may be the application's thread.
+            failToStart("unknown exception");
         }
         return;
     }

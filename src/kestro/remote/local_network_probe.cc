@@ -198,11 +198,7 @@ struct AccessProbe : std::enable_shared_from_this<AccessProbe> {
         timer.cancel();
         boost::system::error_code ignored;
         socket.close(ignored);
-        try {
-            done(ready);
-        } catch (...) {
-            printI("❌ The local network access completion threw", LogLevel::error);
-        }
+        runReportingThrows("The local network access completion", [&] { done(ready); });
     }
 };
 

@@ -62,14 +62,7 @@ bool callingOnThisThread(const RequestsSubscription::Entry* entry) {
 
 void invoke(RequestsSubscription::Entry& entry, const RequestsChange& change) {
     tCalling.push_back(&entry);
-    try {
-        entry.observer(change);
-    } catch (const std::exception& e) {
-        printI(std::string("❌ An observer of the stored requests threw: ") + e.what(),
-               LogLevel::error);
-    } catch (...) {
-        printI("❌ An observer of the stored requests threw", LogLevel::error);
-    }
+    runReportingThrows("An observer of the stored requests", [&] { entry.observer(change); });
     tCalling.pop_back();
 }
 
