@@ -94,9 +94,18 @@ bool matchesPlain(std::string_view url, std::string_view pattern) {
     return p == pattern.size();
 }
 
-}  // namespace
+// The length of the one line break that ends `s` (CR LF counts as one), 0 without one. The
+// bytes of U+0085, U+2028 and U+2029 always stand for those characters at the end of a text:
+// none of them can continue an earlier sequence.
+std::size_t finalLineBreakLength(std::string_view s) {
+    if (s.ends_with("\r\n")) return 2;
+    if (!s.empty() && s.back() >= 0x0A && s.back() <= 0x0D) return 1;
+    if (s.ends_with("\xC2\x85")) return 2;
+    if (s.ends_with("\xE2\x80\xA8") || s.ends_with("\xE2\x80\xA9")) return 3;
+    return 0;
+}
 
-bool doesURLMatchPattern(std::string_view url, std::string_view pattern) {
+bool globMatches(std::string_view url, std::string_view pattern) {
     if (pattern.find('*') == std::string_view::npos) return url == pattern;
     if (isPlainASCII(url) && isPlainASCII(pattern)) return matchesPlain(url, pattern);
 
@@ -129,6 +138,17 @@ bool doesURLMatchPattern(std::string_view url, std::string_view pattern) {
         if (!any) return false;
     }
     return reach[p.size()] != 0;
+}
+
+}  // namespace
+
+// The glob stands for an anchored regular expression, and its "$" matches at the end of the
+// text and also before one line break that ends it: "https://h/a" and "https://h/*" match the
+// URL "https://h/a\n" too.
+bool doesURLMatchPattern(std::string_view url, std::string_view pattern) {
+    if (globMatches(url, pattern)) return true;
+    const std::size_t lineBreak = finalLineBreakLength(url);
+    return lineBreak > 0 && globMatches(url.substr(0, url.size() - lineBreak), pattern);
 }
 
 // --- MockCacheEntry -------------------------------------------------------------------------

@@ -43,7 +43,9 @@ struct KESTRO_API MockCacheEntry {
 
 /// Whether `url` matches the glob `pattern`: every character stands for itself, case-sensitively,
 /// except "*", which stands for any run of characters that contains no line break (none
-/// included). Linear in practice and never fails, whatever the pattern holds.
+/// included). A URL that ends in one line break (CR LF counting as one) also matches what it
+/// matches without it, as the anchored regular expression the glob stands for does. Linear in
+/// practice and never fails, whatever the pattern holds.
 KESTRO_API bool doesURLMatchPattern(std::string_view url, std::string_view pattern);
 
 /// The mock rules, in memory, keyed by their pattern text, looked up in insertion order.
