@@ -92,6 +92,15 @@ TEST(TimeTextTest, FormatsAndConvertsPointsInTime) {
     // Microseconds survive the trip through a double for present-day times.
     const TimePoint precise = TimePoint{} + microseconds(1714566896123456LL);
     EXPECT_EQ(fromSecondsSince1970(secondsSince1970(precise)), precise);
+    // Times outside the clock's range (a corrupt row, a hostile frame) are clamped to its ends,
+    // which still format and convert back.
+    const TimePoint far = fromSecondsSince1970(171456623456.0);  // the year 7403
+    EXPECT_GT(far, TimePoint{} + hours(24 * 365 * 290));
+    EXPECT_EQ(fromSecondsSince1970(secondsSince1970(far)), far);
+    EXPECT_EQ(fromSecondsSince1970(1e300), far);
+    EXPECT_LT(fromSecondsSince1970(-1e300), TimePoint{} - hours(24 * 365 * 290));
+    EXPECT_EQ(fromSecondsSince1970(std::nan("")), TimePoint{});
+    EXPECT_FALSE(iso8601WithMilliseconds(far).empty());
     // Before 1970 the fraction is still a positive number of milliseconds.
     EXPECT_EQ(iso8601WithMilliseconds(TimePoint{} - milliseconds(1)), "1969-12-31T23:59:59.999Z");
     EXPECT_EQ(timeOfDay(TimePoint{} - milliseconds(1)), "23:59:59.999Z");

@@ -5,6 +5,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/json/parse.hpp>
+#include <limits>
 
 #include "kestro/network/url_protocol.h"
 #include "support/console_capture.h"
@@ -77,6 +78,14 @@ TEST(UploadTest, PostsTheDictionaryWithKeyAndMarksTheRequestAsOwn) {
     EXPECT_EQ(request->timeoutInterval, std::chrono::seconds(60));
     EXPECT_EQ(request->cachePolicy, URLRequestCachePolicy::useProtocolCachePolicy);
     EXPECT_EQ(request->allHTTPHeaderFields.size(), 2u);
+
+    // A dictionary holding a number with no JSON form goes out with no body rather than with
+    // text that is not JSON.
+    JSONDictionary unwritable = data;
+    unwritable["details"] = boost::json::object{{"ratio", std::numeric_limits<double>::infinity()}};
+    request = remote::internal::makeUploadRequest("http://127.0.0.1:1/v1/devices", unwritable, "k");
+    ASSERT_TRUE(request);
+    EXPECT_FALSE(request->httpBody);
 }
 
 TEST(UploadTest, ResultCasesInOrder) {

@@ -70,12 +70,21 @@ double secondsSince1970(TimePoint t) {
 
 TimePoint fromSecondsSince1970(double seconds) {
     if (!std::isfinite(seconds)) return TimePoint{};
+    // Clamped to the clock's own range (its count is in nanoseconds: the years 1678 to 2262),
+    // so that a stored or received time far outside it cannot overflow the conversion.
+    using std::chrono::microseconds;
+    constexpr std::int64_t kLimit =
+        std::chrono::duration_cast<microseconds>(TimePoint::duration::max()).count() - 1;
     const double us = std::round(seconds * 1e6);
-    // Clamp to what a 64-bit microsecond count holds (about ±292,000 years).
-    constexpr double kLimit = 9.2e18;
-    const double clamped = us > kLimit ? kLimit : (us < -kLimit ? -kLimit : us);
-    return TimePoint{std::chrono::duration_cast<TimePoint::duration>(
-        std::chrono::microseconds(static_cast<std::int64_t>(clamped)))};
+    std::int64_t count = 0;
+    if (us >= static_cast<double>(kLimit)) {
+        count = kLimit;
+    } else if (us <= -static_cast<double>(kLimit)) {
+        count = -kLimit;
+    } else {
+        count = static_cast<std::int64_t>(us);
+    }
+    return TimePoint{std::chrono::duration_cast<TimePoint::duration>(microseconds(count))};
 }
 
 }  // namespace kestro

@@ -562,6 +562,27 @@ TimePoint RequestEventType::timestamp() const {
     return std::visit([](const auto& r) { return r.createdAt; }, value_);
 }
 
+bool allNumbersFinite(const json::value& v) {
+    switch (v.kind()) {
+        case json::kind::double_:
+            return std::isfinite(v.get_double());
+        case json::kind::array:
+            for (const auto& e : v.get_array())
+                if (!allNumbersFinite(e)) return false;
+            return true;
+        case json::kind::object:
+            return allNumbersFinite(v.get_object());
+        default:
+            return true;
+    }
+}
+
+bool allNumbersFinite(const json::object& o) {
+    for (const auto& kv : o)
+        if (!allNumbersFinite(kv.value())) return false;
+    return true;
+}
+
 std::string lastPathComponent(std::string_view path) {
     std::size_t end = path.size();
     while (end > 0 && path[end - 1] == '/') --end;

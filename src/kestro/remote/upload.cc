@@ -21,10 +21,11 @@ std::optional<URLRequest> makeUploadRequest(const std::string& urlString,
     request.httpMethod = "POST";
     request.setValue(apiKey, "Api-Key");
     request.setValue("application/json", "Content-Type");
+    // A body that cannot be written as JSON (a number with no JSON form) goes out as no body;
+    // the server's answer decides.
     try {
-        request.httpBody = boost::json::serialize(data);
+        if (allNumbersFinite(data)) request.httpBody = boost::json::serialize(data);
     } catch (...) {
-        // A body that cannot be written goes out as no body; the server's answer decides.
         request.httpBody.reset();
     }
     return request;

@@ -88,24 +88,6 @@ bool isValidUtf8(std::string_view text) {
     return true;
 }
 
-// JSON text has no form for infinities and NaN; a payload holding one cannot be stored.
-bool allNumbersFinite(const json::value& v) {
-    switch (v.kind()) {
-        case json::kind::double_:
-            return std::isfinite(v.get_double());
-        case json::kind::array:
-            for (const auto& e : v.get_array())
-                if (!allNumbersFinite(e)) return false;
-            return true;
-        case json::kind::object:
-            for (const auto& kv : v.get_object())
-                if (!allNumbersFinite(kv.value())) return false;
-            return true;
-        default:
-            return true;
-    }
-}
-
 struct RowFields {
     const std::string* type;
     std::string_view level;
@@ -508,8 +490,7 @@ struct RequestStoreSQLite::Impl {
             std::string text = item.toJSON();
             if (!isValidUtf8(text)) return std::nullopt;
             if (const auto* e = item.asCustomEvent()) {
-                for (const auto& kv : e->details.payload)
-                    if (!allNumbersFinite(kv.value())) return std::nullopt;
+                if (!allNumbersFinite(e->details.payload)) return std::nullopt;
             }
             return text;
         } catch (const std::exception&) {
