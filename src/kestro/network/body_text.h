@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "kestro/core/export.h"
+#include "kestro/core/utf8.h"  // isValidUTF8, part of this header's surface
 
 namespace kestro {
 
@@ -19,8 +20,5 @@ KESTRO_API std::string capturedBodyText(std::string_view bytes, std::string_view
 
 /// Standard base64 (RFC 4648, with padding, no line breaks).
 KESTRO_API std::string base64Encode(std::string_view bytes);
-
-/// Whether bytes are well-formed UTF-8 (no overlongs, no surrogates, nothing above U+10FFFF).
-KESTRO_API bool isValidUTF8(std::string_view bytes);
 
 }  // namespace kestro

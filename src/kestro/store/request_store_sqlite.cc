@@ -19,6 +19,7 @@
 
 #include "kestro/core/console.h"
 #include "kestro/core/data_directory.h"
+#include "kestro/core/utf8.h"
 #include "kestro/store/serial_queue.h"
 
 namespace kestro {
@@ -47,46 +48,6 @@ bool isCorruption(int rc) {
 }
 
 bool verboseShown() { return consoleAllows(consoleLevel(), LogLevel::verbose); }
-
-// Strict UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
-bool isValidUtf8(std::string_view text) {
-    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
-    const auto* const end = p + text.size();
-    while (p < end) {
-        if (end - p >= 8) {
-            std::uint64_t word;
-            std::memcpy(&word, p, 8);
-            if ((word & 0x8080808080808080ULL) == 0) {
-                p += 8;
-                continue;
-            }
-        }
-        const unsigned c = *p;
-        if (c < 0x80) {
-            ++p;
-            continue;
-        }
-        std::ptrdiff_t more;
-        std::uint32_t cp, least;
-        if ((c & 0xE0) == 0xC0) {
-            more = 1, cp = c & 0x1F, least = 0x80;
-        } else if ((c & 0xF0) == 0xE0) {
-            more = 2, cp = c & 0x0F, least = 0x800;
-        } else if ((c & 0xF8) == 0xF0) {
-            more = 3, cp = c & 0x07, least = 0x10000;
-        } else {
-            return false;
-        }
-        if (end - p <= more) return false;
-        for (std::ptrdiff_t i = 1; i <= more; ++i) {
-            if ((p[i] & 0xC0) != 0x80) return false;
-            cp = (cp << 6) | (p[i] & 0x3F);
-        }
-        if (cp < least || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-        p += more + 1;
-    }
-    return true;
-}
 
 struct RowFields {
     const std::string* type;
@@ -488,7 +449,7 @@ struct RequestStoreSQLite::Impl {
     static std::optional<std::string> encodeRow(const RequestEventType& item) {
         try {
             std::string text = item.toJSON();
-            if (!isValidUtf8(text)) return std::nullopt;
+            if (!isValidUTF8(text)) return std::nullopt;
             if (const auto* e = item.asCustomEvent()) {
                 if (!allNumbersFinite(e->details.payload)) return std::nullopt;
             }
