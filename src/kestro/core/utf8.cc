@@ -9,7 +9,7 @@ bool isValidUTF8(std::string_view bytes) {
     const std::size_t n = bytes.size();
     std::size_t i = 0;
     while (i < n) {
-        // Eight ASCII bytes at a time: the common case for text bodies.
+        // Eight ASCII bytes at a time: the common case for bodies and records.
         while (i + 8 <= n) {
             std::uint64_t v;
             __builtin_memcpy(&v, s + i, 8);
