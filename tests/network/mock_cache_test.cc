@@ -102,6 +102,12 @@ TEST(MockCacheEntryTest, DecodingAndMediaTypes) {
     EXPECT_TRUE(full->isMediaRequest());
     EXPECT_EQ(MockCacheEntry::decode(full->encode()), full);
 
+    // A status must be an integer within range; a huge or fractional number refuses the rule.
+    EXPECT_EQ(decode(R"({"url":"u","statusCode":201.0})")->statusCode, 201);
+    EXPECT_FALSE(decode(R"({"url":"u","statusCode":4.8e55})"));
+    EXPECT_FALSE(decode(R"({"url":"u","statusCode":-4.8e55})"));
+    EXPECT_FALSE(decode(R"({"url":"u","statusCode":200.5})"));
+
     auto minimal = decode(R"({"url":"u","mockedUrl":null,"statusCode":null,"headers":null,"body":null})");
     ASSERT_TRUE(minimal);
     EXPECT_FALSE(minimal->statusCode);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 
 #include "kestro/core/console.h"
 
@@ -172,9 +173,12 @@ std::optional<MockCacheEntry> MockCacheEntry::decode(const json::object& from) {
             e.statusCode = v->get_int64();
         } else if (v->is_uint64() && v->get_uint64() <= static_cast<std::uint64_t>(INT64_MAX)) {
             e.statusCode = static_cast<std::int64_t>(v->get_uint64());
-        } else if (v->is_double() && v->get_double() == static_cast<double>(static_cast<std::int64_t>(v->get_double())) &&
-                   v->get_double() > -9.2e18 && v->get_double() < 9.2e18) {
-            e.statusCode = static_cast<std::int64_t>(v->get_double());
+        } else if (v->is_double()) {
+            // In range before converting: a double outside int64's range (or NaN) has no
+            // conversion. Integral doubles only ("201.0" is 201).
+            const double x = v->get_double();
+            if (!(x > -9.2e18 && x < 9.2e18) || std::trunc(x) != x) return std::nullopt;
+            e.statusCode = static_cast<std::int64_t>(x);
         } else {
             return std::nullopt;
         }
