@@ -3,22 +3,15 @@
 // well-formed UTF-8 and that equals its copy.
 
 #include <gtest/gtest.h>
-#include <unicode/ustring.h>
 
 #include <string>
 
 #include "jsonview/fuzz_inputs.h"
+#include "kestro/core/utf8.h"
 #include "kestro/jsonview/json_parser.h"
 
 namespace kestro {
 namespace {
-
-bool isValidUTF8(std::string_view s) {
-    UErrorCode status = U_ZERO_ERROR;
-    int32_t length = 0;
-    u_strFromUTF8(nullptr, 0, &length, s.data(), static_cast<int32_t>(s.size()), &status);
-    return status == U_BUFFER_OVERFLOW_ERROR || U_SUCCESS(status);
-}
 
 void expectWellFormed(const JSONValue& v) {
     EXPECT_TRUE(isValidUTF8(v.text()));

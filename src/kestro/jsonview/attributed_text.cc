@@ -61,55 +61,6 @@ std::size_t advanceUTF16(std::string_view utf8, std::size_t utf16Units) {
     return i;
 }
 
-bool isWellFormedUTF8(std::string_view bytes) {
-    const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
-    const std::size_t n = bytes.size();
-    std::size_t i = 0;
-    while (i < n) {
-        const unsigned char b = p[i];
-        if (b < 0x80) {
-            // Skip ASCII a word at a time.
-            ++i;
-            for (std::uint64_t w; i + 8 <= n; i += 8) {
-                std::memcpy(&w, p + i, 8);
-                if (w & 0x8080808080808080u) break;
-            }
-            continue;
-        }
-        std::size_t len;
-        unsigned char lo = 0x80, hi = 0xBF;
-        if (b >= 0xC2 && b <= 0xDF) {
-            len = 2;
-        } else if (b == 0xE0) {
-            len = 3;
-            lo = 0xA0;
-        } else if (b >= 0xE1 && b <= 0xEC) {
-            len = 3;
-        } else if (b == 0xED) {
-            len = 3;
-            hi = 0x9F;  // no surrogates
-        } else if (b >= 0xEE && b <= 0xEF) {
-            len = 3;
-        } else if (b == 0xF0) {
-            len = 4;
-            lo = 0x90;
-        } else if (b >= 0xF1 && b <= 0xF3) {
-            len = 4;
-        } else if (b == 0xF4) {
-            len = 4;
-            hi = 0x8F;
-        } else {
-            return false;
-        }
-        if (i + len > n) return false;
-        if (p[i + 1] < lo || p[i + 1] > hi) return false;
-        for (std::size_t k = 2; k < len; ++k)
-            if ((p[i + k] & 0xC0) != 0x80) return false;
-        i += len;
-    }
-    return true;
-}
-
 std::size_t scalarCount(std::string_view utf8) {
     std::size_t count = 0;
     for (unsigned char b : utf8) count += (b & 0xC0) != 0x80;

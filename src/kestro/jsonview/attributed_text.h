@@ -530,8 +530,6 @@ namespace jsonview::internal {
 std::size_t utf16Count(std::string_view utf8);
 /// The byte position reached after advancing utf16Units from the start of utf8.
 std::size_t advanceUTF16(std::string_view utf8, std::size_t utf16Units);
-/// Whether bytes are well-formed UTF-8.
-bool isWellFormedUTF8(std::string_view bytes);
 /// Number of Unicode scalars.
 std::size_t scalarCount(std::string_view utf8);
 

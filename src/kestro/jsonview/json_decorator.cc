@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "kestro/core/console.h"
+#include "kestro/core/utf8.h"
 #include "kestro/jsonview/json_parser.h"
 #include "kestro/jsonview/json_value.h"
 
@@ -14,7 +15,6 @@ namespace kestro {
 namespace {
 
 using jsonview::internal::advanceUTF16;
-using jsonview::internal::isWellFormedUTF8;
 using jsonview::internal::utf16Count;
 
 std::string withoutLineFeeds(std::string_view text) {
@@ -222,7 +222,7 @@ std::string JSONDecorator::writeIndent() const {
 std::shared_ptr<JSONDecorator> JSONDecorator::highlight(std::string_view json,
                                                         const HighlightStyle& style,
                                                         State initialState, bool judgmentValid) {
-    if (!isWellFormedUTF8(json)) {
+    if (!isValidUTF8(json)) {
         printI("❌ JSON viewer: the text is not valid UTF-8 and was not decorated", LogLevel::error);
         return nullptr;
     }
@@ -234,7 +234,7 @@ std::shared_ptr<JSONDecorator> JSONDecorator::highlight(std::string_view json,
 }
 
 std::vector<JSONSlice> JSONDecorator::createSlices(std::string_view json) {
-    if (!isWellFormedUTF8(json)) return {};
+    if (!isValidUTF8(json)) return {};
     return createSlices(parseJSON(json), json);
 }
 
