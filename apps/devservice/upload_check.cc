@@ -3,6 +3,7 @@
 #include <cmath>
 #include <initializer_list>
 
+#include "kestro/core/json_numbers.h"
 #include "kestro/records/records.h"
 
 namespace kestro::devservice {
@@ -133,16 +134,7 @@ std::optional<std::string> checkEvent(const boost::json::object& o) {
 
 using internal::Kind;
 
-bool isInteger(const boost::json::value& v) {
-    if (v.is_int64()) return true;
-    if (v.is_uint64()) return v.get_uint64() <= static_cast<std::uint64_t>(INT64_MAX);
-    if (v.is_double()) {
-        const double d = v.get_double();
-        return std::isfinite(d) && std::trunc(d) == d && d >= -9223372036854775808.0 &&
-               d < 9223372036854775808.0;
-    }
-    return false;
-}
+bool isInteger(const boost::json::value& v) { return jsonInteger(v).has_value(); }
 
 std::optional<std::string> checkApiKey(std::optional<std::string_view> key) {
     if (!key) return std::string("the \"Api-Key\" header is missing");

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "kestro/core/json_numbers.h"
 #include "kestro/records/records.h"
 
 namespace {

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cmath>
 
 #include "kestro/core/console.h"
+#include "kestro/core/json_numbers.h"
 
 namespace kestro {
 namespace {
@@ -169,19 +169,8 @@ std::optional<MockCacheEntry> MockCacheEntry::decode(const json::object& from) {
         e.mockedUrl = std::string(v->get_string());
     }
     if (const json::value* v = present("statusCode")) {
-        if (v->is_int64()) {
-            e.statusCode = v->get_int64();
-        } else if (v->is_uint64() && v->get_uint64() <= static_cast<std::uint64_t>(INT64_MAX)) {
-            e.statusCode = static_cast<std::int64_t>(v->get_uint64());
-        } else if (v->is_double()) {
-            // In range before converting: a double outside int64's range (or NaN) has no
-            // conversion. Integral doubles only ("201.0" is 201).
-            const double x = v->get_double();
-            if (!(x > -9.2e18 && x < 9.2e18) || std::trunc(x) != x) return std::nullopt;
-            e.statusCode = static_cast<std::int64_t>(x);
-        } else {
-            return std::nullopt;
-        }
+        e.statusCode = jsonInteger(*v);
+        if (!e.statusCode) return std::nullopt;
     }
     if (const json::value* v = present("headers")) {
         if (!v->is_object()) return std::nullopt;

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <limits>
 
+#include "kestro/core/json_numbers.h"
+
 namespace kestro {
 namespace {
 
@@ -40,20 +42,7 @@ std::optional<double> number(const JSONDictionary& d, std::string_view key) {
 std::optional<std::int64_t> integer(const JSONDictionary& d, std::string_view key) {
     const json::value* v = find(d, key);
     if (v == nullptr) return std::nullopt;
-    if (v->is_int64()) return v->get_int64();
-    if (v->is_uint64()) {
-        if (v->get_uint64() > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))
-            return std::nullopt;
-        return static_cast<std::int64_t>(v->get_uint64());
-    }
-    if (v->is_double()) {
-        const double x = v->get_double();
-        if (!std::isfinite(x) || std::trunc(x) != x || x < -9223372036854775808.0 ||
-            x >= 9223372036854775808.0)
-            return std::nullopt;
-        return static_cast<std::int64_t>(x);
-    }
-    return std::nullopt;
+    return jsonInteger(*v);
 }
 
 const JSONDictionary* object(const JSONDictionary& d, std::string_view key) {
@@ -560,27 +549,6 @@ const std::string& RequestEventType::id() const {
 
 TimePoint RequestEventType::timestamp() const {
     return std::visit([](const auto& r) { return r.createdAt; }, value_);
-}
-
-bool allNumbersFinite(const json::value& v) {
-    switch (v.kind()) {
-        case json::kind::double_:
-            return std::isfinite(v.get_double());
-        case json::kind::array:
-            for (const auto& e : v.get_array())
-                if (!allNumbersFinite(e)) return false;
-            return true;
-        case json::kind::object:
-            return allNumbersFinite(v.get_object());
-        default:
-            return true;
-    }
-}
-
-bool allNumbersFinite(const json::object& o) {
-    for (const auto& kv : o)
-        if (!allNumbersFinite(kv.value())) return false;
-    return true;
 }
 
 std::string lastPathComponent(std::string_view path) {

@@ -166,11 +166,6 @@ private:
     std::variant<RequestTypeRequest, RequestTypeLog, RequestTypeEvent> value_;
 };
 
-/// Whether every number in `v` is finite. JSON text has no form for infinities and NaN, so a
-/// value holding one cannot be written as JSON (it is neither stored nor sent as a body).
-KESTRO_API bool allNumbersFinite(const boost::json::value& v);
-KESTRO_API bool allNumbersFinite(const boost::json::object& o);
-
 /// The last path component: the text after the last "/", a trailing "/" ignored; the whole
 /// text if there is no "/".
 KESTRO_API std::string lastPathComponent(std::string_view path);

@@ -5,6 +5,7 @@
 
 #include "kestro/core/console.h"
 #include "kestro/core/executor.h"
+#include "kestro/core/json_numbers.h"
 #include "kestro/network/url_protocol.h"
 #include "kestro/network/url_session.h"
 

@@ -19,6 +19,7 @@
 
 #include "kestro/core/console.h"
 #include "kestro/core/data_directory.h"
+#include "kestro/core/json_numbers.h"
 #include "kestro/core/utf8.h"
 #include "kestro/store/serial_queue.h"
 
