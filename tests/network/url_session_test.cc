@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <strings.h>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -82,6 +83,46 @@ TEST(URLSessionTest, GetAndPostRoundTrips) {
     EXPECT_TRUE(received[0].header("User-Agent").value_or("").starts_with("kestro/"));
     EXPECT_FALSE(received[1].header("Expect").has_value());
     EXPECT_EQ(received[5].header("Content-Length"), "0");
+}
+
+// The header list given to libcurl is built by hand: every field must arrive once, with its
+// value, whether it comes from the request or the session, and fields with an empty value too.
+TEST(URLSessionTest, RequestAndSessionHeaderFieldsAreSentOnceEach) {
+    HttpServer server([](const test::ReceivedRequest&) { return HttpReply::text(200, "ok"); });
+    URLSessionConfiguration cfg;
+    cfg.httpAdditionalHeaders.emplace("X-App", "demo");
+    cfg.httpAdditionalHeaders.emplace("X-Shared", "from the session");
+    URLSession withExtras(cfg);
+
+    URLRequest r(server.url("/h"));
+    // Above 1 MiB libcurl would ask for "100-continue" unless told otherwise.
+    r.httpMethod = "POST";
+    r.httpBody = std::string(2 << 20, 'b');
+    r.setValue("from the request", "x-shared");
+    r.setValue("", "X-Empty");
+    for (int i = 0; i < 20; ++i) r.setValue(std::string(i * 10, 'v'), "X-Field-" + std::to_string(i));
+    Outcome o = load(withExtras, r);
+    ASSERT_FALSE(o.error) << o.error->localizedDescription();
+    // A request with no fields of its own gets the session's.
+    o = load(withExtras, URLRequest(server.url("/s")));
+    ASSERT_FALSE(o.error) << o.error->localizedDescription();
+
+    const auto received = server.requests();
+    ASSERT_EQ(received.size(), 2u);
+    const auto& first = received[0];
+    EXPECT_EQ(first.header("X-App"), "demo");
+    EXPECT_EQ(first.header("X-Shared"), "from the request");
+    EXPECT_EQ(first.header("X-Empty"), "");
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(first.header("X-Field-" + std::to_string(i)), std::string(i * 10, 'v')) << i;
+    }
+    EXPECT_FALSE(first.header("Expect").has_value());
+    EXPECT_EQ(first.body.size(), 2u << 20);
+    int shared = 0;
+    for (const auto& [name, value] : first.headers) shared += strcasecmp(name.c_str(), "x-shared") == 0;
+    EXPECT_EQ(shared, 1);
+    EXPECT_EQ(received[1].header("X-Shared"), "from the session");
+    EXPECT_FALSE(received[1].header("X-Empty").has_value());
 }
 
 TEST(URLSessionTest, ResponseHeadersAreCanonicalAndRepeatedFieldsJoined) {
