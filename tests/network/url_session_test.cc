@@ -358,6 +358,8 @@ TEST(URLSessionTest, TransportFaultsAreReportedOnce) {
         << garbage.error->localizedDescription();
 
     for (const char* url : {"not a url", "http://", "/relative/path"}) {
+        // Each right after a valid one: a URL is not taken for the last one checked.
+        EXPECT_FALSE(load(session(), server.url("/ok")).error);
         Outcome bad = load(session(), url);
         ASSERT_TRUE(bad.error) << url;
         EXPECT_TRUE(bad.error->is(URLErrorCode::badURL)) << url;

@@ -1289,6 +1289,56 @@ std::atomic<std::uint64_t> gNextTaskId{1};
 using network::internal::TaskCore;
 using network::internal::TaskState;
 
+namespace {
+
+// The queue key of an absolute http(s) URL, "scheme://host:port" with the host in lower case
+// and the scheme's port filled in; or, for any other URL, the error it fails with.
+struct URLOrigin {
+    std::string key;
+    URLErrorCode code = URLErrorCode::badURL;
+};
+
+URLOrigin parseOrigin(const std::string& url) {
+    auto parsed = boost::urls::parse_absolute_uri(url);
+    if (!parsed || !parsed->has_authority() || parsed->host().empty()) return {};
+    if (parsed->scheme_id() != boost::urls::scheme::http &&
+        parsed->scheme_id() != boost::urls::scheme::https) {
+        return {{}, URLErrorCode::unsupportedURL};
+    }
+    const bool https = parsed->scheme_id() == boost::urls::scheme::https;
+    URLOrigin origin;
+    origin.key = https ? "https://" : "http://";
+    for (const char c : parsed->encoded_host())
+        origin.key.push_back(c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c);
+    origin.key.push_back(':');
+    if (parsed->has_port() && !parsed->port().empty()) {
+        origin.key.append(parsed->port());
+    } else {
+        origin.key.append(https ? "443" : "80");
+    }
+    return origin;
+}
+
+// Requests of a thread mostly go to the URL of its previous one (an upload endpoint, one API):
+// that URL's answer is kept rather than parsed again (URLs of ordinary length only, so that a
+// thread does not hold on to a huge one).
+const URLOrigin& originOf(const std::string& url) {
+    constexpr std::size_t kLongestKept = 2048;
+    thread_local std::string lastURL;
+    thread_local URLOrigin lastOrigin;
+    if (url.empty() || url != lastURL) {
+        lastOrigin = parseOrigin(url);
+        if (url.size() <= kLongestKept) {
+            lastURL = url;
+        } else {
+            lastURL.clear();
+        }
+    }
+    return lastOrigin;
+}
+
+}  // namespace
+
 URLSessionDataTask::URLSessionDataTask(std::shared_ptr<TaskCore> core) : core_(std::move(core)) {}
 URLSessionDataTask::~URLSessionDataTask() = default;
 
@@ -1301,26 +1351,10 @@ void URLSessionDataTask::resume() {
     std::optional<URLError> bad;
     if (!rq.url) {
         bad = URLError::make(URLErrorCode::badURL, "the request has no URL");
+    } else if (const URLOrigin& origin = originOf(*rq.url); !origin.key.empty()) {
+        core_->origin = origin.key;
     } else {
-        auto parsed = boost::urls::parse_absolute_uri(*rq.url);
-        if (!parsed || !parsed->has_authority() || parsed->host().empty()) {
-            bad = URLError::make(URLErrorCode::badURL, *rq.url);
-        } else if (parsed->scheme_id() != boost::urls::scheme::http &&
-                   parsed->scheme_id() != boost::urls::scheme::https) {
-            bad = URLError::make(URLErrorCode::unsupportedURL, *rq.url);
-        } else {
-            const bool https = parsed->scheme_id() == boost::urls::scheme::https;
-            std::string& origin = core_->origin;
-            origin = https ? "https://" : "http://";
-            for (const char c : parsed->encoded_host())
-                origin.push_back(c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c);
-            origin.push_back(':');
-            if (parsed->has_port() && !parsed->port().empty()) {
-                origin.append(parsed->port());
-            } else {
-                origin.append(https ? "443" : "80");
-            }
-        }
+        bad = URLError::make(origin.code, *rq.url);
     }
     if (bad) {
         if (core_->claim()) core_->deliver(std::nullopt, std::nullopt, std::move(bad));
