@@ -100,6 +100,18 @@ TEST(TimeTextTest, FormatsAndConvertsPointsInTime) {
     EXPECT_EQ(fromSecondsSince1970(1e300), far);
     EXPECT_LT(fromSecondsSince1970(-1e300), TimePoint{} - hours(24 * 365 * 290));
     EXPECT_EQ(fromSecondsSince1970(std::nan("")), TimePoint{});
+    // Past 2038 a double of seconds no longer holds every microsecond: a time read from one
+    // must still survive any number of further trips unchanged (4300000000.1, the year 2106,
+    // moved by a microsecond per trip).
+    std::uint64_t lcg = 12345;
+    for (int i = 0; i < 20000; ++i) {
+        lcg = lcg * 6364136223846793005ULL + 1442695040888963407ULL;
+        const double magnitude = 2147483648.0 + static_cast<double>(lcg >> 11) * 0x1p-53 * 7.1e9;
+        for (const double seconds : {magnitude, -magnitude, 4300000000.1}) {
+            const TimePoint once = fromSecondsSince1970(seconds);
+            ASSERT_EQ(fromSecondsSince1970(secondsSince1970(once)), once) << seconds;
+        }
+    }
     EXPECT_FALSE(iso8601WithMilliseconds(far).empty());
     // Before 1970 the fraction is still a positive number of milliseconds.
     EXPECT_EQ(iso8601WithMilliseconds(TimePoint{} - milliseconds(1)), "1969-12-31T23:59:59.999Z");

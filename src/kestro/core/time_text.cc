@@ -75,14 +75,24 @@ TimePoint fromSecondsSince1970(double seconds) {
     using std::chrono::microseconds;
     constexpr std::int64_t kLimit =
         std::chrono::duration_cast<microseconds>(TimePoint::duration::max()).count() - 1;
-    const double us = std::round(seconds * 1e6);
-    std::int64_t count = 0;
-    if (us >= static_cast<double>(kLimit)) {
-        count = kLimit;
-    } else if (us <= -static_cast<double>(kLimit)) {
-        count = -kLimit;
-    } else {
-        count = static_cast<std::int64_t>(us);
+    auto toCount = [](double us) {
+        us = std::round(us);
+        if (us >= static_cast<double>(kLimit)) return kLimit;
+        if (us <= -static_cast<double>(kLimit)) return -kLimit;
+        return static_cast<std::int64_t>(us);
+    };
+    std::int64_t count = toCount(seconds * 1e6);
+    // Up to 2^31 seconds (the year 2038) a double of seconds holds every microsecond, so a time
+    // comes back from secondsSince1970() unchanged. Beyond, its step nears and then passes a
+    // microsecond (0.95 µs at 2^32 seconds, 1.9 µs at 2^33), and a time could move by one on
+    // each trip through a record's dictionary: it is moved at once to a nearby microsecond that
+    // the trip gives back (at most a handful of steps away).
+    if (std::abs(seconds) >= 2147483648.0) {
+        for (int step = 0; step < 16; ++step) {
+            const std::int64_t back = toCount(static_cast<double>(count) / 1e6 * 1e6);
+            if (back == count) break;
+            count = back;
+        }
     }
     return TimePoint{std::chrono::duration_cast<TimePoint::duration>(microseconds(count))};
 }
