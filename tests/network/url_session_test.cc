@@ -86,7 +86,8 @@ TEST(URLSessionTest, GetAndPostRoundTrips) {
 }
 
 // The header list given to libcurl is built by hand: every field must arrive once, with its
-// value, whether it comes from the request or the session, and fields with an empty value too.
+// value, whether it comes from the request or the session, and fields with an empty value too;
+// none may smuggle in lines of its own.
 TEST(URLSessionTest, RequestAndSessionHeaderFieldsAreSentOnceEach) {
     HttpServer server([](const test::ReceivedRequest&) { return HttpReply::text(200, "ok"); });
     URLSessionConfiguration cfg;
@@ -100,6 +101,9 @@ TEST(URLSessionTest, RequestAndSessionHeaderFieldsAreSentOnceEach) {
     r.httpBody = std::string(2 << 20, 'b');
     r.setValue("from the request", "x-shared");
     r.setValue("", "X-Empty");
+    // A field cannot add lines of its own: it ends at a line break or NUL.
+    r.setValue("a\r\nX-Injected: 1", "X-Broken");
+    r.setValue(std::string("b\0X-Hidden: 2", 13), "X-Nul");
     for (int i = 0; i < 20; ++i) r.setValue(std::string(i * 10, 'v'), "X-Field-" + std::to_string(i));
     Outcome o = load(withExtras, r);
     ASSERT_FALSE(o.error) << o.error->localizedDescription();
@@ -113,6 +117,10 @@ TEST(URLSessionTest, RequestAndSessionHeaderFieldsAreSentOnceEach) {
     EXPECT_EQ(first.header("X-App"), "demo");
     EXPECT_EQ(first.header("X-Shared"), "from the request");
     EXPECT_EQ(first.header("X-Empty"), "");
+    EXPECT_EQ(first.header("X-Broken"), "a");
+    EXPECT_EQ(first.header("X-Nul"), "b");
+    EXPECT_FALSE(first.header("X-Injected").has_value());
+    EXPECT_FALSE(first.header("X-Hidden").has_value());
     for (int i = 0; i < 20; ++i) {
         EXPECT_EQ(first.header("X-Field-" + std::to_string(i)), std::string(i * 10, 'v')) << i;
     }

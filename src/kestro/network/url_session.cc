@@ -756,11 +756,17 @@ void Loop::setHeaders(CURL* e, TaskCore& core) {
         curl_easy_setopt(e, CURLOPT_HTTPHEADER, expectOnly());  // shared, never freed
         return;
     }
+    // A name or value ends at its first line break or NUL: a field is one line, and cannot
+    // add lines of its own to the request.
+    auto clip = [](std::string_view text) {
+        constexpr std::string_view kLineEnds("\r\n\0", 3);
+        return text.substr(0, text.find_first_of(kLineEnds));
+    };
     std::string& lines = core.headerLines;
     std::size_t size = setsExpect ? 0 : sizeof "Expect:";
     std::size_t count = setsExpect ? 0 : 1;
     auto measure = [&](const std::string& name, const std::string& value) {
-        size += name.size() + 2 + value.size() + 1;
+        size += clip(name).size() + 2 + clip(value).size() + 1;
         ++count;
     };
     for (const auto& [name, value] : rq.allHTTPHeaderFields) measure(name, value);
@@ -770,13 +776,13 @@ void Loop::setHeaders(CURL* e, TaskCore& core) {
     lines.clear();
     lines.reserve(size);
     auto append = [&](const std::string& name, const std::string& value) {
-        lines += name;
+        lines += clip(name);
         // "Name;" is libcurl's way of sending a field with an empty value.
-        if (value.empty()) {
+        if (const std::string_view v = clip(value); v.empty()) {
             lines += ';';
         } else {
             lines += ": ";
-            lines += value;
+            lines += v;
         }
         lines += '\0';
     };
