@@ -1,6 +1,5 @@
 #include "devservice/upload_check.h"
 
-#include <cmath>
 #include <initializer_list>
 
 #include "kestro/core/json_numbers.h"
@@ -40,7 +39,7 @@ bool fits(const boost::json::value& v, Kind kind) {
         case Kind::number:
             return v.is_number();
         case Kind::integer:
-            return isInteger(v);
+            return jsonInteger(v).has_value();
         case Kind::object:
             return v.is_object();
         case Kind::textMap:
@@ -133,8 +132,6 @@ std::optional<std::string> checkEvent(const boost::json::object& o) {
 }  // namespace internal
 
 using internal::Kind;
-
-bool isInteger(const boost::json::value& v) { return jsonInteger(v).has_value(); }
 
 std::optional<std::string> checkApiKey(std::optional<std::string_view> key) {
     if (!key) return std::string("the \"Api-Key\" header is missing");

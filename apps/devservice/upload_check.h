@@ -28,7 +28,4 @@ std::optional<std::string> checkItem(const boost::json::value& body);
 /// an integer, "headers" an object of strings, "body" a string, each optional or null.
 std::optional<std::string> checkMockRule(const boost::json::value& rule);
 
-/// Whether a JSON number is integral and fits a signed 64-bit integer (12.0 counts).
-bool isInteger(const boost::json::value& v);
-
 }  // namespace kestro::devservice

@@ -8,7 +8,6 @@
 #include <array>
 #include <cmath>
 #include <cstring>
-#include <limits>
 
 #include "kestro/core/json_numbers.h"
 

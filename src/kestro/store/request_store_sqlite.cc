@@ -10,7 +10,6 @@
 #include <boost/json/parser.hpp>
 #include <chrono>
 #include <cmath>
-#include <cstring>
 #include <ctime>
 #include <deque>
 #include <exception>
