@@ -15,13 +15,7 @@ namespace remote::internal {
 
 std::optional<URLRequest> makeUploadRequest(const std::string& urlString,
                                             const JSONDictionary& data, const std::string& apiKey) {
-    // Uploads go to the same endpoint over and over: the last valid URL of this thread is not
-    // parsed again.
-    thread_local std::string lastValidURL;
-    if (urlString.empty() || urlString != lastValidURL) {
-        if (!boost::urls::parse_absolute_uri(urlString)) return std::nullopt;
-        if (urlString.size() <= 2048) lastValidURL = urlString;
-    }
+    if (!boost::urls::parse_absolute_uri(urlString)) return std::nullopt;
     URLRequest request(urlString, URLRequestCachePolicy::useProtocolCachePolicy,
                        std::chrono::seconds(60));
     URLProtocol::setProperty(true, "SkipIntercept", request);
