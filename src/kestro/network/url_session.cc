@@ -762,34 +762,33 @@ void Loop::setHeaders(CURL* e, TaskCore& core) {
         constexpr std::string_view kLineEnds("\r\n\0", 3);
         return text.substr(0, text.find_first_of(kLineEnds));
     };
-    std::string& lines = core.headerLines;
+    auto eachField = [&](auto&& visit) {
+        for (const auto& [name, value] : rq.allHTTPHeaderFields) visit(clip(name), clip(value));
+        for (const auto& [name, value] : additional) {
+            if (!rq.allHTTPHeaderFields.count(name)) visit(clip(name), clip(value));
+        }
+    };
+    // Measured first, so that the lines take one allocation.
     std::size_t size = setsExpect ? 0 : sizeof "Expect:";
     std::size_t count = setsExpect ? 0 : 1;
-    auto measure = [&](const std::string& name, const std::string& value) {
-        size += clip(name).size() + 2 + clip(value).size() + 1;
+    eachField([&](std::string_view name, std::string_view value) {
+        size += name.size() + 2 + value.size() + 1;
         ++count;
-    };
-    for (const auto& [name, value] : rq.allHTTPHeaderFields) measure(name, value);
-    for (const auto& [name, value] : additional) {
-        if (!rq.allHTTPHeaderFields.count(name)) measure(name, value);
-    }
+    });
+    std::string& lines = core.headerLines;
     lines.clear();
     lines.reserve(size);
-    auto append = [&](const std::string& name, const std::string& value) {
-        lines += clip(name);
+    eachField([&](std::string_view name, std::string_view value) {
+        lines += name;
         // "Name;" is libcurl's way of sending a field with an empty value.
-        if (const std::string_view v = clip(value); v.empty()) {
+        if (value.empty()) {
             lines += ';';
         } else {
             lines += ": ";
-            lines += v;
+            lines += value;
         }
         lines += '\0';
-    };
-    for (const auto& [name, value] : rq.allHTTPHeaderFields) append(name, value);
-    for (const auto& [name, value] : additional) {
-        if (!rq.allHTTPHeaderFields.count(name)) append(name, value);
-    }
+    });
     if (!setsExpect) lines.append("Expect:", sizeof "Expect:");
     // The nodes point into `lines`, which no longer grows.
     std::vector<curl_slist>& nodes = core.headerNodes;
