@@ -107,11 +107,13 @@ TEST(TimeTextTest, FormatsAndConvertsPointsInTime) {
     for (int i = 0; i < 20000; ++i) {
         lcg = lcg * 6364136223846793005ULL + 1442695040888963407ULL;
         const double magnitude = 2147483648.0 + static_cast<double>(lcg >> 11) * 0x1p-53 * 7.1e9;
-        for (const double seconds : {magnitude, -magnitude, 4300000000.1}) {
+        for (const double seconds : {magnitude, -magnitude}) {
             const TimePoint once = fromSecondsSince1970(seconds);
             ASSERT_EQ(fromSecondsSince1970(secondsSince1970(once)), once) << seconds;
         }
     }
+    const TimePoint y2106 = fromSecondsSince1970(4300000000.1);
+    EXPECT_EQ(fromSecondsSince1970(secondsSince1970(y2106)), y2106);
     EXPECT_FALSE(iso8601WithMilliseconds(far).empty());
     // Before 1970 the fraction is still a positive number of milliseconds.
     EXPECT_EQ(iso8601WithMilliseconds(TimePoint{} - milliseconds(1)), "1969-12-31T23:59:59.999Z");
