@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "kestro/jsonview/highlight_style.h"
+#include "kestro/jsonview/table_writer.h"
 
 namespace kestro {
 namespace {
@@ -334,27 +334,6 @@ TEST(AttributedText, UTF16PositionsAndFindNSRanges) {
     EXPECT_EQ(AttributedText("aaa", nullptr).findNSRanges("aa"), (std::vector<TextRange>{{0, 2}}));
 }
 
-// UTF-16 units are counted a word at a time over ASCII; byte by byte the count is simple to
-// state, and random texts (ASCII runs, every sequence length, stray and truncated bytes) must
-// agree with that.
-TEST(UTF8, WordAtATimeCountsAgreeWithByteByByteOnes) {
-    auto unitsByByte = [](std::string_view s) {
-        std::size_t units = 0;
-        for (unsigned char b : s) units += ((b & 0xC0) != 0x80) + (b >= 0xF0);
-        return units;
-    };
-    const std::string pieces[] = {"abcdefgh",         "x",       "\xC3\xA9", "\xE2\x82\xAC",
-                                  "\xF0\x9F\x98\x80", "\x80",    "\xFF",     "\xED\xA0\x80",
-                                  "\xF0\x9F",         "\xC0\xAF"};
-    std::mt19937 rng(99);
-    for (int i = 0; i < 3000; ++i) {
-        std::string s;
-        const int n = static_cast<int>(rng() % 40);
-        for (int k = 0; k < n; ++k) s += pieces[rng() % (i % 3 == 0 ? 10 : 5)];
-        ASSERT_EQ(jsonview::internal::utf16Count(s), unitsByByte(s)) << i;
-    }
-}
-
 TEST(AttributedText, AttachmentsStandOnOneReplacementCharacter) {
     TextAttachment a{*Image::named("fold"), {0, -2, 12, 12}};
     AttributedText icon = AttributedText::attachment(a);
@@ -363,158 +342,6 @@ TEST(AttributedText, AttachmentsStandOnOneReplacementCharacter) {
     EXPECT_EQ(icon.attributes(0).attachment, a);
     EXPECT_FALSE(icon.attributes(0).font);
     EXPECT_FALSE(Image::named("no such image"));
-}
-
-TEST(Fonts, MetricsScaleAndBoldVariantsExistWhereRegistered) {
-    const Font f = Font::system(16);
-    EXPECT_EQ(f.size(), 16);
-    EXPECT_GT(f.ascender(), 0);
-    EXPECT_LT(f.descender(), 0);
-    EXPECT_NEAR(f.lineHeight(), f.ascender() - f.descender(), 1.0);
-    ASSERT_TRUE(f.boldVariant());
-    EXPECT_TRUE(f.boldVariant()->isBold());
-    EXPECT_EQ(f.boldVariant()->size(), 16);
-    EXPECT_FALSE(f == *f.boldVariant());
-    EXPECT_TRUE(Font::monospacedSystem(12).isMonospaced());
-    EXPECT_FALSE(Font::named("no such family", 12));
-
-    Font::registerFamily({"thin-test", 0.7, -0.3, 0, 0.5, false, false});
-    auto thin = Font::named("thin-test", 10);
-    ASSERT_TRUE(thin);
-    EXPECT_DOUBLE_EQ(thin->lineHeight(), 10);
-    EXPECT_FALSE(thin->boldVariant());
-}
-
-// Long texts kept in chunks must behave exactly like one contiguous text.
-TEST(TextStorage, ReplacementsMatchAContiguousText) {
-    const AttributesRef styles[] = {nullptr, colored(0xAA0000), colored(0x00BB00)};
-    std::mt19937 rng(1234);
-    auto randomText = [&](std::size_t maxLen) {
-        AttributedText t;
-        const std::size_t pieces = rng() % 6;
-        for (std::size_t p = 0; p < pieces; ++p) {
-            std::string s;
-            const std::size_t n = rng() % maxLen;
-            for (std::size_t i = 0; i < n; ++i) {
-                switch (rng() % 8) {
-                    case 0:
-                        s += '\n';
-                        break;
-                    case 1:
-                        s += "\xC3\xA9";
-                        break;
-                    case 2:
-                        s += "\xF0\x9F\x98\x80";
-                        break;
-                    default:
-                        s += static_cast<char>('a' + rng() % 26);
-                }
-            }
-            t.append(s, styles[rng() % 3]);
-        }
-        return t;
-    };
-    AttributedText reference;
-    for (int i = 0; i < 40; ++i) reference.append(randomText(900));
-    TextStorage storage(reference);
-    EXPECT_GT(storage.chunkCount(), 3u);
-    for (int step = 0; step < 300; ++step) {
-        const std::size_t len = reference.length();
-        std::size_t loc = len ? rng() % (len + 1) : 0;
-        std::size_t n = rng() % 5 == 0 ? rng() % 20000 : rng() % 300;
-        // Keep edits on scalar boundaries, as callers do.
-        auto boundary = [&](std::size_t p) {
-            p = std::min(p, reference.length());
-            while (p < reference.length() &&
-                   (static_cast<unsigned char>(reference.string()[p]) & 0xC0) == 0x80)
-                ++p;
-            return p;
-        };
-        loc = boundary(loc);
-        n = boundary(loc + n) - loc;
-        const AttributedText replacement = randomText(step % 7 == 0 ? 6000 : 200);
-        reference.replace({loc, n}, replacement);
-        storage.replace({loc, n}, replacement);
-        ASSERT_EQ(storage.length(), reference.length());
-        if (step % 25 == 0) {
-            ASSERT_EQ(storage.flattened(), reference) << "step " << step;
-            ASSERT_EQ(storage.utf16Length(), reference.utf16Length());
-            const std::size_t p = boundary(reference.length() / 3);
-            EXPECT_EQ(storage.utf16Offset(p), reference.utf16Offset(p));
-            EXPECT_EQ(storage.byteOffset(reference.utf16Offset(p)), p);
-            EXPECT_EQ(storage.attributedSubstring({p, 5000}), reference.substring({p, 5000}));
-        }
-    }
-    EXPECT_EQ(storage.flattened(), reference);
-    EXPECT_EQ(storage.string(), reference.string());
-    storage.replace({0, storage.length()}, AttributedText());
-    EXPECT_TRUE(storage.empty());
-    EXPECT_EQ(storage.chunkCount(), 0u);
-}
-
-TEST(TextStorage, EnumeratesRunsAcrossChunksWithDocumentPositions) {
-    AttributedText doc;
-    for (int i = 0; i < 3000; ++i) doc.append("line " + std::to_string(i) + "\n", colored(i % 2));
-    TextStorage storage(doc);
-    ASSERT_GT(storage.chunkCount(), 1u);
-    std::string rebuilt;
-    std::size_t expectedStart = 0;
-    storage.enumerateRuns({0, storage.length()}, [&](const AttributedText::Run& r) {
-        EXPECT_EQ(r.range.location, expectedStart);
-        expectedStart = r.range.end();
-        rebuilt += doc.string().substr(r.range.location, r.range.length);
-        EXPECT_EQ(r.attributes, doc.attributes(r.range.location));
-    });
-    EXPECT_EQ(rebuilt, doc.string());
-}
-
-TEST(ConvertibleToColor, IntegersAndHexTextsConvertAsDesigned) {
-    auto rgb = [](ConvertibleToColor c) { return c.color().argb32(); };
-    EXPECT_EQ(rgb(0x5264FF), 0xFF5264FFu);
-    EXPECT_EQ(rgb("#5264FF"), 0xFF5264FFu);
-    EXPECT_EQ(rgb("#1C1B1D"), 0xFF1C1B1Du);
-    EXPECT_EQ(rgb("4075a6"), 0xFF4075A6u);  // upper-cased first
-    EXPECT_EQ(rgb(std::string("B72E22")), 0xFFB72E22u);
-    EXPECT_EQ(rgb(0x7F5264FF), 0xFF5264FFu);  // only the low 24 bits
-    EXPECT_EQ(rgb(-1), 0xFFFFFFFFu);
-    EXPECT_EQ(rgb(Color{0.5, 0, 0, 0.25}), (Color{0.5, 0, 0, 0.25}.argb32()));
-    // Nothing is rejected: "G" reads as 16, carrying into the next digit.
-    EXPECT_EQ(rgb("0G"), 0xFF000010u);
-    EXPECT_EQ(rgb(""), 0xFF000000u);
-    const Color c = ConvertibleToColor("#5264FF").color();
-    EXPECT_DOUBLE_EQ(c.red, 0x52 / 255.0);
-    EXPECT_DOUBLE_EQ(c.green, 0x64 / 255.0);
-    EXPECT_DOUBLE_EQ(c.blue, 0xFF / 255.0);
-    EXPECT_EQ(c.alpha, 1);
-}
-
-TEST(HighlightStyle, ThemesAndBoldSearchFont) {
-    const HighlightColor& d = HighlightColor::default_();
-    EXPECT_EQ(d.keyWord, Color::black());
-    EXPECT_EQ(d.key, Color::rgb24(0xB72E22));
-    EXPECT_EQ(d.searchHitBackground, Color::rgb24(0xFFFB00));
-    EXPECT_EQ(d.jsonBackground, Color::white());
-    EXPECT_EQ(d.lineText, Color::rgb24(0xA3A3A3));
-    const HighlightColor& m = HighlightColor::mariana();
-    EXPECT_EQ(m.keyWord, Color::rgb24(0x767677));
-    EXPECT_EQ(m.jsonBackground, Color::rgb24(0x3D444C));
-    EXPECT_EQ(m.unknownBackground, Color::rgb24(0xFBE3E4));
-
-    const HighlightStyle& s = HighlightStyle::default_();
-    EXPECT_EQ(s.lineHeight, 24);
-    EXPECT_EQ(s.expandIcon.name, "expand");
-    EXPECT_EQ(s.foldIcon.name, "fold");
-    EXPECT_EQ(s.jsonFont.size(), 16);
-    ASSERT_TRUE(s.boldOfJSONFont());
-    EXPECT_TRUE(s.boldOfJSONFont()->isBold());
-    EXPECT_EQ(s.boldOfJSONFont()->size(), 16);
-    EXPECT_EQ(HighlightStyle::mariana().color, m);
-
-    HighlightStyle plainHits(std::nullopt, std::nullopt, d, std::nullopt, Font::system(13), 20,
-                             false);
-    EXPECT_FALSE(plainHits.boldOfJSONFont());
-    EXPECT_EQ(plainHits.jsonFont.size(), 13);
-    EXPECT_EQ(plainHits.lineFont.size(), 16);
 }
 
 }  // namespace

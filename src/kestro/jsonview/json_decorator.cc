@@ -9,6 +9,8 @@
 #include "kestro/core/utf8.h"
 #include "kestro/jsonview/json_parser.h"
 #include "kestro/jsonview/json_value.h"
+#include "kestro/jsonview/table_writer.h"
+#include "kestro/jsonview/utf16.h"
 
 namespace kestro {
 

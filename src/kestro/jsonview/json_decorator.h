@@ -26,6 +26,7 @@
 
 #include "kestro/core/export.h"
 #include "kestro/jsonview/attributed_text.h"
+#include "kestro/jsonview/block_cache.h"
 #include "kestro/jsonview/highlight_style.h"
 #include "kestro/jsonview/valid_url.h"
 
@@ -113,10 +114,10 @@ struct KESTRO_API JSONSlice {
 
     int lineNumber = 0;  // 1-based position in the decorator's slices; the shown line number
     State state = State::expand;
-    int level = 0;          // nesting level; an opening line and its closing line share it
-    AttributedText expand;  // the line when expanded
+    int level = 0;                  // nesting level; an opening line and its closing line share it
+    AttributedText expand;          // the line when expanded
     OptionalAttributedText folded;  // the placeholder; only on lines opening a container
-    int foldedTimes = 0;  // folded containers enclosing the line; visible exactly when 0
+    int foldedTimes = 0;            // folded containers enclosing the line; visible exactly when 0
 
     JSONSlice(int lineNumber, State state, int level, AttributedText expand,
               OptionalAttributedText folded = std::nullopt, int foldedTimes = 0);
