@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "kestro/core/utf8.h"
 #include "kestro/jsonview/json_parser.h"
 #include "kestro/jsonview/json_value.h"
 #include "kestro/jsonview/valid_url.h"
@@ -339,7 +340,7 @@ TEST(JSONDecorator, InitiallyFoldedDocumentsCountEnclosingFolds) {
     EXPECT_EQ(plain(a.attributedText), "<E> {Object...}\n");
 }
 
-TEST(JSONDecorator, HighlightRejectsOnlyUnencodableOrStrictlyInvalidText) {
+TEST(JSONDecorator, HighlightRejectsOnlyStrictlyInvalidTextWhenAsked) {
     EXPECT_TRUE(JSONDecorator::highlight("{\"a\":", HighlightStyle::default_(), State::expand));
     EXPECT_FALSE(
         JSONDecorator::highlight("{\"a\":", HighlightStyle::default_(), State::expand, true));
@@ -348,8 +349,41 @@ TEST(JSONDecorator, HighlightRejectsOnlyUnencodableOrStrictlyInvalidText) {
     EXPECT_FALSE(JSONDecorator::highlight("1", HighlightStyle::default_(), State::expand, true));
     EXPECT_TRUE(JSONDecorator::highlight(" [1, {\"a\": null}] ", HighlightStyle::default_(),
                                          State::expand, true));
-    EXPECT_FALSE(JSONDecorator::highlight("[\"\xC3\x28\"]"));
-    EXPECT_FALSE(JSONDecorator::highlight("[\"\xED\xA0\x80\"]"));  // an encoded surrogate
+}
+
+// Bytes that are not UTF-8 (a body in another encoding, a multi-byte character cut short, an
+// encoded surrogate) are laid out like any text, each ill-formed sequence shown as one U+FFFD:
+// in strings, keys, the wrong text after a value and unknown text alike.
+TEST(JSONDecorator, IllFormedUTF8IsRepairedBeforeLayout) {
+    const std::string mark = "\xEF\xBF\xBD";
+    auto lines = [](const JSONDecorator& d) {
+        std::vector<std::string> out;
+        for (const auto& s : d.slices) {
+            out.push_back(plain(s.expand));
+            EXPECT_TRUE(isValidUTF8(s.expand.string())) << out.back();
+        }
+        return out;
+    };
+    auto d = JSONDecorator::highlight("{\"caf\xE9\": \"\xE2\x82\", \"s\": \"\xED\xA0\x80\"} \xFF");
+    ASSERT_TRUE(d);
+    // A cut sequence is one mark, each byte of an encoded surrogate one.
+    EXPECT_EQ(lines(*d),
+              (std::vector<std::string>{"<F> {", "\t\"caf" + mark + "\" : \"" + mark + "\",",
+                                        "\t\"s\" : \"" + mark + mark + mark + "\"", "}"}));
+    EXPECT_EQ(d->slices[1].expand.attributesRef(1), d->keyStyle());
+
+    d = JSONDecorator::highlight("[1, 2 \xC3]");
+    ASSERT_TRUE(d);
+    EXPECT_EQ(lines(*d), (std::vector<std::string>{"<F> [", "\t1,", "\t2" + mark + "]"}));
+
+    // The strict reader judges the repaired text.
+    EXPECT_TRUE(JSONDecorator::highlight("[\"\xC3\x28\"]", HighlightStyle::default_(),
+                                         State::expand, true));
+    // Text that is nothing but ill-formed bytes is one unknown line of marks.
+    auto bytes = d->createSlices("\xFF\xFE");
+    ASSERT_EQ(bytes.size(), 1u);
+    EXPECT_EQ(bytes[0].expand.string(), mark + mark);
+    EXPECT_EQ(bytes[0].expand.attributesRef(0), d->unknownStyle());
 }
 
 TEST(JSONDecorator, CreateSlicesLaysOutWithoutStoring) {
@@ -360,7 +394,6 @@ TEST(JSONDecorator, CreateSlicesLaysOutWithoutStoring) {
     EXPECT_EQ(plain(other[1].expand), "\t\"a\" : <F> [");
     EXPECT_EQ(plain(other[2].expand), "\t]");
     EXPECT_EQ(d->slices.size(), 3u);
-    EXPECT_TRUE(d->createSlices("\xFF").empty());
 }
 
 TEST(JSONDecorator, MemberWithBrokenValueKeepsOnlyItsFirstLine) {

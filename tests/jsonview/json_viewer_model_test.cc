@@ -7,7 +7,8 @@
 #include <vector>
 
 #include "kestro/core/main_queue.h"
-#include "support/console_capture.h"
+#include "kestro/core/utf8.h"
+#include "support/wait.h"
 
 namespace kestro {
 namespace {
@@ -338,31 +339,43 @@ TEST_F(JSONViewerTest, TapsOnIconsAndOpeningBracketsAreFoldControls) {
     EXPECT_FALSE(viewer->isZoomControl(text.size()));
 }
 
-TEST_F(JSONViewerTest, UndecodableTextAndViewersGoneMidDecoration) {
-    auto viewer = JSONViewer::create();
-    bool done = false;
-    {
-        test::ConsoleCapture console;
-        viewer->preview("[\"\xFF\"]", State::expand, [&](std::shared_ptr<JSONDecorator> d) {
-            EXPECT_FALSE(d);
-            done = true;
-        });
-        ASSERT_TRUE(MainQueue::shared().runUntil([&] { return done; }));
-        EXPECT_NE(console.text().find("not valid UTF-8"), std::string::npos);
-    }
-    EXPECT_FALSE(viewer->decorator());
+// Bytes that are not UTF-8 (a body in another encoding, a multi-byte character cut short) are
+// shown, each ill-formed sequence as one U+FFFD, and folding works on them as on any text.
+TEST_F(JSONViewerTest, IllFormedUTF8IsShownRepaired) {
+    auto viewer = show("{\"caf\xE9\": \"\xF0\x9F\x98\", \"n\": 1 \xFF}");
+    const std::string mark = "\xEF\xBF\xBD";
+    const std::string shown =
+        "<F> {\n\t\"caf" + mark + "\" : \"" + mark + "\",\n\t\"n\" : 1\n\t" + mark + "}\n";
+    EXPECT_EQ(plain(viewer->shownText().flattened()), shown);
+    EXPECT_TRUE(isValidUTF8(viewer->shownText().string()));
+    ASSERT_TRUE(viewer->decorator());
+    viewer->handleZoomClick(0);
+    EXPECT_EQ(plain(viewer->shownText().flattened()), "<E> {Object...}\n");
+    viewer->handleZoomClick(0);
+    EXPECT_EQ(plain(viewer->shownText().flattened()), shown);
+}
 
+// Decoration runs on the executor and is shown through the main queue; a viewer destroyed
+// while its decoration is on the way is not kept alive by it, and its completion never runs.
+TEST_F(JSONViewerTest, AViewerGoneBeforeItsDecorationArrivesIsNotCalledBack) {
+    ASSERT_TRUE(MainQueue::shared().runUntilIdle());
+    ASSERT_EQ(MainQueue::shared().pending(), 0u);
     bool called = false;
     auto gone = JSONViewer::create();
+    const std::weak_ptr<JSONViewer> watch = gone;
     gone->preview("[1,2,3]", State::expand, [&](std::shared_ptr<JSONDecorator>) { called = true; });
+    // The decoration is done and handed to the main queue, which has not run it yet.
+    ASSERT_TRUE(test::waitUntil([] { return MainQueue::shared().pending() > 0; }));
     gone.reset();
-    MainQueue::shared().runUntil([] { return MainQueue::shared().pending() == 0; },
-                                 std::chrono::milliseconds(200));
-    MainQueue::shared().runUntilIdle();
+    EXPECT_TRUE(watch.expired());
+    ASSERT_TRUE(MainQueue::shared().runUntilIdle());
     EXPECT_FALSE(called);
+}
 
-    // update() shows a decorator made elsewhere.
-    done = false;
+// update() shows a decorator made elsewhere.
+TEST_F(JSONViewerTest, UpdateShowsADecoratorMadeElsewhere) {
+    auto viewer = JSONViewer::create();
+    bool done = false;
     viewer->update(JSONDecorator::highlight("[true]"), [&](std::shared_ptr<JSONDecorator> d) {
         EXPECT_TRUE(d);
         done = true;

@@ -5,12 +5,12 @@
 #include <boost/json/parse.hpp>
 #include <cstring>
 
-#include "kestro/core/console.h"
 #include "kestro/core/utf8.h"
 #include "kestro/jsonview/json_parser.h"
 #include "kestro/jsonview/json_value.h"
 #include "kestro/jsonview/table_writer.h"
 #include "kestro/jsonview/utf16.h"
+#include "kestro/jsonview/utf8_repair.h"
 
 namespace kestro {
 
@@ -25,6 +25,16 @@ std::string withoutLineFeeds(std::string_view text) {
     for (char c : text)
         if (c != '\n') out.push_back(c);
     return out;
+}
+
+// The text as UTF-8 the viewer can show: json itself when it is well-formed, else a copy in
+// repaired in which every ill-formed sequence is one U+FFFD. A document with a stray byte (a
+// body in another encoding, a cut multi-byte character) is shown with the mark where the byte
+// was, and everything after the viewer (positions, the strict reader, links) sees valid text.
+std::string_view wellFormed(std::string_view json, std::string& repaired) {
+    if (isValidUTF8(json)) return json;
+    jsonview::internal::appendRepaired(repaired, json);
+    return repaired;
 }
 
 // A strict reading: well-formed JSON whose top level is an array or an object.
@@ -224,10 +234,8 @@ std::string JSONDecorator::writeIndent() const {
 std::shared_ptr<JSONDecorator> JSONDecorator::highlight(std::string_view json,
                                                         const HighlightStyle& style,
                                                         State initialState, bool judgmentValid) {
-    if (!isValidUTF8(json)) {
-        printI("❌ JSON viewer: the text is not valid UTF-8 and was not decorated", LogLevel::error);
-        return nullptr;
-    }
+    std::string repaired;
+    json = wellFormed(json, repaired);
     if (judgmentValid && !strictlyValid(json)) return nullptr;
     auto decorator = std::make_shared<JSONDecorator>(style, initialState);
     decorator->slices = decorator->createSlices(parseJSON(json), json);
@@ -236,7 +244,8 @@ std::shared_ptr<JSONDecorator> JSONDecorator::highlight(std::string_view json,
 }
 
 std::vector<JSONSlice> JSONDecorator::createSlices(std::string_view json) {
-    if (!isValidUTF8(json)) return {};
+    std::string repaired;
+    json = wellFormed(json, repaired);
     return createSlices(parseJSON(json), json);
 }
 

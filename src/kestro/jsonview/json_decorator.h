@@ -149,15 +149,16 @@ class KESTRO_API JSONDecorator {
     JSONDecorator(const JSONDecorator&) = delete;
     JSONDecorator& operator=(const JSONDecorator&) = delete;
 
-    /// Decorates json. Returns nothing when json is not well-formed UTF-8, or when judgmentValid
-    /// is set and a strict JSON reader rejects it (it must be an array or object); otherwise
-    /// any text is accepted and broken parts are shown as unknown text. Any thread.
+    /// Decorates json. Ill-formed UTF-8 is repaired first (each ill-formed sequence becomes one
+    /// U+FFFD), so any text is shown, broken parts as unknown text. Returns nothing only when
+    /// judgmentValid is set and a strict JSON reader rejects the repaired text (it must be an
+    /// array or object). Any thread.
     static std::shared_ptr<JSONDecorator> highlight(
         std::string_view json, const HighlightStyle& style = HighlightStyle::default_(),
         State initialState = State::expand, bool judgmentValid = false);
 
-    /// Lays out another text with this decorator's style and initial state, without storing the
-    /// slices; an empty list when the text is not well-formed UTF-8.
+    /// Lays out another text (repaired as highlight() does) with this decorator's style and
+    /// initial state, without storing the slices.
     std::vector<JSONSlice> createSlices(std::string_view json);
     /// The slices of an already parsed value.
     std::vector<JSONSlice> createSlices(const JSONValue& value);

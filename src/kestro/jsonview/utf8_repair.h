@@ -1,8 +1,9 @@
 #pragma once
 
-// UTF-8 reading with repair, shared by the JSON parser's string and raw-text readers: every
-// ill-formed sequence is replaced by one U+FFFD per maximal valid prefix (the replacement
-// practice of the Unicode standard, so "\xE2\x82" followed by "A" gives U+FFFD then "A").
+// UTF-8 reading with repair, shared by the JSON parser's string and raw-text readers and the
+// decorator, which repairs a whole text before showing it: every ill-formed sequence is replaced
+// by one U+FFFD per maximal valid prefix (the replacement practice of the Unicode standard, so
+// "\xE2\x82" followed by "A" gives U+FFFD then "A").
 
 #include <cstdint>
 #include <string>
