@@ -1,6 +1,6 @@
-// Replays the inputs the parser's fuzzer once failed on (tests/fuzz/regressions/json_parser_fuzz)
-// and its seed corpus, checking what the fuzzer checks: parse() returns a tree whose texts are
-// well-formed UTF-8 and that equals its copy.
+// Replays the parser fuzzer's kept crash inputs and seed corpus
+// (tests/fuzz/{regressions,corpus}/json_parser_fuzz), checking what the fuzzer checks: parse()
+// returns a tree whose texts are well-formed UTF-8 and that equals its copy.
 
 #include <gtest/gtest.h>
 
@@ -29,13 +29,14 @@ void expectWellFormed(const JSONValue& v) {
 }
 
 TEST(JSONParserFuzzRegressions, KeptInputsParseToWellFormedTrees) {
-    const int replayed = test::forEachKeptFuzzInput("json_parser_fuzz", [](const std::string& bytes) {
-        const JSONValue value = parseJSON(bytes);
-        expectWellFormed(value);
-        const JSONValue copy = value;
-        EXPECT_EQ(copy, value);
-    });
-    EXPECT_GE(replayed, 8);
+    const int replayed =
+        test::forEachKeptFuzzInput("json_parser_fuzz", [](const std::string& bytes) {
+            const JSONValue value = parseJSON(bytes);
+            expectWellFormed(value);
+            const JSONValue copy = value;
+            EXPECT_EQ(copy, value);
+        });
+    EXPECT_GT(replayed, 0);
 }
 
 }  // namespace

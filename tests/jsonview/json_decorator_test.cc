@@ -281,9 +281,13 @@ TEST(JSONDecorator, StylesUseTheJSONFontLineHeightAndBaseline) {
     EXPECT_DOUBLE_EQ(icon->bounds.width, f.ascender());
     EXPECT_DOUBLE_EQ(icon->bounds.height, f.ascender());
     EXPECT_EQ(d->expandIconString().attributes(0).attachment->image.name, "expand");
-    // Built once and shared by every line.
-    EXPECT_EQ(&d->numberStyle(), &d->numberStyle());
-    EXPECT_EQ(d->slices[1].expand.attributesRef(1), d->numberStyle());
+    // Built once and shared by every line: the runs of both numbers hold the very set that
+    // numberStyle() gives, and so does a line of a later layout.
+    auto two = JSONDecorator::highlight("[1,2]", style);
+    const AttributesRef numberSet = two->numberStyle();
+    EXPECT_EQ(two->slices[1].expand.attributesRef(1), numberSet);
+    EXPECT_EQ(two->slices[2].expand.attributesRef(1), numberSet);
+    EXPECT_EQ(two->createSlices("[3]")[1].expand.attributesRef(1), numberSet);
 }
 
 TEST(JSONDecorator, AssembleHidesTheChildrenOfFoldedContainers) {
