@@ -77,6 +77,8 @@ class KESTRO_API Fonts {
     /// The fonts installed on the current ImGui context's atlas; when none were installed, a
     /// set that draws every style in the atlas's default font. Needs a current context.
     static const Fonts& current();
+    /// The same, shared, for holders that may outlive a frame (a text measure).
+    static std::shared_ptr<const Fonts> currentShared();
 
     /// The font of a text style; draw it at size(style) (its own size).
     ImFont* font(TextStyle style) const { return styles_[static_cast<std::size_t>(style)].font; }
@@ -85,6 +87,8 @@ class KESTRO_API Fonts {
     /// and size, drawn from the nearest loaded size.
     Resolved resolve(const Font& font) const;
 
+    /// Pixels per point.
+    float scale() const { return scale_; }
     /// Whether the system's text fonts were found (else everything is ImGui's default font).
     bool hasSystemFonts() const { return systemFonts_; }
     /// Whether emoji are drawn (a colour emoji font was found and rasterised).
@@ -92,6 +96,8 @@ class KESTRO_API Fonts {
     /// Whether the text's emoji scalar (e.g. U+1F4C2) is drawn as a glyph.
     bool drawsEmoji(char32_t scalar) const;
 
+    /// How one scalar is drawn: the code point ImGui draws, or 0 when it is drawn as nothing.
+    ImWchar displayScalar(char32_t scalar) const;
     /// The text as ImGui should draw it (see the file comment). Returns text itself when it
     /// needs no change (plain ASCII), else a view of scratch.
     std::string_view displayText(std::string_view text, std::string& scratch) const;

@@ -136,6 +136,12 @@ bool ImGuiHarness::stepUntil(const std::function<bool()>& done, int maxFrames) {
     return false;
 }
 
+bool ImGuiHarness::waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+    const bool held = MainQueue::shared().runUntil(done, timeout);
+    frame();
+    return held;
+}
+
 void ImGuiHarness::moveMouse(ImVec2 position) {
     mouse_ = position;
     frame();

@@ -23,6 +23,7 @@
 
 #include <imgui.h>
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <optional>
@@ -85,8 +86,13 @@ class ImGuiHarness : public imgui::ItemProbe {
     void setScene(std::function<void()> scene) { scene_ = std::move(scene); }
     /// Runs count frames with the current input; each drains MainQueue first.
     void step(int count = 1);
-    /// Runs frames until done() holds after one (at most maxFrames); whether it did.
+    /// Runs frames until done() holds after one (at most maxFrames); whether it did. For
+    /// conditions that frames bring about.
     bool stepUntil(const std::function<bool()>& done, int maxFrames = 600);
+    /// Runs MainQueue's tasks as they arrive (work finished on other threads lands there) until
+    /// done() holds or timeout passes, then one frame; whether done() held.
+    bool waitUntil(const std::function<bool()>& done,
+                   std::chrono::milliseconds timeout = std::chrono::seconds(60));
     /// Seconds each frame advances ImGui's clock (default 1/60).
     void setDeltaTime(float seconds) { deltaTime_ = seconds; }
     void setDisplaySize(ImVec2 size) { displaySize_ = size; }
