@@ -81,7 +81,7 @@ TEST_F(TextLayoutTest, WhatIsMeasuredIsWhatIsDrawnAndWhatAClickFinds) {
         EXPECT_TRUE(whole) << word;
     }
     const auto second = ui_.findText("epsilon");
-    EXPECT_NEAR(second->box.min.y - ui_.findText("alpha")->box.min.y, 24, 0.5);
+    EXPECT_NEAR(second->box.min.y - ui_.findText("alpha").value().box.min.y, 24, 0.5);
 
     // A click on a drawn character finds its byte; clicks past a line or below find nothing.
     const std::size_t delta = text.string().find("delta");

@@ -124,6 +124,12 @@ class ImGuiHarness : public imgui::ItemProbe {
     const std::vector<DrawnShape>& shapes() const { return shapes_; }
     /// The first run containing needle (draw order), narrowed to the needle's own box.
     std::optional<DrawnText> findText(std::string_view needle) const;
+    /// The centre of the first drawn needle (to click on it); a test failure and a point off
+    /// screen when none was drawn.
+    ImVec2 centerOf(std::string_view needle) const;
+    /// The centre of the item reported under name; a test failure and a point off screen when
+    /// none was.
+    ImVec2 centerOfItem(std::string_view name) const;
     /// Every run containing needle.
     std::vector<DrawnText> findAllText(std::string_view needle) const;
     /// Runs wholly inside box, top to bottom, then left to right.
