@@ -70,8 +70,9 @@ class KESTRO_API Fonts {
 
     /// Adds the fonts to atlas and builds it (RGBA, ready for a backend to upload). The first
     /// font added is the body style, so on an empty atlas it becomes ImGui's default font.
-    /// Call before the backend creates its font texture, or re-create that texture after.
-    /// Never fails: see the file comment. Replaces an earlier install on the same atlas.
+    /// Call once per atlas, before the backend creates its font texture (or re-create that
+    /// texture after), and build the atlas again only through this call: the emoji pixels are
+    /// written into the built texture. Never fails: see the file comment.
     static std::shared_ptr<const Fonts> install(ImFontAtlas& atlas,
                                                 const FontOptions& options = {});
     /// The fonts installed on the current ImGui context's atlas; when none were installed, a

@@ -207,7 +207,9 @@ void JSONViewerView::DrawContents(ImVec2 size) {
 }
 
 void JSONViewerView::drawToolbar() {
-    imgui::SystemImage("magnifyingglass");
+    // As tall as the field beside it, so the glyph sits level with the field's text.
+    imgui::SystemImage("magnifyingglass", ImVec2(ImGui::GetFontSize(), ImGui::GetFrameHeight()),
+                       ImGui::GetColorU32(ImGuiCol_TextDisabled));
     ImGui::SameLine();
     const float wrapWidth = ImGui::CalcTextSize("Wrap").x + ImGui::GetFrameHeight() +
                             ImGui::GetStyle().ItemInnerSpacing.x;
