@@ -13,13 +13,15 @@
 //
 // What was drawn is read from ImDrawData after each frame: glyph quads are matched to the
 // atlas's glyphs (by texture coordinates) and joined into runs of one font, size and colour on
-// one line; other triangles are kept as shapes with their colour and bounds. Items that carry
+// one line; other triangles are kept as shapes with their colour and bounds. Glyphs that ImGui
+// cut at a clip edge on the CPU (text clipped inside a widget) no longer match and are not read. Items that carry
 // no text (icons, custom-drawn rows) are found by the names the drawing layer reports to its
 // ItemProbe. Each step also drains MainQueue (the harness stands for the host's UI thread),
 // which the harness puts in host mode.
 //
-// One harness per test; it owns its ImGui context and makes it current. The font atlas is
-// built once per process and shared by every harness.
+// One harness per test; it owns its ImGui context and makes it current (set io flags such as
+// keyboard navigation on ImGui::GetIO() after constructing it). The font atlas is built once
+// per process and shared by every harness.
 
 #include <imgui.h>
 
