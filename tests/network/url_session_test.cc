@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "kestro/network/http.h"
-#include "kestro/network/loading_thread.h"
+#include "kestro/network/internal/loading_loop.h"
 #include "network/url_test_util.h"
 #include "support/console_capture.h"
 #include "support/http_server.h"

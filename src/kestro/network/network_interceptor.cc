@@ -9,7 +9,7 @@
 #include "kestro/core/handler_slot.h"
 #include "kestro/core/uuid.h"
 #include "kestro/network/body_text.h"
-#include "kestro/network/loading_thread.h"
+#include "kestro/network/internal/loading_loop.h"
 
 namespace kestro {
 
