@@ -408,6 +408,31 @@ TEST_F(NetworkInterceptorTest, StoppingLetsNewRequestsThroughUnreported) {
     EXPECT_EQ(server.requestCount(), 2u);
 }
 
+// Each interceptor registers a handler class of its own: the newest takes the requests, and
+// stopping one interceptor leaves another's capture on.
+TEST_F(NetworkInterceptorTest, EachInterceptorsRegistrationIsItsOwn) {
+    HttpServer server;
+    Capture first;
+    Capture second;
+    ASSERT_FALSE(fetch(server.url("/both")).error);
+    ASSERT_TRUE(second.reports.waitFor(2));
+    EXPECT_EQ(first.reports.size(), 0u);
+
+    // The older one takes over again when the newer stops.
+    second.interceptor.stopIntercepting();
+    ASSERT_FALSE(fetch(server.url("/first")).error);
+    ASSERT_TRUE(first.reports.waitFor(2));
+
+    // Stopping the older one leaves the newer capturing.
+    second.interceptor.startIntercepting(
+        [&](const InterceptedRequestWrapper& w) { second.reports.add(w); });
+    first.interceptor.stopIntercepting();
+    ASSERT_FALSE(fetch(server.url("/second")).error);
+    ASSERT_TRUE(second.reports.waitFor(4));
+    EXPECT_EQ(first.reports.size(), 2u);
+    EXPECT_EQ(server.requestCount(), 3u);
+}
+
 TEST_F(NetworkInterceptorTest, UploadsMarkedSkipInterceptAreNeverTakenOver) {
     HttpServer server;
     Capture capture;

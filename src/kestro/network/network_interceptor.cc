@@ -3,7 +3,6 @@
 #include <boost/url/parse.hpp>
 #include <mutex>
 #include <optional>
-#include <typeindex>
 
 #include "kestro/core/console.h"
 #include "kestro/core/handler_slot.h"
@@ -69,7 +68,8 @@ struct NetworkInterceptor::State : std::enable_shared_from_this<NetworkIntercept
 namespace {
 
 // The handler class as the registry sees it: made per interceptor, so that each handler
-// object knows the interceptor state it reports to.
+// object knows the interceptor state it reports to, and each interceptor's registration is
+// its own (the registry knows a class by its class object).
 class InterceptorProtocolClass final : public URLProtocolClass {
   public:
     explicit InterceptorProtocolClass(std::weak_ptr<NetworkInterceptor::State> state)
@@ -85,7 +85,6 @@ class InterceptorProtocolClass final : public URLProtocolClass {
         return std::make_shared<NetworkInterceptorRequest>(request, std::move(client),
                                                            std::move(state));
     }
-    std::type_index identity() const override { return typeid(NetworkInterceptorRequest); }
     // The handler's start builds the forwarded copy, looks up the rules and starts the private
     // load; the capture handler is never called on the resuming thread (see reportStart()).
     bool startsOnCallingThread() const override { return true; }
