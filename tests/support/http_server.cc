@@ -261,6 +261,10 @@ struct HttpServer::Impl {
             const std::size_t piece = reply.chunked ? 4096 : 256 * 1024;
             std::string block;
             for (std::uint64_t off = 0; off < toSend;) {
+                if (off > 0 && reply.pieceInterval.count() > 0) {
+                    asio::steady_timer timer(stream.get_executor(), reply.pieceInterval);
+                    co_await timer.async_wait(kTuple);
+                }
                 const std::size_t len =
                     static_cast<std::size_t>(std::min<std::uint64_t>(piece, toSend - off));
                 if (reply.generatedBodySize) {

@@ -71,6 +71,9 @@ struct HttpReply {
     bool closeConnection = false;
     /// Wait this long before answering.
     std::chrono::milliseconds delay{0};
+    /// Wait this long before each piece of the body after the first (pieces of 4096 bytes when
+    /// chunked, 256 KiB otherwise): a slow but steady answer.
+    std::chrono::milliseconds pieceInterval{0};
     Fault fault = Fault::none;
 
     static HttpReply text(int status, std::string body, std::string contentType = "text/plain");

@@ -8,6 +8,7 @@
 #include "kestro/core/handler_slot.h"
 #include "kestro/core/uuid.h"
 #include "kestro/network/body_text.h"
+#include "kestro/network/internal/handler_tasks.h"
 #include "kestro/network/internal/loading_loop.h"
 
 namespace kestro {
@@ -17,7 +18,6 @@ namespace {
 constexpr const char* kIntercepted = "Intercepted";
 constexpr const char* kSkipIntercept = "SkipIntercept";
 constexpr const char* kRequestIdProperty = "Kes-Tro-Request-ID";
-constexpr std::chrono::seconds kPrivateTimeout{300};
 
 // "Parses as a URL": an absolute URL with a scheme.
 bool parsesAsURL(const std::string& text) {
@@ -51,7 +51,9 @@ struct NetworkInterceptor::State : std::enable_shared_from_this<NetworkIntercept
     std::atomic<bool> intercepting{false};
     std::shared_ptr<const URLProtocolClass> protocolClass;
     // The private session of real loads: it consults no handler classes, so a forwarded copy
-    // is never offered to the interceptor again.
+    // is never offered to the interceptor again. It sets no limit of its own: the forwarded
+    // copy carries the application's idle time-out, and the application's task, which the
+    // layer times whoever loads it, ends the private load at its resource time-out.
     std::shared_ptr<URLSession> privateSession;
 
     void report(const InterceptedRequestWrapper& wrapper) const {
@@ -100,8 +102,7 @@ NetworkInterceptor::NetworkInterceptor(std::shared_ptr<MockCache> mockCache)
                                                : std::make_shared<MockCache>())) {
     state_->protocolClass = std::make_shared<InterceptorProtocolClass>(state_);
     URLSessionConfiguration config = URLSessionConfiguration::defaultSessionConfiguration();
-    config.timeoutIntervalForRequest = kPrivateTimeout;
-    config.timeoutIntervalForResource = kPrivateTimeout;
+    config.timeoutIntervalForResource = std::chrono::milliseconds::max();
     config.protocolClasses.clear();
     state_->privateSession = std::make_shared<URLSession>(std::move(config));
 }
@@ -188,9 +189,10 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
     void start(const URLRequest& original) {
         if (!original.url) return;  // nothing to load: the request is left as it is
 
-        // The forwarded copy: URL, method, body and header fields, nothing else.
+        // The forwarded copy: URL, method, body and header fields, and the application's idle
+        // time-out (the layer gives a handler the session's when the request sets none).
         copy = URLRequest(*original.url, URLRequestCachePolicy::useProtocolCachePolicy,
-                          std::chrono::milliseconds(kPrivateTimeout));
+                          original.timeoutInterval);
         copy.httpMethod = original.httpMethod.value_or("GET");
         copy.httpBody = original.httpBody;
         copy.allHTTPHeaderFields = original.allHTTPHeaderFields;
@@ -299,18 +301,18 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
             std::lock_guard lock(mutex);
             startReportPending = true;
         }
-        network::internal::runOnLoadingThreadSoon([self = shared_from_this(),
-                                                   started = std::move(started)] {
-            self->state->report(started);
-            std::optional<InterceptedRequestWrapper> next;
-            {
-                std::lock_guard lock(self->mutex);
-                self->startReportPending = false;
-                next = std::move(self->responseReportWaiting);
-                self->responseReportWaiting.reset();
-            }
-            if (next) self->state->report(*next);
-        });
+        network::internal::runOnLoadingThreadSoon(
+            [self = shared_from_this(), started = std::move(started)] {
+                self->state->report(started);
+                std::optional<InterceptedRequestWrapper> next;
+                {
+                    std::lock_guard lock(self->mutex);
+                    self->startReportPending = false;
+                    next = std::move(self->responseReportWaiting);
+                    self->responseReportWaiting.reset();
+                }
+                if (next) self->state->report(*next);
+            });
     }
 
     // The completion report of this request, under the id of its start report.
@@ -341,6 +343,9 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
                          std::optional<URLError> error) {
                 self->completed(std::move(data), std::move(response), std::move(error));
             });
+        // The application's request is answered only when the private load is complete: the
+        // bytes the load receives meanwhile keep the request's idle time-out from firing.
+        network::internal::relayActivity(*newTask, *client);
         {
             std::lock_guard lock(mutex);
             if (stopped) return;

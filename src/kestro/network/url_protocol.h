@@ -82,6 +82,11 @@ class KESTRO_API URLProtocolClass {
 /// does so asynchronously and reports to client() later from whatever thread it is on; it
 /// keeps itself alive meanwhile with shared_from_this().
 ///
+/// Time-outs: the task's own apply while a handler loads it. The handler's request carries
+/// the idle time-out in timeoutInterval (its session's when the application set none); a
+/// handler whose client hears nothing for that long, or that runs past the session's resource
+/// time-out, is told stopLoading() and the task fails with URLErrorCode::timedOut.
+///
 /// Ownership: the data task owns its handler object until the task has completed.
 class KESTRO_API URLProtocol : public std::enable_shared_from_this<URLProtocol> {
   public:

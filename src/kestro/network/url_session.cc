@@ -104,6 +104,7 @@ URLSessionDataTask::~URLSessionDataTask() = default;
 void URLSessionDataTask::resume() {
     TaskState expected = TaskState::suspended;
     if (!core_->state.compare_exchange_strong(expected, TaskState::running)) return;
+    core_->startClock();
     const auto& rq = core_->request;
 
     // Only absolute http(s) URLs reach a handler or the network.

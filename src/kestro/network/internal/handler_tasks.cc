@@ -19,13 +19,18 @@ class TaskClient final : public URLProtocolClient {
   public:
     explicit TaskClient(std::shared_ptr<TaskCore> core) : core_(std::move(core)) {}
 
+    const std::shared_ptr<TaskCore>& task() const { return core_; }
+
+    // A response head and body bytes are signs of life for the task's idle time-out.
     void didReceiveResponse(URLProtocol&, const HTTPURLResponse& response,
                             URLCacheStoragePolicy) override {
+        core_->markActive(Clock::now());
         std::lock_guard lock(mutex_);
         if (core_->done.load()) return;
         response_ = response;
     }
     void didLoadData(URLProtocol&, std::string_view data) override {
+        core_->markActive(Clock::now());
         bool over = false;
         {
             std::lock_guard lock(mutex_);
@@ -92,9 +97,18 @@ void startWithHandlers(const std::shared_ptr<TaskCore>& core,
         if (!admitted) continue;
         try {
             URLRequest canonical = cls->canonicalRequest(core->request);
+            // The handler sees the idle time-out its task runs under, the session's when the
+            // request sets none, so that a load it makes for the request can keep to it.
+            if (!canonical.timeoutInterval) {
+                canonical.timeoutInterval =
+                    std::chrono::duration_cast<std::chrono::milliseconds>(core->idleTimeout);
+            }
             auto client = std::make_shared<TaskClient>(core);
             std::shared_ptr<URLProtocol> handler = cls->create(canonical, std::move(client));
             if (!handler) continue;
+            // The task's time-outs apply whoever loads it: from here on the loop times it.
+            core->timedAsHandled.store(true);
+            timeHandledTask(core);
             std::lock_guard lock(core->handlerMutex);
             if (core->done.load()) return;
             core->handler = handler;
@@ -109,6 +123,12 @@ void startWithHandlers(const std::shared_ptr<TaskCore>& core,
     }
     core->onLoop.store(true);
     loadOnNetwork(core);
+}
+
+void relayActivity(URLSessionDataTask& inner, const URLProtocolClient& client) {
+    if (const auto* taskClient = dynamic_cast<const TaskClient*>(&client)) {
+        TaskAccess::core(inner)->activityAlsoOf = taskClient->task();
+    }
 }
 
 }  // namespace kestro::network::internal

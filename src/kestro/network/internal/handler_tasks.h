@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "kestro/network/url_protocol.h"
+#include "kestro/network/url_session.h"
 
 namespace kestro::network::internal {
 
@@ -18,5 +19,11 @@ struct TaskCore;
 /// handler that throws while it is made or started fails the task with one console line.
 void startWithHandlers(const std::shared_ptr<TaskCore>& core,
                        const std::vector<std::shared_ptr<const URLProtocolClass>>& classes);
+
+/// For a handler that loads its request through a task of its own (`inner`, not yet resumed):
+/// bytes moving on that task count as signs of life of the task that `client` reports to, so
+/// that the handler's request does not reach its idle time-out while the load it waits for is
+/// still receiving. Does nothing for a client that is not the layer's own.
+void relayActivity(URLSessionDataTask& inner, const URLProtocolClient& client);
 
 }  // namespace kestro::network::internal

@@ -71,13 +71,40 @@ class Loop {
         }
         push({Command::cancel, std::move(core)});
     }
+    void timeHandled(std::shared_ptr<TaskCore> core) {
+        const Clock::time_point deadline = core->deadline();
+        if (tHoldsLoop) {
+            linkHandled(core);
+            return;
+        }
+        if (std::unique_lock lock = tryLock(); lock.owns_lock()) {
+            linkHandled(core);
+            wakeIfSleepingTooLong();
+            return;
+        }
+        // The loop looks at its commands at least once per kLongestSleep: a later deadline
+        // needs no wake-up.
+        const bool soon = deadline < Clock::now() + kLongestSleep;
+        push({Command::timeHandled, std::move(core)}, soon);
+    }
+    void stopTimingHandled(TaskCore& core) {
+        if (tHoldsLoop) {
+            unlinkHandled(&core);
+            return;
+        }
+        if (std::unique_lock lock = tryLock(); lock.owns_lock()) {
+            unlinkHandled(&core);
+            return;
+        }
+        push({Command::stopTimingHandled, core.shared_from_this()}, false);
+    }
     std::size_t activeCount() const { return activeCount_.load(); }
     void handOver(Deferred d);
     void handOverSoon(Deferred d);
 
   private:
     struct Command {
-        enum Kind { add, cancel } kind;
+        enum Kind { add, cancel, timeHandled, stopTimingHandled } kind;
         std::shared_ptr<TaskCore> core;
     };
 
@@ -89,7 +116,7 @@ class Loop {
         if (tHoldsLoop) return {};
         return std::unique_lock<std::mutex>(mutex_, std::try_to_lock);
     }
-    void push(Command c);
+    void push(Command c, bool wakeLoop = true);
     void passToOwner(DeliveryBatch& batch);
     void ownerHasWork();
     void wake();
@@ -104,6 +131,8 @@ class Loop {
     std::shared_ptr<TaskCore> unhold(TaskCore* core);
     void finish(TaskCore* core, CURLcode result);
     void drop(TaskCore* core);
+    void linkHandled(const std::shared_ptr<TaskCore>& core);
+    void unlinkHandled(TaskCore* core);
     void checkIdle(Clock::time_point now);
     static bool usedOnce(TaskCore* core);
 
@@ -125,11 +154,13 @@ class Loop {
 
     std::mutex commandMutex_;
     std::vector<Command> commands_;
+    bool wakeRequested_ = false;  // a wake-up was sent for commands_ since the loop took them
 
     // Guarded by mutex_.
     std::mutex mutex_;
     TaskCore* held_ = nullptr;  // tasks waiting for a slot or transferring, linked through them
     std::size_t heldCount_ = 0;
+    TaskCore* handled_ = nullptr;  // tasks a protocol handler loads, timed here
     OriginQueues origins_;
     EasyHandles handles_;
     std::unordered_set<curl_socket_t> parked_;  // registered with epoll, not wanted by libcurl
@@ -174,12 +205,13 @@ Loop::Loop() {
     threads_.start([this] { run(); });
 }
 
-void Loop::push(Command c) {
+void Loop::push(Command c, bool wakeLoop) {
     bool first = false;
     {
         std::lock_guard lock(commandMutex_);
-        first = commands_.empty();
         commands_.push_back(std::move(c));
+        first = wakeLoop && !wakeRequested_;
+        if (first) wakeRequested_ = true;
     }
     // One wake-up per batch: the loop takes the whole list at once.
     if (first) wake();
@@ -291,11 +323,7 @@ bool Loop::usedOnce(TaskCore* core) {
 
 void Loop::start(const std::shared_ptr<TaskCore>& core) {
     if (core->done.load() || core->held) return;  // cancelled before it reached us
-    const URLSessionConfiguration& cfg = core->session->configuration;
-    const auto idle = core->request.timeoutInterval.value_or(cfg.timeoutIntervalForRequest);
-    core->idleTimeout = std::max<Clock::duration>(idle, std::chrono::milliseconds(1));
-    core->lastActivity = Clock::now();
-    nextIdleScan_ = std::min(nextIdleScan_, core->lastActivity + core->idleTimeout);
+    nextIdleScan_ = std::min(nextIdleScan_, core->deadline());
     hold(core);
 
     if (!origins_.takeSlot(core)) return;  // waits in its origin's queue
@@ -326,9 +354,9 @@ bool Loop::begin(const std::shared_ptr<TaskCore>& core) {
     // Received bytes count as activity in the write and header callbacks; the progress
     // callback is only needed to see a request body going out.
     curl_easy_setopt(e, CURLOPT_NOPROGRESS, rq.httpBody ? 0L : 1L);
-    curl_easy_setopt(
-        e, CURLOPT_TIMEOUT_MS,
-        static_cast<long>(std::max<std::int64_t>(cfg.timeoutIntervalForResource.count(), 1)));
+    // Both time-outs are the loop's (checkIdle), as for a task that a handler loads; libcurl's
+    // connection time-out is set to the idle one only so that its own default (300 s) never
+    // ends a connection attempt sooner.
     curl_easy_setopt(
         e, CURLOPT_CONNECTTIMEOUT_MS,
         static_cast<long>(
@@ -436,31 +464,62 @@ void Loop::finish(TaskCore* core, CURLcode result) {
     }
 }
 
+void Loop::linkHandled(const std::shared_ptr<TaskCore>& core) {
+    if (core->done.load() || core->inHandledList) return;  // completed before it reached us
+    core->inHandledList = true;
+    core->handledRef = core;
+    core->handledPrev = nullptr;
+    core->handledNext = handled_;
+    if (handled_) handled_->handledPrev = core.get();
+    handled_ = core.get();
+    nextIdleScan_ = std::min(nextIdleScan_, core->deadline());
+}
+
+void Loop::unlinkHandled(TaskCore* core) {
+    if (!core->inHandledList) return;
+    core->inHandledList = false;
+    if (core->handledPrev) {
+        core->handledPrev->handledNext = core->handledNext;
+    } else {
+        handled_ = core->handledNext;
+    }
+    if (core->handledNext) core->handledNext->handledPrev = core->handledPrev;
+    core->handledPrev = core->handledNext = nullptr;
+    std::shared_ptr<TaskCore> last = std::move(core->handledRef);
+}
+
+// Fails every task, on the network or with a handler, that has shown no sign of life for its
+// idle time-out or has run past its resource time-out.
 void Loop::checkIdle(Clock::time_point now) {
     if (now < nextIdleScan_) return;
     // Activity only moves deadlines later, so the earliest deadline seen now is the next time
-    // a scan can find anything (new transfers pull it earlier in start()).
+    // a scan can find anything (new tasks pull it earlier in start() and linkHandled()).
     std::vector<TaskCore*> expired;
+    std::vector<TaskCore*> expiredHandled;
     Clock::time_point earliest = now + std::chrono::seconds(1);
-    for (TaskCore* core = held_; core; core = core->heldNext) {
-        const auto deadline = core->lastActivity + core->idleTimeout;
+    auto look = [&](TaskCore* core, std::vector<TaskCore*>& out) {
+        const auto deadline = core->deadline();
         if (now > deadline) {
-            expired.push_back(core);
+            out.push_back(core);
         } else {
             earliest = std::min(earliest, deadline);
         }
-    }
+    };
+    for (TaskCore* core = held_; core; core = core->heldNext) look(core, expired);
+    for (TaskCore* core = handled_; core; core = core->handledNext) look(core, expiredHandled);
     nextIdleScan_ = std::max(earliest, now + kIdleScanInterval);
     for (TaskCore* core : expired) {
         std::shared_ptr<TaskCore> keep = core->shared_from_this();
         drop(core);
-        if (keep->claim()) {
-            const auto ms =
-                std::chrono::duration_cast<std::chrono::milliseconds>(keep->idleTimeout).count();
-            keep->deliver(std::nullopt, std::nullopt,
-                          URLError::make(URLErrorCode::timedOut,
-                                         "no data for " + std::to_string(ms) + " ms"));
-        }
+        if (keep->claim()) keep->deliver(std::nullopt, std::nullopt, keep->timeoutError(now));
+    }
+    for (TaskCore* core : expiredHandled) {
+        std::shared_ptr<TaskCore> keep = core->shared_from_this();
+        unlinkHandled(core);
+        // One that completed while its loop was told too late is only let go.
+        if (!keep->claim()) continue;
+        keep->deliver(std::nullopt, std::nullopt, keep->timeoutError(now));
+        keep->releaseHandler(true);
     }
 }
 
@@ -550,12 +609,22 @@ void Loop::run() {
         {
             std::lock_guard commandLock(commandMutex_);
             batch.swap(commands_);
+            wakeRequested_ = false;
         }
         for (auto& c : batch) {
-            if (c.kind == Command::add) {
-                start(c.core);
-            } else {
-                drop(c.core.get());  // already completed by cancel()
+            switch (c.kind) {
+                case Command::add:
+                    start(c.core);
+                    break;
+                case Command::cancel:
+                    drop(c.core.get());  // already completed by cancel()
+                    break;
+                case Command::timeHandled:
+                    linkHandled(c.core);
+                    break;
+                case Command::stopTimingHandled:
+                    unlinkHandled(c.core.get());
+                    break;
             }
         }
         batch.clear();
@@ -571,6 +640,12 @@ void loadOnNetwork(std::shared_ptr<TaskCore> core) { Loop::instance().add(std::m
 void cancelOnNetwork(std::shared_ptr<TaskCore> core) { Loop::instance().cancel(std::move(core)); }
 
 std::size_t heldTaskCount() { return Loop::instance().activeCount(); }
+
+void timeHandledTask(std::shared_ptr<TaskCore> core) {
+    Loop::instance().timeHandled(std::move(core));
+}
+
+void stopTimingHandledTask(TaskCore& core) { Loop::instance().stopTimingHandled(core); }
 
 void handOverToLoop(Deferred d) { Loop::instance().handOver(std::move(d)); }
 

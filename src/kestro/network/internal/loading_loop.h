@@ -6,7 +6,8 @@
 // interface on an epoll set by one of the two loading threads (loading_threads.h). The loop
 // holds the tasks that go to the network: it gives each a transfer slot of its origin
 // (origin_queues.h) and an easy handle (easy_handles.h), sends it, gathers the answer, and
-// completes the task; or it fails the task when it stays idle past its time-out.
+// completes the task. It also keeps the time of every task, those that a protocol handler
+// loads included, and fails a task that stays idle or runs past its time-outs.
 
 #include <cstddef>
 #include <functional>
@@ -24,6 +25,15 @@ void loadOnNetwork(std::shared_ptr<TaskCore> core);
 void cancelOnNetwork(std::shared_ptr<TaskCore> core);
 /// Tasks the loop holds (waiting for a slot or transferring).
 std::size_t heldTaskCount();
+
+/// Times a task that a protocol handler loads, as the loop times its own: when the task shows
+/// no sign of life (a call of its client) for its idle time-out, or runs past its resource
+/// time-out, the loop completes it with a time-out error and tells the handler stopLoading().
+/// Call with the task's timedAsHandled already set. Any thread; it costs the loop no wake-up
+/// unless the task's deadline comes before the loop would look next.
+void timeHandledTask(std::shared_ptr<TaskCore> core);
+/// The task has completed: the loop stops timing it. Any thread.
+void stopTimingHandledTask(TaskCore& core);
 
 /// Work made by a completion that runs on the loading thread: it goes to the loop's hand-over
 /// list, which the thread takes on its next round, or which the stand-by finds there when it

@@ -4,6 +4,7 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -15,6 +16,7 @@
 
 #include "kestro/core/console.h"
 #include "kestro/network/internal/delivery.h"
+#include "kestro/network/internal/loading_loop.h"
 #include "kestro/network/url_protocol.h"
 #include "kestro/network/url_session.h"
 
@@ -73,10 +75,47 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
     std::string statusLineVersion;
     bool overLimit = false;
     bool sizeChecked = false;
-    Clock::time_point lastActivity;
-    Clock::duration idleTimeout{};
     curl_off_t lastUp = 0, lastDown = 0;
     char errorBuffer[CURL_ERROR_SIZE] = {};
+
+    // Time-outs, the same whoever loads the task: the loop times every task, those a handler
+    // loads included. Set by startClock() before the task is handed on.
+    Clock::time_point startedAt;
+    Clock::duration idleTimeout{};      // the request's timeoutInterval, or its session's
+    Clock::duration resourceTimeout{};  // the session's timeoutIntervalForResource
+    // The last sign of life: bytes moving on the task's transfer, a call of its handler's
+    // client, or bytes moving on a load the handler makes for it (activityAlsoOf).
+    std::atomic<Clock::rep> lastActivity{0};
+    // Set on a task a handler loads through another task of the layer: activity of this task
+    // counts for that one too (see relayActivity()).
+    std::shared_ptr<TaskCore> activityAlsoOf;
+
+    // Handler path, timed by the loop: set before the loop is asked to time the task, so that
+    // whoever completes it knows to let the loop know. The list fields are touched only under
+    // the loop's mutex.
+    std::atomic<bool> timedAsHandled{false};
+    bool inHandledList = false;
+    std::shared_ptr<TaskCore> handledRef;
+    TaskCore* handledPrev = nullptr;
+    TaskCore* handledNext = nullptr;
+
+    /// Takes the task's limits from its request and session and starts its clock. Before the
+    /// task is handed on.
+    void startClock();
+    void markActive(Clock::time_point now) {
+        lastActivity.store(now.time_since_epoch().count(), std::memory_order_relaxed);
+        if (activityAlsoOf) activityAlsoOf->markActive(now);
+    }
+    Clock::time_point lastActive() const {
+        return Clock::time_point(Clock::duration(lastActivity.load(std::memory_order_relaxed)));
+    }
+    /// When the task times out unless it shows a sign of life first.
+    Clock::time_point deadline() const {
+        return std::min(lastActive() + idleTimeout, startedAt + resourceTimeout);
+    }
+    /// The error of a task that timed out at `now`: which of its limits passed, in the same
+    /// words whoever loaded it.
+    URLError timeoutError(Clock::time_point now) const;
 
     /// Claims the right to complete. True for exactly one caller.
     bool claim() { return !done.exchange(true, std::memory_order_acq_rel); }
@@ -88,6 +127,7 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
         resultData = std::move(data);
         resultResponse = std::move(response);
         resultError = std::move(error);
+        if (timedAsHandled.load()) stopTimingHandledTask(*this);
         DeliveryBatch::handOn({Deferred::Kind::complete, shared_from_this()});
     }
 
@@ -120,6 +160,13 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
         }
         if (!h || !stop) return;
         runReportingThrows("A protocol handler's stopLoading", [&] { h->stopLoading(); });
+    }
+};
+
+/// The task behind a data task's handle, for the layer's own code.
+struct TaskAccess {
+    static const std::shared_ptr<TaskCore>& core(const URLSessionDataTask& task) {
+        return task.core_;
     }
 };
 

@@ -28,14 +28,14 @@ std::size_t onResponseBody(char* data, std::size_t size, std::size_t n, void* us
         return CURL_WRITEFUNC_ERROR;
     }
     core->body.append(data, bytes);
-    core->lastActivity = Clock::now();
+    core->markActive(Clock::now());
     return bytes;
 }
 
 std::size_t onResponseHeader(char* data, std::size_t size, std::size_t n, void* user) {
     auto* core = static_cast<TaskCore*>(user);
     const std::size_t bytes = size * n;
-    core->lastActivity = Clock::now();
+    core->markActive(Clock::now());
     std::string_view line(data, bytes);
     while (!line.empty() && (line.back() == '\r' || line.back() == '\n')) line.remove_suffix(1);
     if (line.starts_with("HTTP/")) {
@@ -67,7 +67,7 @@ int onTransferProgress(void* user, curl_off_t, curl_off_t dlNow, curl_off_t, cur
     if (dlNow != core->lastDown || ulNow != core->lastUp) {
         core->lastDown = dlNow;
         core->lastUp = ulNow;
-        core->lastActivity = Clock::now();
+        core->markActive(Clock::now());
     }
     return 0;
 }

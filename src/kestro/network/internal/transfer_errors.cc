@@ -14,8 +14,10 @@ URLError errorFor(CURLcode code, const TaskCore& core) {
     const std::string detail =
         core.errorBuffer[0] ? std::string(core.errorBuffer) : std::string(curl_easy_strerror(code));
     switch (code) {
+        // Only the connection time-out, which is the idle one: the same words as when the
+        // loop ends an idle task.
         case CURLE_OPERATION_TIMEDOUT:
-            return URLError::make(URLErrorCode::timedOut, detail);
+            return core.timeoutError(Clock::now());
         case CURLE_COULDNT_CONNECT:
             return URLError::make(URLErrorCode::cannotConnectToHost, detail);
         case CURLE_COULDNT_RESOLVE_HOST:
