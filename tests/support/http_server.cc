@@ -329,10 +329,25 @@ HttpServer::HttpServer(Handler handler, Scheme scheme)
     impl_->handler = std::move(handler);
     if (scheme == Scheme::https) {
         auto [certPem, keyPem] = makeCertificate();
-        certificatePem_ = certPem;
+        const TlsIdentity identity{certPem, keyPem};
+        start(&identity);
+    } else {
+        start(nullptr);
+    }
+}
+
+HttpServer::HttpServer(Handler handler, const TlsIdentity& identity)
+    : impl_(std::make_unique<Impl>(*this)), scheme_(Scheme::https) {
+    impl_->handler = std::move(handler);
+    start(&identity);
+}
+
+void HttpServer::start(const TlsIdentity* identity) {
+    if (identity) {
+        certificatePem_ = identity->certificatePem;
         impl_->tls.emplace(asio::ssl::context::tls_server);
-        impl_->tls->use_certificate_chain(asio::buffer(certPem));
-        impl_->tls->use_private_key(asio::buffer(keyPem), asio::ssl::context::pem);
+        impl_->tls->use_certificate_chain(asio::buffer(identity->certificatePem));
+        impl_->tls->use_private_key(asio::buffer(identity->keyPem), asio::ssl::context::pem);
     }
     impl_->acceptor.emplace(*impl_->ioc);
     tcp::endpoint endpoint(asio::ip::make_address("127.0.0.1"), 0);

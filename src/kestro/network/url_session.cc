@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <boost/url/parse.hpp>
-#include <fstream>
-#include <sstream>
 
 #include "kestro/core/console.h"
 #include "kestro/core/executor.h"
@@ -18,24 +16,9 @@
 namespace kestro {
 namespace network::internal {
 
-std::string readCAFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        printI("❌ Could not read the trusted certificate file " + path, LogLevel::error);
-        return {};
-    }
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 std::shared_ptr<const SessionState> makeState(URLSessionConfiguration cfg, bool registry) {
     auto s = std::make_shared<SessionState>();
-    if (cfg.additionalTrustedCAFile) s->extraCAPEM = readCAFile(*cfg.additionalTrustedCAFile);
-    if (cfg.additionalTrustedCAPEM) {
-        if (!s->extraCAPEM.empty() && s->extraCAPEM.back() != '\n') s->extraCAPEM += '\n';
-        s->extraCAPEM += *cfg.additionalTrustedCAPEM;
-    }
+    s->trust = makeSessionTrust(cfg);
     s->configuration = std::move(cfg);
     s->consultsRegistry = registry;
     return s;

@@ -46,7 +46,9 @@ struct KESTRO_API URLSessionConfiguration {
     HTTPHeaderFields httpAdditionalHeaders;
     /// Extra certificate authorities to trust for HTTPS, besides the system's trust store: a
     /// PEM file, and/or PEM text. A file that cannot be read gives a console line and is
-    /// ignored.
+    /// ignored. The system's trust store is the bundle file and the certificate folder named by
+    /// SSL_CERT_FILE and SSL_CERT_DIR when they are set, otherwise libcurl's built-in ones,
+    /// as they are when the session is made.
     std::optional<std::string> additionalTrustedCAFile;
     std::optional<std::string> additionalTrustedCAPEM;
 };

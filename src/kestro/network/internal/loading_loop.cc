@@ -315,7 +315,7 @@ int Loop::onTimer(CURLM*, long timeoutMs, void* user) {
 }
 
 bool Loop::usedOnce(TaskCore* core) {
-    if (!core->session->extraCAPEM.empty()) return true;
+    if (core->session->trust.custom()) return true;
     long redirects = 0;
     curl_easy_getinfo(core->easy, CURLINFO_REDIRECT_COUNT, &redirects);
     return redirects > 0;
@@ -361,11 +361,7 @@ bool Loop::begin(const std::shared_ptr<TaskCore>& core) {
         e, CURLOPT_CONNECTTIMEOUT_MS,
         static_cast<long>(
             std::chrono::duration_cast<std::chrono::milliseconds>(core->idleTimeout).count()));
-    if (!core->session->extraCAPEM.empty()) {
-        curl_blob blob{const_cast<char*>(core->session->extraCAPEM.data()),
-                       core->session->extraCAPEM.size(), CURL_BLOB_NOCOPY};
-        curl_easy_setopt(e, CURLOPT_CAINFO_BLOB, &blob);
-    }
+    if (core->session->trust.custom()) applyTrust(e, core->session->trust);
 
     // Every method option is set each time: a reused handle still holds the last request's.
     const std::string method = rq.method();

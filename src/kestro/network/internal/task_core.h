@@ -17,6 +17,7 @@
 #include "kestro/core/console.h"
 #include "kestro/network/internal/delivery.h"
 #include "kestro/network/internal/loading_loop.h"
+#include "kestro/network/internal/trust_store.h"
 #include "kestro/network/url_protocol.h"
 #include "kestro/network/url_session.h"
 
@@ -28,7 +29,7 @@ using Clock = std::chrono::steady_clock;
 struct SessionState {
     URLSessionConfiguration configuration;
     bool consultsRegistry = false;
-    std::string extraCAPEM;  // file and text together; empty when none
+    SessionTrust trust;
 };
 
 enum class TaskState : std::uint8_t { suspended, running, canceling, completed };
