@@ -315,6 +315,28 @@ TEST(URLSessionTest, TheSystemTrustStoreIsWhereTheEnvironmentNamesIt) {
     }
 }
 
+// Extra authorities are added to the system's trust store, never put in its place.
+TEST(URLSessionTest, ExtraAuthoritiesAddToTheSystemTrustStore) {
+    TrustFixture trust;
+    const std::string extraFile = trust.writeFile("extra.pem", trust.extra.pem());
+    for (const auto form : {TrustFixture::Form::bundleFile, TrustFixture::Form::hashedFolder}) {
+        trust.useSystemStore(form);
+        URLSessionConfiguration asText;
+        asText.additionalTrustedCAPEM = trust.extra.pem();
+        URLSessionConfiguration asFile;
+        asFile.additionalTrustedCAFile = extraFile;
+        for (const auto& cfg : {asText, asFile}) {
+            SCOPED_TRACE(std::string(form == TrustFixture::Form::bundleFile ? "bundle file"
+                                                                            : "hashed folder") +
+                         (cfg.additionalTrustedCAFile ? ", extra as a file" : ", extra as text"));
+            URLSession session(cfg);
+            EXPECT_TRUE(verifies(session, trust.bySystem));
+            EXPECT_TRUE(verifies(session, trust.byExtra));
+            EXPECT_FALSE(verifies(session, trust.byStranger));
+        }
+    }
+}
+
 TEST(URLSessionTest, CompressedAndChunkedBodiesAreDecoded) {
     std::string text;
     for (int i = 0; i < 2000; ++i) text += "line " + std::to_string(i) + "\n";

@@ -10,15 +10,24 @@ namespace kestro::network::internal {
 
 namespace {
 
-std::string readCAFile(const std::string& path) {
+std::string readCAFile(const std::string& path, bool reportFailure) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
-        printI("❌ Could not read the trusted certificate file " + path, LogLevel::error);
+        if (reportFailure) {
+            printI("❌ Could not read the trusted certificate file " + path, LogLevel::error);
+        }
         return {};
     }
     std::ostringstream s;
     s << in.rdbuf();
     return s.str();
+}
+
+// PEM texts are joined with a line break between them.
+void appendPEM(std::string& bundle, const std::string& pem) {
+    if (pem.empty()) return;
+    if (!bundle.empty() && bundle.back() != '\n') bundle += '\n';
+    bundle += pem;
 }
 
 // libcurl's built-in bundle and folder, as it was built.
@@ -57,22 +66,25 @@ SystemTrustStore systemTrustStore() {
 SessionTrust makeSessionTrust(const URLSessionConfiguration& cfg) {
     SessionTrust trust;
     trust.system = systemTrustStore();
-    if (cfg.additionalTrustedCAFile) trust.extraPEM = readCAFile(*cfg.additionalTrustedCAFile);
-    if (cfg.additionalTrustedCAPEM) {
-        if (!trust.extraPEM.empty() && trust.extraPEM.back() != '\n') trust.extraPEM += '\n';
-        trust.extraPEM += *cfg.additionalTrustedCAPEM;
-    }
+    std::string extra;
+    if (cfg.additionalTrustedCAFile) extra = readCAFile(*cfg.additionalTrustedCAFile, true);
+    if (cfg.additionalTrustedCAPEM) appendPEM(extra, *cfg.additionalTrustedCAPEM);
+    if (extra.empty()) return trust;
+    // A system with a folder only (or a bundle that cannot be read) adds nothing here; its
+    // folder still applies.
+    if (!trust.system.file.empty()) trust.bundleWithExtras = readCAFile(trust.system.file, false);
+    appendPEM(trust.bundleWithExtras, extra);
     return trust;
 }
 
 void applyTrust(CURL* e, const SessionTrust& trust) {
     const SystemTrustStore& system = trust.system;
     curl_easy_setopt(e, CURLOPT_CAPATH, system.folder.empty() ? nullptr : system.folder.c_str());
-    if (trust.extraPEM.empty()) {
+    if (trust.bundleWithExtras.empty()) {
         curl_easy_setopt(e, CURLOPT_CAINFO, system.file.empty() ? nullptr : system.file.c_str());
         return;
     }
-    curl_blob blob{const_cast<char*>(trust.extraPEM.data()), trust.extraPEM.size(),
+    curl_blob blob{const_cast<char*>(trust.bundleWithExtras.data()), trust.bundleWithExtras.size(),
                    CURL_BLOB_NOCOPY};
     curl_easy_setopt(e, CURLOPT_CAINFO_BLOB, &blob);
 }

@@ -23,14 +23,23 @@ struct SystemTrustStore {
 SystemTrustStore systemTrustStore();
 
 /// The authorities a session's transfers verify servers against, fixed when the session is
-/// made: the system's trust store, plus the configuration's additional authorities.
+/// made: the system's trust store, plus the configuration's additional authorities, which add
+/// to it and never take its place.
+///
+/// libcurl takes a bundle from a file or from memory, not both (a bundle in memory replaces
+/// the file), so a session with additional authorities hands it one bundle in memory: the
+/// system bundle's text followed by theirs, beside the system folder. Such a session reads the
+/// system bundle once, when it is made, and libcurl parses it at each new connection rather
+/// than keeping it cached; connections are shared only between sessions whose bundles are the
+/// same (libcurl compares them).
 struct SessionTrust {
     SystemTrustStore system;
-    std::string extraPEM;  // the additional authorities, file and text together; empty: none
+    // With additional authorities: the system bundle's text, then theirs. Empty otherwise.
+    std::string bundleWithExtras;
 
     /// Whether transfers need trust options of their own (libcurl's defaults do otherwise);
     /// a handle that carried them is reset before it is used again.
-    bool custom() const { return system.named || !extraPEM.empty(); }
+    bool custom() const { return system.named || !bundleWithExtras.empty(); }
 };
 SessionTrust makeSessionTrust(const URLSessionConfiguration& configuration);
 
