@@ -51,15 +51,11 @@ const SystemTrustStore& builtInStore() {
 }  // namespace
 
 SystemTrustStore systemTrustStore() {
-    SystemTrustStore store = builtInStore();
-    if (const char* file = std::getenv("SSL_CERT_FILE"); file && *file) {
-        store.file = file;
-        store.named = true;
-    }
-    if (const char* folder = std::getenv("SSL_CERT_DIR"); folder && *folder) {
-        store.folder = folder;
-        store.named = true;
-    }
+    const SystemTrustStore& builtIn = builtInStore();
+    SystemTrustStore store = builtIn;
+    if (const char* file = std::getenv("SSL_CERT_FILE"); file && *file) store.file = file;
+    if (const char* folder = std::getenv("SSL_CERT_DIR"); folder && *folder) store.folder = folder;
+    store.differsFromBuiltIn = store.file != builtIn.file || store.folder != builtIn.folder;
     return store;
 }
 

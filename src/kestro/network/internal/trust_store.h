@@ -18,7 +18,9 @@ namespace kestro::network::internal {
 struct SystemTrustStore {
     std::string file;    // empty: none
     std::string folder;  // empty: none
-    bool named = false;  // either one was named by the environment
+    // The environment named a bundle or folder other than libcurl's built-in ones, so each
+    // transfer must be told. (Many environments name the built-in ones themselves.)
+    bool differsFromBuiltIn = false;
 };
 SystemTrustStore systemTrustStore();
 
@@ -39,7 +41,7 @@ struct SessionTrust {
 
     /// Whether transfers need trust options of their own (libcurl's defaults do otherwise);
     /// a handle that carried them is reset before it is used again.
-    bool custom() const { return system.named || !bundleWithExtras.empty(); }
+    bool custom() const { return system.differsFromBuiltIn || !bundleWithExtras.empty(); }
 };
 SessionTrust makeSessionTrust(const URLSessionConfiguration& configuration);
 
