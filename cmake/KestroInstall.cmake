@@ -15,8 +15,9 @@ install(TARGETS ${_kestro_targets} EXPORT KestroTargets
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# Folders named internal hold what only their subsystem uses: they are not installed.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/kestro DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-    FILES_MATCHING PATTERN "*.h")
+    FILES_MATCHING PATTERN "*.h" PATTERN "internal" EXCLUDE)
 install(EXPORT KestroTargets NAMESPACE Kestro:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Kestro)
 
 # Kestro::imgui, for hosts that draw Dear ImGui: find_package(Kestro COMPONENTS imgui). The

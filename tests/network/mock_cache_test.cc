@@ -1,10 +1,14 @@
+#include "kestro/network/mock_cache.h"
+
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <boost/json.hpp>
+#include <chrono>
 #include <random>
+#include <set>
 #include <thread>
 
-#include "kestro/network/mock_cache.h"
 #include "support/glob_regex.h"
 
 namespace kestro {
@@ -47,8 +51,8 @@ TEST(DoesURLMatchPatternTest, GlobRules) {
 
 TEST(DoesURLMatchPatternTest, AgreesWithTheRegularExpressionItStandsFor) {
     // Small alphabets make matches likely; line breaks, stars and expression syntax included.
-    const std::vector<std::string> alphabet = {"a", "b", "*", ".", "?", "\n", "\r", "\u2028",
-                                               "\u0085", "\\", "(", "é", "😀", "/", "\x0b"};
+    const std::vector<std::string> alphabet = {"a",      "b",  "*", ".", "?", "\n", "\r",  "\u2028",
+                                               "\u0085", "\\", "(", "é", "😀", "/",  "\x0b"};
     std::mt19937 rng(12345);
     auto randomText = [&](int maxLen, bool allowStar) {
         std::string s;
@@ -68,8 +72,10 @@ TEST(DoesURLMatchPatternTest, AgreesWithTheRegularExpressionItStandsFor) {
         if (round % 2 == 0) {
             url.clear();
             for (char ch : pattern) {
-                if (ch == '*') url += randomText(3, false);
-                else url += ch;
+                if (ch == '*')
+                    url += randomText(3, false);
+                else
+                    url += ch;
             }
         }
         const std::optional<bool> expected = test::globRegexMatches(url, pattern);
@@ -94,7 +100,9 @@ TEST(DoesURLMatchPatternTest, HostilePatternsStayFast) {
 }
 
 TEST(MockCacheEntryTest, DecodingAndMediaTypes) {
-    auto decode = [](const char* text) { return MockCacheEntry::decode(json::parse(text).as_object()); };
+    auto decode = [](const char* text) {
+        return MockCacheEntry::decode(json::parse(text).as_object());
+    };
     auto full = decode(R"({"url":"https://h/*","mockedUrl":"https://m/x.png","statusCode":201,
                            "headers":{"Content-Type":"IMAGE/JPEG"},"body":"hi","extra":[1]})");
     ASSERT_TRUE(full);
@@ -108,7 +116,8 @@ TEST(MockCacheEntryTest, DecodingAndMediaTypes) {
     EXPECT_FALSE(decode(R"({"url":"u","statusCode":-4.8e55})"));
     EXPECT_FALSE(decode(R"({"url":"u","statusCode":200.5})"));
 
-    auto minimal = decode(R"({"url":"u","mockedUrl":null,"statusCode":null,"headers":null,"body":null})");
+    auto minimal =
+        decode(R"({"url":"u","mockedUrl":null,"statusCode":null,"headers":null,"body":null})");
     ASSERT_TRUE(minimal);
     EXPECT_FALSE(minimal->statusCode);
     EXPECT_FALSE(minimal->isMediaRequest());
@@ -147,27 +156,56 @@ TEST(MockCacheTest, RulesAreKeyedLookedUpInOrderAndReplacedInPlace) {
     EXPECT_EQ(cache.getEntry("a")->statusCode, 1);
 }
 
+// The writer replaces the rules as a whole, version after version: every rule of version v
+// answers v with the body "v", and a rule removed and added again comes back at the same
+// version. A reader must see each snapshot whole (all its rules of one version, each rule's
+// status and body from the same write) and never an older one after a newer; and it must have
+// read while the rules changed, or the test has shown nothing.
 TEST(MockCacheTest, ReadersSeeWholeSnapshotsWhileWritersChangeRules) {
+    constexpr int kRules = 7;
+    constexpr std::size_t kVersionsToSee = 1000;
     MockCache cache;
-    std::atomic<bool> stop{false};
+    auto ruleOf = [](int k, std::int64_t version) {
+        const std::string key = "https://h/" + std::to_string(k) + "/*";
+        return std::pair<std::string, MockCacheEntry>{
+            key, MockCacheEntry{key, {}, version, {}, std::to_string(version)}};
+    };
+    std::atomic<bool> readerDone{false};
     std::thread writer([&] {
-        for (int i = 0; i < 2000; ++i) {
-            cache.addToMockCache("https://h/" + std::to_string(i % 7) + "/*",
-                                 {"https://h/" + std::to_string(i % 7) + "/*", {}, i, {}, "b"});
-            if (i % 3 == 0) cache.removeFromMockCache("https://h/" + std::to_string(i % 5) + "/*");
+        for (std::int64_t v = 1; !readerDone && v < 10'000'000; ++v) {
+            MockCache::Rules rules;
+            for (int k = 0; k < kRules; ++k) rules.push_back(ruleOf(k, v));
+            cache.setMockCache(std::move(rules));
+            auto [key, entry] = ruleOf(static_cast<int>(v % kRules), v);
+            cache.removeFromMockCache(key);
+            cache.addToMockCache(key, entry);
         }
-        stop = true;
     });
-    int lookups = 0;
-    do {  // at least one lookup, however quickly the writer is done
-        auto e = cache.getEntry("https://h/3/x");
-        if (e) {
-            EXPECT_EQ(e->url, "https://h/3/*");
+
+    std::set<std::int64_t> versions;
+    std::int64_t newest = 0;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (versions.size() < kVersionsToSee && std::chrono::steady_clock::now() < deadline) {
+        const auto rules = cache.mockCache();
+        if (rules->empty()) continue;
+        const std::int64_t version = rules->front().second.statusCode.value_or(-1);
+        EXPECT_GE(version, newest) << "an older snapshot after a newer one";
+        newest = std::max(newest, version);
+        versions.insert(version);
+        for (const auto& [key, entry] : *rules) {
+            EXPECT_EQ(entry.url, key);
+            EXPECT_EQ(entry.statusCode, version) << "rules of two versions in one snapshot";
+            EXPECT_EQ(entry.body, std::to_string(version));
         }
-        ++lookups;
-    } while (!stop && lookups < 1000000);
+        if (auto found = cache.getEntry("https://h/3/x")) {
+            EXPECT_EQ(found->url, "https://h/3/*");
+            EXPECT_EQ(found->body, std::to_string(found->statusCode.value_or(-1)));
+        }
+        if (::testing::Test::HasFailure()) break;
+    }
+    readerDone = true;
     writer.join();
-    EXPECT_GT(lookups, 0);
+    EXPECT_GE(versions.size(), kVersionsToSee) << "the reader did not read while rules changed";
 }
 
 }  // namespace

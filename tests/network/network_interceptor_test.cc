@@ -11,6 +11,7 @@
 #include "kestro/core/console.h"
 #include "kestro/network/body_text.h"
 #include "kestro/network/http.h"
+#include "network/url_test_util.h"
 #include "support/console_capture.h"
 #include "support/http_server.h"
 #include "support/wait.h"
@@ -191,6 +192,87 @@ TEST_F(NetworkInterceptorTest, TransportFailuresReachTheApplicationAsWithoutCapt
         ASSERT_TRUE(capture.reports.waitFor(1));
         EXPECT_EQ(capture.reports.size(), 1u);
     }
+}
+
+// The application's time-outs (the request's own, its session's idle and resource ones) apply
+// whether or not capture takes the request: against a server that never answers, the
+// application gets the same error at the same time. A request held at a breakpoint ends at its
+// own time-out when that comes before the breakpoint's.
+TEST_F(NetworkInterceptorTest, TheApplicationsTimeOutsApplyWithAndWithoutCapture) {
+    HttpReply silent;
+    silent.fault = HttpReply::Fault::neverAnswer;
+    HttpServer server([&](const test::ReceivedRequest&) { return silent; });
+    constexpr auto kLimit = 300ms;
+    struct Case {
+        const char* what;
+        std::optional<std::chrono::milliseconds> requestTimeout;
+        std::optional<std::chrono::milliseconds> sessionRequestTimeout;
+        std::optional<std::chrono::milliseconds> sessionResourceTimeout;
+        bool heldAtBreakpoint = false;
+    };
+    const std::vector<Case> cases = {
+        {"the request's timeoutInterval", kLimit, {}, {}},
+        {"the session's request time-out", {}, kLimit, {}},
+        {"the session's resource time-out", 60s, {}, kLimit},
+        {"held at a breakpoint", kLimit, {}, {}, true},
+    };
+    struct Ended {
+        std::optional<URLError> error;
+        std::chrono::milliseconds after{};
+    };
+    auto load = [&](const Case& c, std::shared_ptr<const URLProtocolClass> capture) {
+        URLSessionConfiguration cfg;
+        if (c.sessionRequestTimeout) cfg.timeoutIntervalForRequest = *c.sessionRequestTimeout;
+        if (c.sessionResourceTimeout) cfg.timeoutIntervalForResource = *c.sessionResourceTimeout;
+        if (capture) cfg.protocolClasses = {std::move(capture)};
+        URLSession session(cfg);
+        URLRequest request(server.url("/silent"));
+        request.timeoutInterval = c.requestTimeout;
+        const auto begun = std::chrono::steady_clock::now();
+        test::Fetch fetch(session, request);
+        const test::Outcome outcome = fetch.resume().wait(5s);
+        return Ended{outcome.error, std::chrono::duration_cast<std::chrono::milliseconds>(
+                                        std::chrono::steady_clock::now() - begun)};
+    };
+    for (const auto& c : cases) {
+        const Ended off = load(c, nullptr);
+        Capture capture;
+        capture.interceptor.setBreakPointEnabled(c.heldAtBreakpoint);
+        const Ended on = load(c, capture.interceptor.protocolClass());
+        ASSERT_TRUE(off.error && on.error) << c.what;
+        EXPECT_TRUE(off.error->is(URLErrorCode::timedOut)) << c.what;
+        EXPECT_EQ(*on.error, *off.error) << c.what << ": " << on.error->localizedDescription()
+                                         << " / " << off.error->localizedDescription();
+        EXPECT_GE(on.after, kLimit) << c.what;
+        EXPECT_GE(off.after, kLimit) << c.what;
+        EXPECT_NEAR(on.after.count(), off.after.count(), 250) << c.what;
+        // The start was reported, and nothing is left held or loading.
+        ASSERT_TRUE(capture.reports.waitFor(1)) << c.what;
+        EXPECT_TRUE(test::waitUntil([&] {
+            return capture.interceptor.semaphore().heldCount() == 0 &&
+                   URLSession::activeTransferCount() == 0;
+        })) << c.what;
+    }
+}
+
+// Under capture the application's request is answered when the private load is complete; the
+// bytes that load receives meanwhile count for the request's idle time-out, so a slow but
+// steady answer is not cut off by it, with capture as without.
+TEST_F(NetworkInterceptorTest, ASteadyAnswerOutlastsTheIdleTimeOutUnderCapture) {
+    HttpReply steady = HttpReply::text(200, std::string(8 * 4096, 's'));
+    steady.chunked = true;
+    steady.pieceInterval = 100ms;  // 700 ms in all, never 300 ms without a byte
+    HttpServer server([&](const test::ReceivedRequest&) { return steady; });
+    URLRequest request(server.url("/steady"));
+    request.timeoutInterval = 300ms;
+
+    const auto plain = fetch(request);
+    ASSERT_FALSE(plain.error) << plain.summary();
+    Capture capture;
+    const auto captured = fetch(request);
+    ASSERT_FALSE(captured.error) << captured.summary();
+    EXPECT_EQ(captured.body, plain.body);
+    EXPECT_EQ(captured.body.size(), 8u * 4096);
 }
 
 TEST_F(NetworkInterceptorTest, MockRulesAnswerWithoutTheNetwork) {
@@ -406,6 +488,31 @@ TEST_F(NetworkInterceptorTest, StoppingLetsNewRequestsThroughUnreported) {
     ASSERT_FALSE(fetch(server.url("/b")).error);
     EXPECT_EQ(capture->reports.size(), 2u);
     EXPECT_EQ(server.requestCount(), 2u);
+}
+
+// Each interceptor registers a handler class of its own: the newest takes the requests, and
+// stopping one interceptor leaves another's capture on.
+TEST_F(NetworkInterceptorTest, EachInterceptorsRegistrationIsItsOwn) {
+    HttpServer server;
+    Capture first;
+    Capture second;
+    ASSERT_FALSE(fetch(server.url("/both")).error);
+    ASSERT_TRUE(second.reports.waitFor(2));
+    EXPECT_EQ(first.reports.size(), 0u);
+
+    // The older one takes over again when the newer stops.
+    second.interceptor.stopIntercepting();
+    ASSERT_FALSE(fetch(server.url("/first")).error);
+    ASSERT_TRUE(first.reports.waitFor(2));
+
+    // Stopping the older one leaves the newer capturing.
+    second.interceptor.startIntercepting(
+        [&](const InterceptedRequestWrapper& w) { second.reports.add(w); });
+    first.interceptor.stopIntercepting();
+    ASSERT_FALSE(fetch(server.url("/second")).error);
+    ASSERT_TRUE(second.reports.waitFor(4));
+    EXPECT_EQ(first.reports.size(), 2u);
+    EXPECT_EQ(server.requestCount(), 3u);
 }
 
 TEST_F(NetworkInterceptorTest, UploadsMarkedSkipInterceptAreNeverTakenOver) {

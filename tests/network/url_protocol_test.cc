@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <stdexcept>
-#include <typeindex>
 
 #include "kestro/core/executor.h"
 #include "kestro/network/url_session.h"
@@ -249,7 +248,6 @@ class ThrowingClass final : public URLProtocolClass {
                                         std::shared_ptr<URLProtocolClient> client) const override {
         return std::make_shared<Handler>(r, std::move(client));
     }
-    std::type_index identity() const override { return typeid(ThrowingClass); }
     bool startsOnCallingThread() const override { return true; }
 };
 

@@ -1,13 +1,14 @@
 #include "kestro/network/url_session.h"
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <strings.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
-#include <strings.h>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -17,8 +18,9 @@
 #include <vector>
 
 #include "kestro/network/http.h"
-#include "kestro/network/loading_thread.h"
+#include "kestro/network/internal/loading_loop.h"
 #include "network/url_test_util.h"
+#include "support/certificate_authority.h"
 #include "support/console_capture.h"
 #include "support/http_server.h"
 
@@ -104,7 +106,8 @@ TEST(URLSessionTest, RequestAndSessionHeaderFieldsAreSentOnceEach) {
     // A field cannot add lines of its own: it ends at a line break or NUL.
     r.setValue("a\r\nX-Injected: 1", "X-Broken");
     r.setValue(std::string("b\0X-Hidden: 2", 13), "X-Nul");
-    for (int i = 0; i < 20; ++i) r.setValue(std::string(i * 10, 'v'), "X-Field-" + std::to_string(i));
+    for (int i = 0; i < 20; ++i)
+        r.setValue(std::string(i * 10, 'v'), "X-Field-" + std::to_string(i));
     Outcome o = load(withExtras, r);
     ASSERT_FALSE(o.error) << o.error->localizedDescription();
     // A request with no fields of its own gets the session's.
@@ -127,7 +130,8 @@ TEST(URLSessionTest, RequestAndSessionHeaderFieldsAreSentOnceEach) {
     EXPECT_FALSE(first.header("Expect").has_value());
     EXPECT_EQ(first.body.size(), 2u << 20);
     int shared = 0;
-    for (const auto& [name, value] : first.headers) shared += strcasecmp(name.c_str(), "x-shared") == 0;
+    for (const auto& [name, value] : first.headers)
+        shared += strcasecmp(name.c_str(), "x-shared") == 0;
     EXPECT_EQ(shared, 1);
     EXPECT_EQ(received[1].header("X-Shared"), "from the session");
     EXPECT_FALSE(received[1].header("X-Empty").has_value());
@@ -210,6 +214,127 @@ TEST(URLSessionTest, HttpsIsVerifiedAgainstTheSystemStoreAndTheConfiguredAuthori
     ASSERT_FALSE(viaFile.error) << viaFile.error->localizedDescription();
     EXPECT_EQ(viaFile.data, "/file");
     for (const auto& r : server.requests()) EXPECT_TRUE(r.tls);
+}
+
+// Sets an environment variable for the lifetime of the object, and restores it after.
+class ScopedEnv {
+  public:
+    ScopedEnv(const char* name, const std::string& value) : name_(name) {
+        if (const char* old = std::getenv(name)) old_ = old;
+        ::setenv(name, value.c_str(), 1);
+    }
+    ~ScopedEnv() {
+        if (old_) {
+            ::setenv(name_, old_->c_str(), 1);
+        } else {
+            ::unsetenv(name_);
+        }
+    }
+
+  private:
+    const char* name_;
+    std::optional<std::string> old_;
+};
+
+// Authorities a test makes, and a server signed by each: one stands in for the system's trust
+// store, one is given to a session as extra trust, one nobody trusts. The stand-in is put where
+// the system store is looked for, in either form: a bundle file (SSL_CERT_FILE, with an empty
+// SSL_CERT_DIR) or a folder of hashed certificates (SSL_CERT_DIR, with a bundle file holding an
+// authority no server uses).
+class TrustFixture {
+  public:
+    enum class Form { bundleFile, hashedFolder };
+
+    TrustFixture() {
+        std::string tmpl =
+            (std::filesystem::temp_directory_path() / "kestro-trust-XXXXXX").string();
+        if (!mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp");
+        dir_ = tmpl;
+    }
+    ~TrustFixture() { std::filesystem::remove_all(dir_); }
+
+    // Points the layer at the stand-in system store, in `form`, for the fixture's lifetime;
+    // sessions made afterwards see it.
+    void useSystemStore(Form form) {
+        env_.clear();
+        const auto folder = dir_ / (form == Form::bundleFile ? "empty" : "hashed");
+        std::filesystem::create_directories(folder);
+        const auto bundle = dir_ / (form == Form::bundleFile ? "system.pem" : "unused.pem");
+        if (form == Form::bundleFile) {
+            std::ofstream(bundle) << system.pem();
+        } else {
+            std::ofstream(bundle) << unused.pem();
+            std::ofstream(folder / system.hashedFileName()) << system.pem();
+        }
+        env_.push_back(std::make_unique<ScopedEnv>("SSL_CERT_FILE", bundle.string()));
+        env_.push_back(std::make_unique<ScopedEnv>("SSL_CERT_DIR", folder.string()));
+    }
+    std::string writeFile(const std::string& name, const std::string& text) const {
+        std::ofstream(dir_ / name) << text;
+        return (dir_ / name).string();
+    }
+
+    test::CertificateAuthority system{"Stand-in system authority"};
+    test::CertificateAuthority extra{"Extra authority"};
+    test::CertificateAuthority stranger{"Stranger authority"};
+    test::CertificateAuthority unused{"Unused authority"};
+    HttpServer bySystem{ok(), system.issueServerIdentity()};
+    HttpServer byExtra{ok(), extra.issueServerIdentity()};
+    HttpServer byStranger{ok(), stranger.issueServerIdentity()};
+
+  private:
+    static HttpServer::Handler ok() {
+        return [](const test::ReceivedRequest&) { return HttpReply::text(200, "trusted"); };
+    }
+    std::filesystem::path dir_;
+    std::vector<std::unique_ptr<ScopedEnv>> env_;
+};
+
+bool verifies(URLSession& session, const HttpServer& server) {
+    const Outcome o = load(session, server.url("/t"));
+    if (o.error) {
+        EXPECT_TRUE(o.error->is(URLErrorCode::serverCertificateUntrusted) ||
+                    o.error->is(URLErrorCode::secureConnectionFailed))
+            << o.error->localizedDescription();
+        return false;
+    }
+    return o.data == "trusted";
+}
+
+// The system's trust store is where OpenSSL's variables name it, a bundle file or a folder of
+// hashed certificates, as it is when a session is made.
+TEST(URLSessionTest, TheSystemTrustStoreIsWhereTheEnvironmentNamesIt) {
+    TrustFixture trust;
+    for (const auto form : {TrustFixture::Form::bundleFile, TrustFixture::Form::hashedFolder}) {
+        SCOPED_TRACE(form == TrustFixture::Form::bundleFile ? "bundle file" : "hashed folder");
+        trust.useSystemStore(form);
+        URLSession session;
+        EXPECT_TRUE(verifies(session, trust.bySystem));
+        EXPECT_FALSE(verifies(session, trust.byExtra));
+        EXPECT_FALSE(verifies(session, trust.byStranger));
+    }
+}
+
+// Extra authorities are added to the system's trust store, never put in its place.
+TEST(URLSessionTest, ExtraAuthoritiesAddToTheSystemTrustStore) {
+    TrustFixture trust;
+    const std::string extraFile = trust.writeFile("extra.pem", trust.extra.pem());
+    for (const auto form : {TrustFixture::Form::bundleFile, TrustFixture::Form::hashedFolder}) {
+        trust.useSystemStore(form);
+        URLSessionConfiguration asText;
+        asText.additionalTrustedCAPEM = trust.extra.pem();
+        URLSessionConfiguration asFile;
+        asFile.additionalTrustedCAFile = extraFile;
+        for (const auto& cfg : {asText, asFile}) {
+            SCOPED_TRACE(std::string(form == TrustFixture::Form::bundleFile ? "bundle file"
+                                                                            : "hashed folder") +
+                         (cfg.additionalTrustedCAFile ? ", extra as a file" : ", extra as text"));
+            URLSession session(cfg);
+            EXPECT_TRUE(verifies(session, trust.bySystem));
+            EXPECT_TRUE(verifies(session, trust.byExtra));
+            EXPECT_FALSE(verifies(session, trust.byStranger));
+        }
+    }
 }
 
 TEST(URLSessionTest, CompressedAndChunkedBodiesAreDecoded) {

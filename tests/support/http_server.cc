@@ -261,6 +261,10 @@ struct HttpServer::Impl {
             const std::size_t piece = reply.chunked ? 4096 : 256 * 1024;
             std::string block;
             for (std::uint64_t off = 0; off < toSend;) {
+                if (off > 0 && reply.pieceInterval.count() > 0) {
+                    asio::steady_timer timer(stream.get_executor(), reply.pieceInterval);
+                    co_await timer.async_wait(kTuple);
+                }
                 const std::size_t len =
                     static_cast<std::size_t>(std::min<std::uint64_t>(piece, toSend - off));
                 if (reply.generatedBodySize) {
@@ -325,10 +329,25 @@ HttpServer::HttpServer(Handler handler, Scheme scheme)
     impl_->handler = std::move(handler);
     if (scheme == Scheme::https) {
         auto [certPem, keyPem] = makeCertificate();
-        certificatePem_ = certPem;
+        const TlsIdentity identity{certPem, keyPem};
+        start(&identity);
+    } else {
+        start(nullptr);
+    }
+}
+
+HttpServer::HttpServer(Handler handler, const TlsIdentity& identity)
+    : impl_(std::make_unique<Impl>(*this)), scheme_(Scheme::https) {
+    impl_->handler = std::move(handler);
+    start(&identity);
+}
+
+void HttpServer::start(const TlsIdentity* identity) {
+    if (identity) {
+        certificatePem_ = identity->certificatePem;
         impl_->tls.emplace(asio::ssl::context::tls_server);
-        impl_->tls->use_certificate_chain(asio::buffer(certPem));
-        impl_->tls->use_private_key(asio::buffer(keyPem), asio::ssl::context::pem);
+        impl_->tls->use_certificate_chain(asio::buffer(identity->certificatePem));
+        impl_->tls->use_private_key(asio::buffer(identity->keyPem), asio::ssl::context::pem);
     }
     impl_->acceptor.emplace(*impl_->ioc);
     tcp::endpoint endpoint(asio::ip::make_address("127.0.0.1"), 0);

@@ -12,6 +12,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/certificate_authority.h"
+
 namespace kestro::test {
 
 /// One request as the test server received it.
@@ -71,6 +73,9 @@ struct HttpReply {
     bool closeConnection = false;
     /// Wait this long before answering.
     std::chrono::milliseconds delay{0};
+    /// Wait this long before each piece of the body after the first (pieces of 4096 bytes when
+    /// chunked, 256 KiB otherwise): a slow but steady answer.
+    std::chrono::milliseconds pieceInterval{0};
     Fault fault = Fault::none;
 
     static HttpReply text(int status, std::string body, std::string contentType = "text/plain");
@@ -93,6 +98,9 @@ class HttpServer {
 
     /// Starts listening at once. Without a handler every request is answered "200 OK", empty.
     explicit HttpServer(Handler handler = {}, Scheme scheme = Scheme::http);
+    /// Serves HTTPS with the given certificate and key (one a test's CertificateAuthority
+    /// issued, say).
+    HttpServer(Handler handler, const TlsIdentity& identity);
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
@@ -125,6 +133,7 @@ class HttpServer {
 
   private:
     friend struct Impl;
+    void start(const TlsIdentity* identity);
     std::unique_ptr<Impl> impl_;
     std::uint16_t port_ = 0;
     Scheme scheme_;

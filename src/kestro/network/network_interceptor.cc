@@ -3,13 +3,13 @@
 #include <boost/url/parse.hpp>
 #include <mutex>
 #include <optional>
-#include <typeindex>
 
 #include "kestro/core/console.h"
 #include "kestro/core/handler_slot.h"
 #include "kestro/core/uuid.h"
 #include "kestro/network/body_text.h"
-#include "kestro/network/loading_thread.h"
+#include "kestro/network/internal/handler_tasks.h"
+#include "kestro/network/internal/loading_loop.h"
 
 namespace kestro {
 
@@ -18,7 +18,6 @@ namespace {
 constexpr const char* kIntercepted = "Intercepted";
 constexpr const char* kSkipIntercept = "SkipIntercept";
 constexpr const char* kRequestIdProperty = "Kes-Tro-Request-ID";
-constexpr std::chrono::seconds kPrivateTimeout{300};
 
 // "Parses as a URL": an absolute URL with a scheme.
 bool parsesAsURL(const std::string& text) {
@@ -52,7 +51,9 @@ struct NetworkInterceptor::State : std::enable_shared_from_this<NetworkIntercept
     std::atomic<bool> intercepting{false};
     std::shared_ptr<const URLProtocolClass> protocolClass;
     // The private session of real loads: it consults no handler classes, so a forwarded copy
-    // is never offered to the interceptor again.
+    // is never offered to the interceptor again. It sets no limit of its own: the forwarded
+    // copy carries the application's idle time-out, and the application's task, which the
+    // layer times whoever loads it, ends the private load at its resource time-out.
     std::shared_ptr<URLSession> privateSession;
 
     void report(const InterceptedRequestWrapper& wrapper) const {
@@ -69,7 +70,8 @@ struct NetworkInterceptor::State : std::enable_shared_from_this<NetworkIntercept
 namespace {
 
 // The handler class as the registry sees it: made per interceptor, so that each handler
-// object knows the interceptor state it reports to.
+// object knows the interceptor state it reports to, and each interceptor's registration is
+// its own (the registry knows a class by its class object).
 class InterceptorProtocolClass final : public URLProtocolClass {
   public:
     explicit InterceptorProtocolClass(std::weak_ptr<NetworkInterceptor::State> state)
@@ -85,7 +87,6 @@ class InterceptorProtocolClass final : public URLProtocolClass {
         return std::make_shared<NetworkInterceptorRequest>(request, std::move(client),
                                                            std::move(state));
     }
-    std::type_index identity() const override { return typeid(NetworkInterceptorRequest); }
     // The handler's start builds the forwarded copy, looks up the rules and starts the private
     // load; the capture handler is never called on the resuming thread (see reportStart()).
     bool startsOnCallingThread() const override { return true; }
@@ -101,8 +102,7 @@ NetworkInterceptor::NetworkInterceptor(std::shared_ptr<MockCache> mockCache)
                                                : std::make_shared<MockCache>())) {
     state_->protocolClass = std::make_shared<InterceptorProtocolClass>(state_);
     URLSessionConfiguration config = URLSessionConfiguration::defaultSessionConfiguration();
-    config.timeoutIntervalForRequest = kPrivateTimeout;
-    config.timeoutIntervalForResource = kPrivateTimeout;
+    config.timeoutIntervalForResource = std::chrono::milliseconds::max();
     config.protocolClasses.clear();
     state_->privateSession = std::make_shared<URLSession>(std::move(config));
 }
@@ -189,9 +189,10 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
     void start(const URLRequest& original) {
         if (!original.url) return;  // nothing to load: the request is left as it is
 
-        // The forwarded copy: URL, method, body and header fields, nothing else.
+        // The forwarded copy: URL, method, body and header fields, and the application's idle
+        // time-out (the layer gives a handler the session's when the request sets none).
         copy = URLRequest(*original.url, URLRequestCachePolicy::useProtocolCachePolicy,
-                          std::chrono::milliseconds(kPrivateTimeout));
+                          original.timeoutInterval);
         copy.httpMethod = original.httpMethod.value_or("GET");
         copy.httpBody = original.httpBody;
         copy.allHTTPHeaderFields = original.allHTTPHeaderFields;
@@ -300,18 +301,18 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
             std::lock_guard lock(mutex);
             startReportPending = true;
         }
-        network::internal::runOnLoadingThreadSoon([self = shared_from_this(),
-                                                   started = std::move(started)] {
-            self->state->report(started);
-            std::optional<InterceptedRequestWrapper> next;
-            {
-                std::lock_guard lock(self->mutex);
-                self->startReportPending = false;
-                next = std::move(self->responseReportWaiting);
-                self->responseReportWaiting.reset();
-            }
-            if (next) self->state->report(*next);
-        });
+        network::internal::runOnLoadingThreadSoon(
+            [self = shared_from_this(), started = std::move(started)] {
+                self->state->report(started);
+                std::optional<InterceptedRequestWrapper> next;
+                {
+                    std::lock_guard lock(self->mutex);
+                    self->startReportPending = false;
+                    next = std::move(self->responseReportWaiting);
+                    self->responseReportWaiting.reset();
+                }
+                if (next) self->state->report(*next);
+            });
     }
 
     // The completion report of this request, under the id of its start report.
@@ -342,6 +343,9 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
                          std::optional<URLError> error) {
                 self->completed(std::move(data), std::move(response), std::move(error));
             });
+        // The application's request is answered only when the private load is complete: the
+        // bytes the load receives meanwhile keep the request's idle time-out from firing.
+        network::internal::relayActivity(*newTask, *client);
         {
             std::lock_guard lock(mutex);
             if (stopped) return;

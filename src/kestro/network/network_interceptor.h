@@ -38,7 +38,8 @@ class KESTRO_API NetworkInterceptor {
   public:
     using Callback = std::function<void(const InterceptedRequestWrapper&)>;
 
-    /// How long a request may wait at a breakpoint before it fails with a time-out error.
+    /// How long a request may wait at a breakpoint before it fails with a time-out error (it
+    /// fails sooner at its own time-out, when that comes first).
     static constexpr std::chrono::seconds kBreakpointTimeout{300};
 
     /// Answers mocked requests from `mockCache`, which the interceptor shares.

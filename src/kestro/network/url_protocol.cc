@@ -37,7 +37,7 @@ void URLProtocol::registerClass(std::shared_ptr<const URLProtocolClass> cls) {
     auto next = std::make_shared<ClassList>();
     next->push_back(cls);
     for (const auto& c : *r.classes.load()) {
-        if (c->identity() != cls->identity()) next->push_back(c);
+        if (c != cls) next->push_back(c);
     }
     r.classes.store(std::move(next));
 }
@@ -47,7 +47,7 @@ void URLProtocol::unregisterClass(const URLProtocolClass& cls) {
     std::lock_guard lock(r.writeMutex);
     auto next = std::make_shared<ClassList>();
     for (const auto& c : *r.classes.load()) {
-        if (c->identity() != cls.identity()) next->push_back(c);
+        if (c.get() != &cls) next->push_back(c);
     }
     r.classes.store(std::move(next));
 }

@@ -4,7 +4,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <typeindex>
 #include <vector>
 
 #include "kestro/core/export.h"
@@ -43,6 +42,10 @@ class KESTRO_API URLProtocolClient {
 /// canonical form, and the making of one handler object per admitted request. Use
 /// URLProtocolClass::of<T>() for a URLProtocol subclass T; implement this interface directly
 /// only for handler classes assembled at run time.
+///
+/// The registry knows a class by its class object: of<T>() is one object per T, so registering
+/// T again moves it to the front and unregistering T removes it; two class objects assembled
+/// at run time are two registrations, each added and removed on its own.
 class KESTRO_API URLProtocolClass {
   public:
     virtual ~URLProtocolClass() = default;
@@ -54,8 +57,6 @@ class KESTRO_API URLProtocolClass {
     virtual URLRequest canonicalRequest(const URLRequest& request) const = 0;
     virtual std::shared_ptr<URLProtocol> create(
         const URLRequest& request, std::shared_ptr<URLProtocolClient> client) const = 0;
-    /// Identity of the class in the registry: registering an equal identity again replaces it.
-    virtual std::type_index identity() const = 0;
     /// True when canInit(), create() and the handler's startLoading() are quick, never block
     /// and never call code of the application: requests are then offered to the class on the
     /// thread that resumes them, saving a thread hop. When any class a session consults says
@@ -81,6 +82,11 @@ class KESTRO_API URLProtocolClass {
 /// does so asynchronously and reports to client() later from whatever thread it is on; it
 /// keeps itself alive meanwhile with shared_from_this().
 ///
+/// Time-outs: the task's own apply while a handler loads it. The handler's request carries
+/// the idle time-out in timeoutInterval (its session's when the application set none); a
+/// handler whose client hears nothing for that long, or that runs past the session's resource
+/// time-out, is told stopLoading() and the task fails with URLErrorCode::timedOut.
+///
 /// Ownership: the data task owns its handler object until the task has completed.
 class KESTRO_API URLProtocol : public std::enable_shared_from_this<URLProtocol> {
   public:
@@ -102,7 +108,7 @@ class KESTRO_API URLProtocol : public std::enable_shared_from_this<URLProtocol> 
     // most recently registered first. Any thread; a change applies to requests resumed after
     // it.
 
-    /// Adds a class (or moves it to the front when its identity is already registered).
+    /// Adds a class (or moves it to the front when that class object is already registered).
     static void registerClass(std::shared_ptr<const URLProtocolClass> cls);
     template <typename T>
     static void registerClass() {
@@ -142,7 +148,6 @@ class ProtocolClassOf final : public URLProtocolClass {
                                         std::shared_ptr<URLProtocolClient> client) const override {
         return std::make_shared<T>(request, std::move(client));
     }
-    std::type_index identity() const override { return typeid(T); }
 };
 }  // namespace network::internal
 

@@ -18,6 +18,7 @@ namespace kestro {
 namespace network::internal {
 struct TaskCore;
 struct SessionState;
+struct TaskAccess;
 }  // namespace network::internal
 
 /// How a session loads. A plain value, copied into the session when it is made.
@@ -25,9 +26,11 @@ struct KESTRO_API URLSessionConfiguration {
     static URLSessionConfiguration defaultSessionConfiguration() { return {}; }
 
     /// Longest wait for the next byte of a transfer (connecting included), for requests that
-    /// carry no timeoutInterval of their own.
+    /// carry no timeoutInterval of their own. Both time-outs apply whether the network or a
+    /// protocol handler loads the request (for a handler, its client's calls are the bytes);
+    /// a task past either fails with URLErrorCode::timedOut.
     std::chrono::milliseconds timeoutIntervalForRequest{std::chrono::seconds(60)};
-    /// Longest time a whole transfer may take.
+    /// Longest time a whole task may take, from resume() on.
     std::chrono::milliseconds timeoutIntervalForResource{std::chrono::hours(24 * 7)};
     /// Handler classes this session consults for each request, first match wins. Empty: no
     /// handler is consulted and every request goes to the network.
@@ -43,7 +46,9 @@ struct KESTRO_API URLSessionConfiguration {
     HTTPHeaderFields httpAdditionalHeaders;
     /// Extra certificate authorities to trust for HTTPS, besides the system's trust store: a
     /// PEM file, and/or PEM text. A file that cannot be read gives a console line and is
-    /// ignored.
+    /// ignored. The system's trust store is the bundle file and the certificate folder named by
+    /// SSL_CERT_FILE and SSL_CERT_DIR when they are set, otherwise libcurl's built-in ones,
+    /// as they are when the session is made.
     std::optional<std::string> additionalTrustedCAFile;
     std::optional<std::string> additionalTrustedCAPEM;
 };
@@ -86,6 +91,7 @@ class KESTRO_API URLSessionDataTask {
 
   private:
     friend class URLSession;
+    friend struct network::internal::TaskAccess;
     explicit URLSessionDataTask(std::shared_ptr<network::internal::TaskCore> core);
     std::shared_ptr<network::internal::TaskCore> core_;
 };
