@@ -4,7 +4,9 @@ include(CMakePackageConfigHelpers)
 
 set(_kestro_targets kestro)
 foreach(sub IN LISTS KESTRO_SUBSYSTEMS)
-    if(TARGET kestro_${sub})
+    # The drawing layer needs Dear ImGui: it gets an export set of its own (below), so that the
+    # core package never requires ImGui.
+    if(TARGET kestro_${sub} AND NOT sub STREQUAL "imgui")
         list(APPEND _kestro_targets kestro_${sub})
     endif()
 endforeach()
@@ -16,6 +18,17 @@ install(TARGETS ${_kestro_targets} EXPORT KestroTargets
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/kestro DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
     FILES_MATCHING PATTERN "*.h")
 install(EXPORT KestroTargets NAMESPACE Kestro:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Kestro)
+
+# Kestro::imgui, for hosts that draw Dear ImGui: find_package(Kestro COMPONENTS imgui). The
+# package configuration loads it only when ImGui and FreeType are found.
+if(TARGET kestro_imgui)
+    set_target_properties(kestro_imgui PROPERTIES EXPORT_NAME imgui)
+    install(TARGETS kestro_imgui EXPORT KestroImGuiTargets
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+    install(EXPORT KestroImGuiTargets NAMESPACE Kestro::
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Kestro)
+endif()
 
 set(KESTRO_EXTRA_FIND_DEPENDENCIES "${KESTRO_PACKAGE_DEPENDENCIES}")
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/KestroConfig.cmake.in

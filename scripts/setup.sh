@@ -13,7 +13,9 @@ PACKAGES=(
     libfmt-dev libicu-dev libsystemd-dev libavahi-client-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     libspdlog-dev nlohmann-json3-dev
-    libsdl2-dev libgl-dev libimgui-dev
+    libsdl2-dev libgl-dev libimgui-dev libstb-dev libfreetype-dev
+    fonts-dejavu-core fonts-noto-color-emoji
+    xvfb xauth libgl1-mesa-dri
 )
 
 missing=()

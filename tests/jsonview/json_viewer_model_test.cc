@@ -259,6 +259,8 @@ TEST_F(JSONViewerTest, RowHeightsAreCachedPerOrientationRowAndState) {
     viewer->setEvents({[&] { ++reloads; }, [&](bool animated) { scrolls.push_back(animated); },
                        nullptr, nullptr});
     viewer->setContentWidth(400);
+    EXPECT_EQ(reloads, 1);  // the first width is a change too
+    reloads = 0;
 
     const double twoLines = viewer->getLineHeight(1);
     EXPECT_DOUBLE_EQ(twoLines, 48);  // a real line break inside the string; 24 points a line
@@ -280,13 +282,13 @@ TEST_F(JSONViewerTest, RowHeightsAreCachedPerOrientationRowAndState) {
     viewer->handleDeviceOrientationChange(DeviceOrientation::landscapeRight);
     EXPECT_EQ(viewer->lastOrientation(), Orientation::landscape);
 
-    // The state is part of the key: folding row 0 measures its placeholder anew.
+    // The state is part of the key: folding row 0 measures its placeholder anew. The rows
+    // below it show other lines now, so their heights (in every orientation) are forgotten.
     viewer->getLineHeight(0);
     viewer->textViewDidClickZoom(0);
     viewer->getLineHeight(0);
     EXPECT_EQ(widths.size(), 5u);
-    EXPECT_EQ(viewer->stringSizeCalculator().cachedCount(),
-              5u);  // 2 unknow, 1 portrait, 2 landscape
+    EXPECT_EQ(viewer->stringSizeCalculator().cachedCount(), 2u);  // row 0, expanded and folded
 
     // Turning wrapping off empties the cache, scrolls to the top and measures unbounded.
     viewer->shouldAnimateScrollToTopOnWrapModeChange = false;
@@ -295,6 +297,42 @@ TEST_F(JSONViewerTest, RowHeightsAreCachedPerOrientationRowAndState) {
     EXPECT_EQ(scrolls, std::vector<bool>{false});
     viewer->getLineHeight(0);
     EXPECT_EQ(widths.back(), std::nullopt);
+}
+
+TEST_F(JSONViewerTest, WidthChangesAndFoldsForgetHeightsThatNoLongerHold) {
+    // Rows: {, "a" : {, "b" : 1, "c" : 2, }, "long" : "x…", }. The long string wraps.
+    auto viewer = show(R"({"a":{"b":1,"c":2},"long":")" + std::string(200, 'x') + R"("})");
+    int reloads = 0;
+    viewer->setEvents({[&] { ++reloads; }, nullptr, nullptr, nullptr});
+    viewer->setContentWidth(300);
+    EXPECT_EQ(reloads, 1);
+    viewer->setContentWidth(300);
+    EXPECT_EQ(reloads, 1);  // no change
+    for (int row = 0; row < 7; ++row) viewer->getLineHeight(row);
+    const double wrapped = viewer->getLineHeight(5);
+    EXPECT_GT(wrapped, 24 * 3);
+    EXPECT_DOUBLE_EQ(viewer->getLineHeight(2), 24);
+
+    // Folding "a" puts the long line on row 2: its height is measured, not the old row 2's.
+    viewer->textViewDidClickZoom(1);
+    EXPECT_EQ(viewer->lineDataSource(), (std::vector<int>{1, 2, 6, 7}));
+    EXPECT_DOUBLE_EQ(viewer->getLineHeight(2), wrapped);
+    EXPECT_DOUBLE_EQ(viewer->getLineHeight(1), 24);
+    viewer->textViewDidClickZoom(1);
+    EXPECT_DOUBLE_EQ(viewer->getLineHeight(2), 24);
+    EXPECT_DOUBLE_EQ(viewer->getLineHeight(5), wrapped);
+
+    // A wider view wraps the line less.
+    viewer->setContentWidth(900);
+    EXPECT_EQ(reloads, 4);
+    EXPECT_LT(viewer->getLineHeight(5), wrapped);
+    // Without wrapping the width does not matter.
+    viewer->setAutomaticWrapEnabled(false);
+    const int before = reloads;
+    viewer->getLineHeight(5);
+    viewer->setContentWidth(200);
+    EXPECT_EQ(reloads, before);
+    EXPECT_EQ(viewer->stringSizeCalculator().cachedCount(), 1u);
 }
 
 TEST(MeasureText, WrapsAtTheWidthAndBreaksAtLineFeeds) {

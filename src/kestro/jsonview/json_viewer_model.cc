@@ -120,6 +120,11 @@ void AttributedStringSizeCalculator::clearCachedHeight() {
     for (auto& rows : cachedHeight_) rows.clear();
 }
 
+void AttributedStringSizeCalculator::clearCachedHeights(int fromRow) {
+    for (auto& rows : cachedHeight_)
+        std::erase_if(rows, [&](const auto& e) { return e.first >= fromRow; });
+}
+
 std::size_t AttributedStringSizeCalculator::cachedCount() const {
     std::size_t n = 0;
     for (const auto& rows : cachedHeight_)
@@ -340,6 +345,8 @@ void JSONViewer::handleExpandSliceDidClick(std::size_t i) {
             lineDataSource_.erase(out, lineDataSource_.end());
         }
     }
+    // The rows below the clicked one now show other lines: their cached heights go.
+    calculator_.clearCachedHeights(static_cast<int>(i - hiddenLines_.prefix(i)) + 1);
     reloadTable();
     shownText_.replace({location, replaced}, *slice.folded);
     notifySliceChange(i);
@@ -380,6 +387,7 @@ void JSONViewer::handleFoldedSliceDidClick(std::size_t i) {
             lineDataSource_ = std::move(merged);
         }
     }
+    calculator_.clearCachedHeights(static_cast<int>(i - hiddenLines_.prefix(i)) + 1);
     reloadTable();
     buffer.erase({buffer.length() - 1, 1});  // the last line feed stays in the text already
     shownText_.replace({location, foldedLength}, buffer);
@@ -466,6 +474,14 @@ void JSONViewer::setAutomaticWrapEnabled(bool enabled) {
     if (lineDataSource_.empty()) return;
     calculator_.clearCachedHeight();
     if (events_.scrollToTop) events_.scrollToTop(shouldAnimateScrollToTopOnWrapModeChange);
+    reloadTable();
+}
+
+void JSONViewer::setContentWidth(std::optional<double> width) {
+    if (width == contentWidth_) return;
+    contentWidth_ = width;
+    if (!automaticWrapEnabled_ || lineDataSource_.empty()) return;
+    calculator_.clearCachedHeight();
     reloadTable();
 }
 

@@ -74,6 +74,8 @@ class KESTRO_API AttributedStringSizeCalculator {
     Size calculate(const AttributedText& text, std::optional<double> width,
                    std::optional<double> height) const;
     void clearCachedHeight();
+    /// Forgets the heights of rows from row on (every orientation and state).
+    void clearCachedHeights(int fromRow);
     void setMeasure(TextMeasure measure) { measure_ = std::move(measure); }
     std::size_t cachedCount() const;
 
@@ -155,8 +157,10 @@ class KESTRO_API JSONViewer : public std::enable_shared_from_this<JSONViewer> {
     void setAutomaticWrapEnabled(bool enabled);
     bool shouldAnimateScrollToTopOnWrapModeChange = true;
     /// Width of the scroll view's content; wrapped lines are measured at this width less the
-    /// insets. Unset: unlimited.
-    void setContentWidth(std::optional<double> width) { contentWidth_ = width; }
+    /// insets. Unset: unlimited. While wrapping, a change of width empties the height cache
+    /// and reloads the table: wrapped heights depend on it.
+    void setContentWidth(std::optional<double> width);
+    std::optional<double> contentWidth() const { return contentWidth_; }
 
     const HighlightStyle& highlightStyle() const { return highlightStyle_; }
     /// Applies to the next preview; the views are re-coloured now.
@@ -169,6 +173,9 @@ class KESTRO_API JSONViewer : public std::enable_shared_from_this<JSONViewer> {
     void setTextMeasure(TextMeasure measure);
 
     const std::shared_ptr<JSONDecorator>& decorator() const { return decorator_; }
+    /// The decorator whose document shownText() holds: decorator() once it is laid out and
+    /// shown; another (or none) while it is pending or when it could not be laid out.
+    const std::shared_ptr<JSONDecorator>& shownDecorator() const { return shownDecorator_; }
     const TextStorage& shownText() const { return shownText_; }
     const std::vector<int>& lineDataSource() const { return lineDataSource_; }
     const std::vector<int>& searchResultIndex() const { return searchResultIndex_; }
