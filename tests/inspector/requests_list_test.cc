@@ -65,13 +65,13 @@ TEST_F(RequestsListTest, SearchFollowsTheRulesOfEachKind) {
 
 TEST_F(RequestsListTest, RowsShowTitleTagsKindAndColour) {
     const Color clear = colors::clear;
-    const Color error{0.956863f, 0.278431f, 0.278431f};
-    const Color warn{1.0f, 0.584314f, 0.0f};
-    const Color info{0.0f, 0.478431f, 1.0f};
-    const Color debug{0.415686f, 0.6f, 0.333333f};
-    const Color other{0.368627f, 0.72549f, 1.0f};
+    const Color error{0.956863, 0.278431, 0.278431};
+    const Color warn{1.0, 0.584314, 0.0};
+    const Color info{0.0, 0.478431, 1.0};
+    const Color debug{0.415686, 0.6, 0.333333};
+    const Color other{0.368627, 0.72549, 1.0};
     auto text = [](std::string t) {
-        return RowTag{std::move(t), RowTag::Style::text, colors::secondary.opacity(0.1f)};
+        return RowTag{std::move(t), RowTag::Style::text, withOpacity(colors::secondary, 0.1)};
     };
     auto method = [](std::string t, Color c) {
         return RowTag{std::move(t), RowTag::Style::method, c};
@@ -144,7 +144,7 @@ TEST_F(RequestsListTest, RowsShowTitleTagsKindAndColour) {
         EXPECT_EQ(row.tags, c.tags) << c.item.id();
         EXPECT_EQ(row.kind, c.kind) << c.item.id();
         EXPECT_EQ(rowBackgroundColor(c.item), c.colour) << c.item.id();
-        EXPECT_EQ(row.background, c.colour.opacity(0.1f)) << c.item.id();
+        EXPECT_EQ(row.background, withOpacity(c.colour, 0.1)) << c.item.id();
     }
     // A long title is cut at a character, not inside one.
     const RequestRowContent longRow =

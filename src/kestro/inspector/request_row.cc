@@ -35,17 +35,17 @@ std::string oneLine(std::string_view text) {
 }
 
 RowTag textTag(std::string text) {
-    return {std::move(text), RowTag::Style::text, colors::secondary.opacity(0.1f)};
+    return {std::move(text), RowTag::Style::text, withOpacity(colors::secondary, 0.1)};
 }
 
 }  // namespace
 
 Color rowBackgroundColor(const RequestEventType& item) {
-    static constexpr Color kError{0.956863f, 0.278431f, 0.278431f};  // #F44747
-    static constexpr Color kWarn{1.0f, 0.584314f, 0.0f};             // #FF9500
-    static constexpr Color kInfo{0.0f, 0.478431f, 1.0f};             // #007AFF
-    static constexpr Color kDebug{0.415686f, 0.6f, 0.333333f};       // #6A9955
-    static constexpr Color kOther{0.368627f, 0.72549f, 1.0f};        // #5EB9FF
+    static constexpr Color kError{0.956863, 0.278431, 0.278431};  // #F44747
+    static constexpr Color kWarn{1.0, 0.584314, 0.0};             // #FF9500
+    static constexpr Color kInfo{0.0, 0.478431, 1.0};             // #007AFF
+    static constexpr Color kDebug{0.415686, 0.6, 0.333333};       // #6A9955
+    static constexpr Color kOther{0.368627, 0.72549, 1.0};        // #5EB9FF
     if (const auto* log = item.asLog()) {
         const std::string level = lowerASCII(log->level);
         if (level == "error") return kError;
@@ -111,7 +111,7 @@ RequestRowContent rowContent(const RequestEventType& item) {
         }
     }
     row.kind = rowKindText(item);
-    row.background = rowBackgroundColor(item).opacity(0.1f);
+    row.background = withOpacity(rowBackgroundColor(item), 0.1);
     return row;
 }
 
