@@ -34,6 +34,7 @@ class KESTRO_API KestroSheetModifier {
     void dismiss();
     /// The control sheet while it is shown.
     KestroControlSheet* sheet() { return sheet_.get(); }
+    const InspectorServices& services() const { return services_; }
 
   private:
     void onShake();

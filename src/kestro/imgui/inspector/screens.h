@@ -1,0 +1,43 @@
+#pragma once
+
+// One draw function per inspector screen, each reading its model and calling its operations,
+// and the per-screen drawing state that is not the model's (previews, keyboard focus). UI
+// thread, inside the sheet's window.
+
+#include <imgui.h>
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "kestro/imgui/inspector/image_preview.h"
+#include "kestro/imgui/inspector/json_body.h"
+#include "kestro/inspector/item_details.h"
+#include "kestro/inspector/requests_list.h"
+#include "kestro/inspector/settings_form.h"
+#include "kestro/inspector/toast_manager.h"
+
+namespace kestro::imgui::inspector {
+
+/// The control sheet's settings form, with its two confirmation dialogs.
+void drawSettingsForm(KestroSettingsForm& form);
+
+struct ListState {
+    std::string focusedId;  // the row the Delete key acts on
+    std::string searchField;
+};
+/// The requests list: search bar and rows. Opening a row selects it in the model.
+void drawRequestsList(RequestsListModel& list, ListState& state);
+
+struct DetailsState {
+    const ItemDetailsModel* shown = nullptr;  // the model the previews below belong to
+    std::map<std::size_t, std::unique_ptr<JSONBodyView>> json;    // by element number
+    std::map<std::size_t, std::unique_ptr<ImagePreview>> images;  // by element number
+};
+/// An item's details. Returns true when "Done" was pressed.
+bool drawItemDetails(ItemDetailsModel& details, bool stillListed, DetailsState& state);
+
+/// The current toast at the top of the area [min, max], on the foreground draw list.
+void drawToast(const ToastManager& toasts, ImVec2 min, ImVec2 max);
+
+}  // namespace kestro::imgui::inspector

@@ -1,0 +1,52 @@
+#pragma once
+
+// Small drawing pieces the inspector's screens share: the system images they use, drawn with
+// ImGui primitives, icon buttons, styled and wrapped texts through the fonts' display form, and
+// the tinted frame behind a group. UI thread, inside a frame.
+
+#include <imgui.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "kestro/imgui/colors.h"
+#include "kestro/imgui/fonts.h"
+#include "kestro/inspector/color.h"
+
+namespace kestro::imgui::inspector {
+
+/// Draws a system image ("chevron.right", "trash", "magnifyingglass", "xmark.circle.fill",
+/// "doc.on.doc") in the square at min with side size. Unknown names draw nothing.
+void drawSystemImage(ImDrawList* list, std::string_view name, ImVec2 min, float size, ImU32 color);
+
+/// A borderless button showing a system image; reports itself to the item probe as
+/// "<probeName>". True when clicked.
+bool iconButton(const char* id, std::string_view image, float size, ImU32 color,
+                std::string_view probeName);
+
+/// Text in a style, wrapped to the window's width, through the fonts' display form.
+void wrappedText(TextStyle style, std::string_view text, std::optional<Color> color = {});
+
+/// Text in a style on one line, cut with "…" to maxWidth.
+void truncatedText(TextStyle style, std::string_view text, float maxWidth,
+                   std::optional<Color> color = {});
+
+/// Draws a group's content on a tinted rounded rectangle: call begin, draw, then end.
+class FramedGroup {
+  public:
+    FramedGroup(Color tint, float rounding, ImVec2 padding);
+    ~FramedGroup();
+    FramedGroup(const FramedGroup&) = delete;
+    FramedGroup& operator=(const FramedGroup&) = delete;
+
+  private:
+    ImDrawListSplitter splitter_;
+    ImVec2 start_;
+    ImU32 tint_;
+    float rounding_;
+    ImVec2 padding_;
+    float savedInset_ = 0;
+};
+
+}  // namespace kestro::imgui::inspector
