@@ -307,6 +307,12 @@ int main(int argc, char** argv) {
     Kestro().setDebugWindowInProductionBuilds(true);  // a shake may open the inspector
     Kestro().initialize(options.key, KestroConfig(true, true, true, LogLevel::info, "dev"));
     const std::string base = Kestro().getAPIEndpoint();
+    std::printf("demo │ Kestro %s, device %s, service %s\n", Kestro().getVersion().c_str(),
+                Kestro().deviceUUID().c_str(), base.c_str());
+    std::printf("demo │ Ctrl+Shift+K or shaking the mouse opens the inspector; so does\n"
+                "demo │   kestro-devservice send %s open_kestro_sheet\n",
+                Kestro().deviceUUID().c_str());
+    std::fflush(stdout);
 
     Activity activity;
     std::optional<ScreenshotTour> tour;
