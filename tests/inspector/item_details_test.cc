@@ -161,14 +161,17 @@ TEST(DetailSectionsTest, EachKindListsItsRowsInOrder) {
               (Lines{"[section]", "row Message = m", "row Timestamp = 2024-05-01T12:34:56.500+0000",
                      "row File = ", "row Line = 0", "row Subsystem = sub"}));
 
-    EXPECT_EQ(
-        lines(test::event("e", "Signed In", "",
-                          {{"plan", "pro"}, {"seats", 3}, {"tags", boost::json::array{}}})),
-        (Lines{"[section]", "row Name = Signed In",
-               "row Category = ", "row Timestamp = 2024-05-01T12:34:56.500+0000",
-               "json Payload = {\n  \"plan\" : \"pro\",\n  \"seats\" : 3,\n  \"tags\" : []\n}"}));
+    EXPECT_EQ(lines(test::event("e", "Signed In", "",
+                                {{"plan", "pro"}, {"seats", 3}, {"tags", boost::json::array{}}})),
+              (Lines{"[section]", "row Name = Signed In",
+                     "row Category = ", "row Timestamp = 2024-05-01T12:34:56.500+0000",
+                     R"(json Payload = {"plan":"pro","seats":3,"tags":[]})"}));
+    // Copying the payload gives it indented.
+    const auto payload = detailSections(test::event("e", "n", "", {{"plan", "pro"}, {"seats", 3}}));
+    EXPECT_EQ(payload[0].elements[3].jsonText(), "{\n  \"plan\" : \"pro\",\n  \"seats\" : 3\n}");
     // A payload that cannot be written as JSON leaves the section out.
     EXPECT_EQ(lines(test::event("e", "n", "c", {{"x", std::nan("")}})).size(), 4u);
+    EXPECT_EQ(lines(test::event("e", "n", "c", {{"x", "\xff"}})).size(), 4u);
 }
 
 TEST(DetailSectionsTest, ImageBodiesGetAPreviewWhenTheyAreBase64) {

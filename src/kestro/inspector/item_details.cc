@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
 #include <cctype>
 
+#include "kestro/core/json_numbers.h"
 #include "kestro/core/local_time.h"
 #include "kestro/core/utf8.h"
 #include "kestro/inspector/json_text.h"
@@ -127,6 +129,11 @@ std::string formattedCodeText(std::string_view text, std::string_view language) 
     return prettyPrintedJSON(v).value_or(std::string(text));
 }
 
+std::string DetailElement::jsonText() const {
+    if (payload) return prettyPrintedJSON(*payload).value_or(text());
+    return text();
+}
+
 const std::string& DetailElement::text() const {
     static const std::string empty;
     return value ? *value : empty;
@@ -180,9 +187,14 @@ std::vector<DetailSection> detailSections(const RequestEventType& item) {
         s.elements.push_back(element(DetailElement::Kind::row, "Category", d.category));
         s.elements.push_back(
             element(DetailElement::Kind::row, "Timestamp", detailDateText(event->sentAt)));
-        if (auto payload = prettyPrintedJSON(d.payload)) {
-            s.elements.push_back(
-                element(DetailElement::Kind::json, "Payload", std::move(*payload)));
+        // Only a payload that can be written as JSON: finite numbers, UTF-8 texts.
+        if (allNumbersFinite(d.payload)) {
+            std::string compact = json::serialize(d.payload);
+            if (isValidUTF8(compact)) {
+                auto e = element(DetailElement::Kind::json, "Payload", std::move(compact));
+                e.payload = std::make_shared<const JSONDictionary>(d.payload);
+                s.elements.push_back(std::move(e));
+            }
         }
         sections.push_back(std::move(s));
     }
@@ -202,7 +214,7 @@ void ItemDetailsModel::copyValue(const DetailElement& element) {
 }
 
 void ItemDetailsModel::copyJSON(const DetailElement& element) {
-    clipboard_.setString(element.text());
+    clipboard_.setString(element.jsonText());
     toasts_.show("JSON copied to clipboard");
 }
 

@@ -43,12 +43,18 @@ struct DetailElement {
     std::string label;
     /// The value (rows), the JSON text (json) or the image's bytes (image).
     std::shared_ptr<const std::string> value;
+    /// An event's payload (json "Payload"): value is its compact text, for the viewer, and the
+    /// indented text is written when it is copied. Even a payload nested thousands deep, whose
+    /// indented text runs to hundreds of megabytes, opens at once.
+    std::shared_ptr<const JSONDictionary> payload;
     bool indented = false;  // header rows
     /// headline "Response": the status code and its colour (green below 400, red from 400).
     std::optional<std::int64_t> statusCode;
     Color statusColor;
 
     const std::string& text() const;
+    /// What the JSON section's "Copy" puts on the clipboard: the indented payload, else text().
+    std::string jsonText() const;
 };
 
 /// A group of elements. Framed sections (a network half) sit on a tinted rounded rectangle.

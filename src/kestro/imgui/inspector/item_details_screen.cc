@@ -14,6 +14,8 @@ using Kind = DetailElement::Kind;
 // A value under its label: drawn in part when long, copied whole by a click.
 void copyableValue(ItemDetailsModel& details, const DetailElement& e) {
     const ShownText shown = shownText(e.text());
+    // What is not shown is said first, where it is seen.
+    if (!shown.note.empty()) wrappedText(TextStyle::caption, shown.note, colors::orange);
     ImGui::BeginGroup();
     wrappedText(TextStyle::body, shown.text.empty() ? std::string_view(" ") : shown.text);
     ImGui::EndGroup();
@@ -26,7 +28,6 @@ void copyableValue(ItemDetailsModel& details, const DetailElement& e) {
         if (ImGui::IsMouseClicked(ImGuiMouseButton_Left)) details.copyValue(e);
     }
     probeItem("value:" + e.label, min, max);
-    if (!shown.note.empty()) wrappedText(TextStyle::caption, shown.note, colors::orange);
 }
 
 void jsonHeader(ItemDetailsModel& details, const DetailElement& e) {

@@ -132,7 +132,9 @@ void drawRequestsList(RequestsListModel& list, ListState& state) {
             if (hovered || ImGui::IsPopupOpen("row-menu")) {
                 const float size = rowHeight * 0.5f;
                 ImGui::SetCursorScreenPos(ImVec2(max.x - size - 6, min.y + (rowHeight - size) / 2));
-                if (iconButton("trash", "trash", size, toImU32(colors::red), "trash:" + id)) {
+                // Acts on the press: the row under it takes the release back as its own.
+                if (iconButton("trash", "trash", size, toImU32(colors::red), "trash:" + id,
+                               /*onPress=*/true)) {
                     toDelete = id;
                 }
             }

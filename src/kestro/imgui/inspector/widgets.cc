@@ -39,9 +39,10 @@ void drawSystemImage(ImDrawList* list, std::string_view name, ImVec2 min, float 
 }
 
 bool iconButton(const char* id, std::string_view image, float size, ImU32 color,
-                std::string_view probeName) {
+                std::string_view probeName, bool onPress) {
     const ImVec2 min = ImGui::GetCursorScreenPos();
-    const bool clicked = ImGui::InvisibleButton(id, ImVec2(size, size));
+    const bool released = ImGui::InvisibleButton(id, ImVec2(size, size));
+    const bool clicked = onPress ? ImGui::IsItemActivated() : released;
     if (ImGui::IsItemHovered()) {
         ImGui::GetWindowDrawList()->AddRectFilled(min, ImVec2(min.x + size, min.y + size),
                                                   ImGui::GetColorU32(ImGuiCol_ButtonHovered), 4);

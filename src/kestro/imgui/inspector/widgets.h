@@ -21,9 +21,9 @@ namespace kestro::imgui::inspector {
 void drawSystemImage(ImDrawList* list, std::string_view name, ImVec2 min, float size, ImU32 color);
 
 /// A borderless button showing a system image; reports itself to the item probe as
-/// "<probeName>". True when clicked.
+/// "<probeName>". True when clicked (released over it), or with onPress when pressed.
 bool iconButton(const char* id, std::string_view image, float size, ImU32 color,
-                std::string_view probeName);
+                std::string_view probeName, bool onPress = false);
 
 /// Text in a style, wrapped to the window's width, through the fonts' display form.
 void wrappedText(TextStyle style, std::string_view text, std::optional<Color> color = {});
