@@ -2,6 +2,7 @@
 
 #include <imgui.h>
 
+#include "kestro/core/main_queue.h"
 #include "kestro/imgui/fonts.h"
 #include "kestro/imgui/inspector/screens.h"
 #include "kestro/imgui/item_probe.h"
@@ -108,7 +109,18 @@ KestroSheetModifier& kestroSheetModifier() {
 }
 
 void kestroSheet() {
+    // Kestro's "main thread" work (the list's updates, notifications, toasts' timers) must run
+    // on the UI thread that draws: the first call puts the main queue in host mode, and every
+    // call runs what is waiting.
+    MainQueue& queue = MainQueue::shared();
+    if (!queue.isHostDriven()) queue.useHostThread();
+    queue.drain();
     static imgui::InspectorView* view = new imgui::InspectorView(kestroSheetModifier());
+    // The pointer is a shake source in every ImGui host, with or without SDL.
+    const ImVec2 mouse = ImGui::GetIO().MousePos;
+    if (ImGui::IsMousePosValid(&mouse)) {
+        kestroSheetModifier().shakeDetector().mouseMoved(mouse.x, ShakeDetector::Clock::now());
+    }
     view->draw();
 }
 

@@ -10,13 +10,15 @@
 //   ImGui::Render();
 //
 // The inspector opens when the dashboard asks for it ("openKestroSheet") and on a shake where
-// shaking is allowed (see kestro/imgui/sdl_integration.h for the SDL event hook). Its screens —
-// the control sheet, the requests list and an item's details — are ImGui windows over the
-// host's content; confirmations are modal popups; toasts are drawn on the foreground.
+// shaking is allowed: the mouse shaken from side to side, and with the SDL event hook
+// (kestro/imgui/sdl/sdl_integration.h) Ctrl+Shift+K and the accelerometer. Its screens — the
+// control sheet, the requests list and an item's details — are ImGui windows over the host's
+// content; confirmations are modal popups; toasts are drawn on the foreground.
 //
-// Threads: the host's UI thread, which must drive Kestro's main queue
-// (MainQueue::shared().useHostThread() before Kestro().initialize(), then drain() once per
-// frame), since the screens' data and notifications arrive there.
+// Threads: the host's UI thread. kestroSheet() runs Kestro's main queue there: its first call
+// switches the queue to host mode and every call drains it, since the screens' data and
+// notifications arrive on it. A host that calls MainQueue::shared().useHostThread() before
+// Kestro().initialize() has the deferred half of initialisation run on its UI thread too.
 
 #include <memory>
 #include <string>
@@ -28,7 +30,7 @@
 namespace kestro {
 
 /// Draws the inspector over the host's UI; call once per frame between ImGui::NewFrame() and
-/// ImGui::Render(), after the host's own windows.
+/// ImGui::Render(), after the host's own windows. Runs the main queue's waiting work first.
 KESTRO_API void kestroSheet();
 
 /// The process-wide presenter kestroSheet() draws: its shake detector is where shake sources

@@ -47,9 +47,6 @@ bool processEvent(const SDL_Event& event, KestroSheetModifier& modifier) {
             }
             return false;
         }
-        case SDL_MOUSEMOTION:
-            shake.mouseMoved(static_cast<double>(event.motion.x), now);
-            return false;
         case SDL_SENSORUPDATE: {
             SDL_Sensor* sensor = SDL_SensorFromInstanceID(event.sensor.which);
             if (sensor && SDL_SensorGetType(sensor) == SDL_SENSOR_ACCEL) {

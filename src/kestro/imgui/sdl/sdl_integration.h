@@ -1,9 +1,10 @@
 #pragma once
 
 // Kestro in an SDL2 host: the host passes each event to processEvent() from its event loop.
-// It feeds the inspector's shake detector (Ctrl+Shift+K, a mouse shaken from side to side, and
-// the accelerometer where SDL reports one) and tells Kestro when the application comes to the
-// foreground or goes to the background (SDL's application events and the window's focus).
+// It feeds the inspector's shake detector (Ctrl+Shift+K, and the accelerometer where SDL
+// reports one; kestroSheet() itself watches the mouse) and tells Kestro when the application
+// comes to the foreground or goes to the background (SDL's application events and the window's
+// focus).
 //
 //   while (SDL_PollEvent(&event)) {
 //       ImGui_ImplSDL2_ProcessEvent(&event);
