@@ -2,12 +2,14 @@
 // keyboard: what a person sees and does, from opening the list to copying a value.
 
 #include <gtest/gtest.h>
+#include <stb_image_write.h>
 
 #include <boost/json.hpp>
 #include <chrono>
 
 #include "inspector/inspector_fixture.h"
 #include "inspector/records.h"
+#include "kestro/imgui/image_textures.h"
 #include "kestro/imgui/kestro_sheet.h"
 #include "kestro/network/body_text.h"
 #include "support/imgui/imgui_harness.h"
@@ -238,6 +240,37 @@ TEST_F(InspectorScreensTest, HugeBrokenAndUndecodableBodiesAreShownInPart) {
         list().dismissDetails();
         ui_->step();
     }
+}
+
+TEST_F(InspectorScreensTest, AnImageBodyIsDecodedAndUploadedThroughTheHostsHooks) {
+    // A 3 × 2 PNG made here.
+    const unsigned char pixels[3 * 2 * 4] = {255, 0, 0, 255, 0, 255, 0, 255, 0, 0, 255, 255,
+                                             9,   9, 9, 255, 9, 9,   9, 255, 9, 9, 9,   255};
+    std::string bytes;
+    ASSERT_TRUE(stbi_write_png_to_func(
+        [](void* out, void* data, int size) {
+            static_cast<std::string*>(out)->append(static_cast<char*>(data), size);
+        },
+        &bytes, 3, 2, 4, pixels, 3 * 4));
+    store_->add(jsonExchange("img", "https://api.test/img.png", base64Encode(bytes),
+                             {{"Content-Type", "image/png"}}));
+    std::vector<std::pair<int, int>> made;
+    int released = 0;
+    imgui::setImageTextureHooks({[&](const std::uint8_t* rgba, int w, int h) {
+                                     EXPECT_EQ(rgba[0], 255);  // the first pixel is red
+                                     made.emplace_back(w, h);
+                                     return reinterpret_cast<ImTextureID>(std::uintptr_t{42});
+                                 },
+                                 [&](ImTextureID) { ++released; }});
+    openList();
+    clickItem("row:img");
+    ui_->step(2);
+    EXPECT_EQ(made, (std::vector<std::pair<int, int>>{{3, 2}})) << "uploaded once";
+    EXPECT_TRUE(ui_->item("image.preview"));
+    ui_->click(ui_->findText("Done")->box.center());
+    ui_->step();
+    EXPECT_EQ(released, 1);
+    imgui::setImageTextureHooks({});
 }
 
 TEST_F(InspectorScreensTest, APayloadNestedTenThousandDeepOpens) {
