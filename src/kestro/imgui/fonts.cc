@@ -270,11 +270,13 @@ std::shared_ptr<Fonts> Fonts::fallback(ImFontAtlas& atlas) {
     return fonts;
 }
 
-const Fonts& Fonts::current() {
+const Fonts& Fonts::current() { return *currentShared(); }
+
+std::shared_ptr<const Fonts> Fonts::currentShared() {
     ImGuiIO& io = ImGui::GetIO();
     Registry& r = registry();
     std::lock_guard lock(r.mutex);
-    if (auto found = r.find(io.Fonts)) return *found;
+    if (auto found = r.find(io.Fonts)) return found;
     // Nothing installed: every style in the atlas's default font, kept for the atlas.
     auto fonts = fallback(*io.Fonts);
     if (io.FontDefault) {
@@ -282,7 +284,7 @@ const Fonts& Fonts::current() {
         for (Resolved& s : fonts->styles_) s = {io.FontDefault, io.FontDefault->FontSize};
     }
     r.put(io.Fonts, fonts->loaded_.front().font, fonts);
-    return *fonts;
+    return fonts;
 }
 
 Fonts::Resolved Fonts::resolve(const Font& font) const {
@@ -311,34 +313,30 @@ bool Fonts::drawsEmoji(char32_t scalar) const {
     return std::binary_search(emojiGlyphs_.begin(), emojiGlyphs_.end(), scalar);
 }
 
+ImWchar Fonts::displayScalar(char32_t c) const {
+    if (c < 0x80) return static_cast<ImWchar>(c);
+    if (internal::isEmojiModifier(c)) return 0;  // selectors, joiners, skin tones
+    const std::vector<char32_t>& table = internal::emojiScalars();
+    const auto inTable = std::find(table.begin(), table.end(), c);
+    if (inTable != table.end()) {
+        if (!drawsEmoji(c)) return 0;  // no emoji font: drawn without the glyph
+        return static_cast<ImWchar>(internal::kEmojiGlyphBase + (inTable - table.begin()));
+    }
+    // Beyond the atlas's 16-bit code points: emoji are left out, anything else shows as the
+    // fallback glyph. Our glyphs' code points stand only for emoji.
+    if (c > 0xFFFF) return internal::isEmoji(c) ? 0 : 0xFFFD;
+    if (c >= internal::kEmojiGlyphBase && c < internal::kEmojiGlyphEnd) return 0xFFFD;
+    return static_cast<ImWchar>(c);
+}
+
 std::string_view Fonts::displayText(std::string_view text, std::string& scratch) const {
     std::size_t i = 0;
     while (i < text.size() && static_cast<unsigned char>(text[i]) < 0x80) ++i;
     if (i == text.size()) return text;
     scratch.assign(text.data(), i);
-    const std::vector<char32_t>& table = internal::emojiScalars();
     while (i < text.size()) {
-        const auto b = static_cast<unsigned char>(text[i]);
-        if (b < 0x80) {
-            scratch.push_back(static_cast<char>(b));
-            ++i;
-            continue;
-        }
-        char32_t c = decodeScalar(text, i);
-        if (internal::isEmojiModifier(c)) continue;  // selectors, joiners, skin tones
-        const auto inTable = std::find(table.begin(), table.end(), c);
-        if (inTable != table.end()) {
-            if (!drawsEmoji(c)) continue;  // no emoji font: drawn without the glyph
-            c = internal::kEmojiGlyphBase + static_cast<char32_t>(inTable - table.begin());
-        } else if (c > 0xFFFF) {
-            // Beyond the atlas's 16-bit code points: emoji are left out, anything else shows
-            // as the fallback glyph.
-            if (internal::isEmoji(c)) continue;
-            c = 0xFFFD;
-        } else if (c >= internal::kEmojiGlyphBase && c < internal::kEmojiGlyphEnd) {
-            c = 0xFFFD;  // our glyphs' code points stand only for emoji
-        }
-        internal::appendUTF8(scratch, c);
+        if (const ImWchar c = displayScalar(decodeScalar(text, i)))
+            internal::appendUTF8(scratch, c);
     }
     return scratch;
 }

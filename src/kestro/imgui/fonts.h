@@ -70,13 +70,16 @@ class KESTRO_API Fonts {
 
     /// Adds the fonts to atlas and builds it (RGBA, ready for a backend to upload). The first
     /// font added is the body style, so on an empty atlas it becomes ImGui's default font.
-    /// Call before the backend creates its font texture, or re-create that texture after.
-    /// Never fails: see the file comment. Replaces an earlier install on the same atlas.
+    /// Call once per atlas, before the backend creates its font texture (or re-create that
+    /// texture after), and build the atlas again only through this call: the emoji pixels are
+    /// written into the built texture. Never fails: see the file comment.
     static std::shared_ptr<const Fonts> install(ImFontAtlas& atlas,
                                                 const FontOptions& options = {});
     /// The fonts installed on the current ImGui context's atlas; when none were installed, a
     /// set that draws every style in the atlas's default font. Needs a current context.
     static const Fonts& current();
+    /// The same, shared, for holders that may outlive a frame (a text measure).
+    static std::shared_ptr<const Fonts> currentShared();
 
     /// The font of a text style; draw it at size(style) (its own size).
     ImFont* font(TextStyle style) const { return styles_[static_cast<std::size_t>(style)].font; }
@@ -85,6 +88,8 @@ class KESTRO_API Fonts {
     /// and size, drawn from the nearest loaded size.
     Resolved resolve(const Font& font) const;
 
+    /// Pixels per point.
+    float scale() const { return scale_; }
     /// Whether the system's text fonts were found (else everything is ImGui's default font).
     bool hasSystemFonts() const { return systemFonts_; }
     /// Whether emoji are drawn (a colour emoji font was found and rasterised).
@@ -92,6 +97,8 @@ class KESTRO_API Fonts {
     /// Whether the text's emoji scalar (e.g. U+1F4C2) is drawn as a glyph.
     bool drawsEmoji(char32_t scalar) const;
 
+    /// How one scalar is drawn: the code point ImGui draws, or 0 when it is drawn as nothing.
+    ImWchar displayScalar(char32_t scalar) const;
     /// The text as ImGui should draw it (see the file comment). Returns text itself when it
     /// needs no change (plain ASCII), else a view of scratch.
     std::string_view displayText(std::string_view text, std::string& scratch) const;

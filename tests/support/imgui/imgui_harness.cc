@@ -1,5 +1,7 @@
 #include "support/imgui/imgui_harness.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cmath>
 #include <tuple>
@@ -134,6 +136,12 @@ bool ImGuiHarness::stepUntil(const std::function<bool()>& done, int maxFrames) {
         if (done()) return true;
     }
     return false;
+}
+
+bool ImGuiHarness::waitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+    const bool held = MainQueue::shared().runUntil(done, timeout);
+    frame();
+    return held;
 }
 
 void ImGuiHarness::moveMouse(ImVec2 position) {
@@ -291,6 +299,18 @@ std::optional<DrawnText> ImGuiHarness::findText(std::string_view needle) const {
         return narrowed;
     }
     return std::nullopt;
+}
+
+ImVec2 ImGuiHarness::centerOf(std::string_view needle) const {
+    if (auto found = findText(needle)) return found->box.center();
+    ADD_FAILURE() << "no text \"" << needle << "\" was drawn";
+    return {-1000, -1000};
+}
+
+ImVec2 ImGuiHarness::centerOfItem(std::string_view name) const {
+    if (auto found = item(name)) return found->center();
+    ADD_FAILURE() << "no item \"" << name << "\" was drawn";
+    return {-1000, -1000};
 }
 
 std::vector<DrawnText> ImGuiHarness::findAllText(std::string_view needle) const {

@@ -13,16 +13,19 @@
 //
 // What was drawn is read from ImDrawData after each frame: glyph quads are matched to the
 // atlas's glyphs (by texture coordinates) and joined into runs of one font, size and colour on
-// one line; other triangles are kept as shapes with their colour and bounds. Items that carry
+// one line; other triangles are kept as shapes with their colour and bounds. Glyphs that ImGui
+// cut at a clip edge on the CPU (text clipped inside a widget) no longer match and are not read. Items that carry
 // no text (icons, custom-drawn rows) are found by the names the drawing layer reports to its
 // ItemProbe. Each step also drains MainQueue (the harness stands for the host's UI thread),
 // which the harness puts in host mode.
 //
-// One harness per test; it owns its ImGui context and makes it current. The font atlas is
-// built once per process and shared by every harness.
+// One harness per test; it owns its ImGui context and makes it current (set io flags such as
+// keyboard navigation on ImGui::GetIO() after constructing it). The font atlas is built once
+// per process and shared by every harness.
 
 #include <imgui.h>
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <optional>
@@ -85,8 +88,13 @@ class ImGuiHarness : public imgui::ItemProbe {
     void setScene(std::function<void()> scene) { scene_ = std::move(scene); }
     /// Runs count frames with the current input; each drains MainQueue first.
     void step(int count = 1);
-    /// Runs frames until done() holds after one (at most maxFrames); whether it did.
+    /// Runs frames until done() holds after one (at most maxFrames); whether it did. For
+    /// conditions that frames bring about.
     bool stepUntil(const std::function<bool()>& done, int maxFrames = 600);
+    /// Runs MainQueue's tasks as they arrive (work finished on other threads lands there) until
+    /// done() holds or timeout passes, then one frame; whether done() held.
+    bool waitUntil(const std::function<bool()>& done,
+                   std::chrono::milliseconds timeout = std::chrono::seconds(60));
     /// Seconds each frame advances ImGui's clock (default 1/60).
     void setDeltaTime(float seconds) { deltaTime_ = seconds; }
     void setDisplaySize(ImVec2 size) { displaySize_ = size; }
@@ -118,6 +126,12 @@ class ImGuiHarness : public imgui::ItemProbe {
     const std::vector<DrawnShape>& shapes() const { return shapes_; }
     /// The first run containing needle (draw order), narrowed to the needle's own box.
     std::optional<DrawnText> findText(std::string_view needle) const;
+    /// The centre of the first drawn needle (to click on it); a test failure and a point off
+    /// screen when none was drawn.
+    ImVec2 centerOf(std::string_view needle) const;
+    /// The centre of the item reported under name; a test failure and a point off screen when
+    /// none was.
+    ImVec2 centerOfItem(std::string_view name) const;
     /// Every run containing needle.
     std::vector<DrawnText> findAllText(std::string_view needle) const;
     /// Runs wholly inside box, top to bottom, then left to right.

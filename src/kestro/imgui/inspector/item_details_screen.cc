@@ -2,9 +2,12 @@
 // button) with a toast to confirm, JSON bodies in the JSON view with a "Copy" button, image
 // previews, and a note when the item has been deleted meanwhile.
 
+#include <algorithm>
+
 #include "kestro/imgui/inspector/screens.h"
 #include "kestro/imgui/inspector/widgets.h"
 #include "kestro/imgui/item_probe.h"
+#include "kestro/imgui/system_images.h"
 
 namespace kestro::imgui::inspector {
 namespace {
@@ -45,7 +48,9 @@ void jsonHeader(ItemDetailsModel& details, const DetailElement& e) {
     const float alpha = ImGui::IsItemHovered() ? 0.35f : 0.2f;
     list->AddRectFilled(min, ImVec2(min.x + width, min.y + height),
                         toImU32(colors::secondary, alpha), 4);
-    drawSystemImage(list, "doc.on.doc", ImVec2(min.x + 8, min.y + 4), icon, toImU32(colors::white));
+    drawSystemImage(list, "doc.on.doc", ImVec2(min.x + 8, min.y + 4),
+                    ImVec2(min.x + 8 + icon, min.y + 4 + icon), toImU32(colors::white),
+                    toImU32(colors::secondary, alpha));
     list->AddText(ImVec2(min.x + 8 + icon + 6, min.y + 4), toImU32(colors::white), "Copy");
     probeItem("copy:" + e.label, min, ImVec2(min.x + width, min.y + height));
 }
@@ -79,8 +84,18 @@ void element(ItemDetailsModel& details, const DetailElement& e, std::size_t numb
         case Kind::json: {
             jsonHeader(details, e);
             auto& view = state.json[number];
-            if (!view) view = std::make_unique<JSONBodyView>(e.text());
-            view->draw("json", 420);
+            if (!view) view = std::make_unique<JSONViewerView>(e.text());
+            // As tall as the document (with the viewer's toolbar), within limits.
+            const double rows = static_cast<double>(view->model()->lineDataSource().size());
+            const double lineHeight = view->model()->highlightStyle().lineHeight;
+            const float height =
+                static_cast<float>(std::clamp(rows * lineHeight + 60, 140.0, 440.0));
+            // In a child of the frame's width, which the viewer's toolbar lays itself out in.
+            ImGui::BeginChild("json", ImVec2(framedWidthAvail(), height), false,
+                              ImGuiWindowFlags_NoScrollbar | ImGuiWindowFlags_NoScrollWithMouse |
+                                  ImGuiWindowFlags_NoBackground);
+            view->DrawContents();
+            ImGui::EndChild();
             break;
         }
         case Kind::image: {

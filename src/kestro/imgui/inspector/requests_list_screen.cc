@@ -36,8 +36,9 @@ void searchBar(RequestsListModel& list, ListState& state) {
     const ImVec2 at = ImGui::GetCursorScreenPos();
     ImGui::Dummy(ImVec2(icon, icon));
     drawSystemImage(ImGui::GetWindowDrawList(), "magnifyingglass",
-                    ImVec2(at.x + icon * 0.15f, at.y + icon * 0.15f), icon * 0.7f,
-                    toImU32(colors::gray));
+                    ImVec2(at.x + icon * 0.15f, at.y + icon * 0.15f),
+                    ImVec2(at.x + icon * 0.85f, at.y + icon * 0.85f), toImU32(colors::gray),
+                    ImGui::GetColorU32(ImGuiCol_WindowBg));
     ImGui::SameLine();
     const bool clearable = !state.searchField.empty();
     ImGui::SetNextItemWidth(ImGui::GetContentRegionAvail().x - (clearable ? icon + 8 : 0));

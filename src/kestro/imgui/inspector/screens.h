@@ -11,7 +11,7 @@
 #include <string>
 
 #include "kestro/imgui/inspector/image_preview.h"
-#include "kestro/imgui/inspector/json_body.h"
+#include "kestro/imgui/json_viewer_view.h"
 #include "kestro/inspector/item_details.h"
 #include "kestro/inspector/requests_list.h"
 #include "kestro/inspector/settings_form.h"
@@ -31,7 +31,7 @@ void drawRequestsList(RequestsListModel& list, ListState& state);
 
 struct DetailsState {
     const ItemDetailsModel* shown = nullptr;  // the model the previews below belong to
-    std::map<std::size_t, std::unique_ptr<JSONBodyView>> json;    // by element number
+    std::map<std::size_t, std::unique_ptr<JSONViewerView>> json;  // by element number
     std::map<std::size_t, std::unique_ptr<ImagePreview>> images;  // by element number
 };
 /// An item's details. Returns true when "Done" was pressed.

@@ -32,7 +32,8 @@ bool destructiveButton(const char* label, const char* id) {
     const bool clicked = ImGui::Button(caption.c_str());
     ImGui::PopStyleColor(2);
     drawSystemImage(ImGui::GetWindowDrawList(), "trash", ImVec2(min.x + 4, min.y + size * 0.15f),
-                    size * 0.7f, toImU32(colors::red));
+                    ImVec2(min.x + 4 + size * 0.7f, min.y + size * 0.85f), toImU32(colors::red),
+                    ImGui::GetColorU32(ImGuiCol_WindowBg));
     ImGui::PopID();
     return clicked;
 }
@@ -72,8 +73,9 @@ void drawSettingsForm(KestroSettingsForm& form) {
                       ImGui::GetColorU32(ImGuiCol_Text), text::kOpenLogs);
         const float icon = ImGui::GetFontSize() * 0.8f;
         drawSystemImage(list, "chevron.right",
-                        ImVec2(max.x - icon - 6, min.y + (height - icon) / 2), icon,
-                        toImU32(colors::gray));
+                        ImVec2(max.x - icon - 6, min.y + (height - icon) / 2),
+                        ImVec2(max.x - 6, min.y + (height + icon) / 2), toImU32(colors::gray),
+                        ImGui::GetColorU32(ImGuiCol_WindowBg));
         probeItem("settings.openLogs", min, max);
     }
 

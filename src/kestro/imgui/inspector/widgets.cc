@@ -12,32 +12,6 @@ namespace {
 float gWrapInset = 0;
 }  // namespace
 
-void drawSystemImage(ImDrawList* list, std::string_view name, ImVec2 min, float s, ImU32 color) {
-    const float t = std::max(1.0f, s * 0.1f);  // stroke
-    auto at = [&](float fx, float fy) { return ImVec2(min.x + fx * s, min.y + fy * s); };
-    if (name == "chevron.right") {
-        list->AddLine(at(0.35f, 0.15f), at(0.7f, 0.5f), color, t * 1.4f);
-        list->AddLine(at(0.7f, 0.5f), at(0.35f, 0.85f), color, t * 1.4f);
-    } else if (name == "magnifyingglass") {
-        list->AddCircle(at(0.42f, 0.42f), s * 0.28f, color, 16, t * 1.3f);
-        list->AddLine(at(0.62f, 0.62f), at(0.9f, 0.9f), color, t * 1.6f);
-    } else if (name == "xmark.circle.fill") {
-        list->AddCircleFilled(at(0.5f, 0.5f), s * 0.45f, color, 20);
-        const ImU32 mark = IM_COL32(30, 30, 30, 255);
-        list->AddLine(at(0.33f, 0.33f), at(0.67f, 0.67f), mark, t * 1.3f);
-        list->AddLine(at(0.67f, 0.33f), at(0.33f, 0.67f), mark, t * 1.3f);
-    } else if (name == "trash") {
-        list->AddLine(at(0.15f, 0.25f), at(0.85f, 0.25f), color, t);           // lid
-        list->AddRect(at(0.38f, 0.1f), at(0.62f, 0.25f), color, 1.0f, 0, t);   // handle
-        list->AddRect(at(0.24f, 0.25f), at(0.76f, 0.92f), color, 2.0f, 0, t);  // can
-        for (float x : {0.4f, 0.6f}) list->AddLine(at(x, 0.38f), at(x, 0.8f), color, t);
-    } else if (name == "doc.on.doc") {
-        list->AddRect(at(0.32f, 0.1f), at(0.88f, 0.72f), color, 2.0f, 0, t);
-        list->AddRectFilled(at(0.12f, 0.3f), at(0.68f, 0.92f), IM_COL32(0, 0, 0, 140), 2.0f);
-        list->AddRect(at(0.12f, 0.3f), at(0.68f, 0.92f), color, 2.0f, 0, t);
-    }
-}
-
 bool iconButton(const char* id, std::string_view image, float size, ImU32 color,
                 std::string_view probeName, bool onPress) {
     const ImVec2 min = ImGui::GetCursorScreenPos();
@@ -49,7 +23,8 @@ bool iconButton(const char* id, std::string_view image, float size, ImU32 color,
     }
     const float inset = size * 0.15f;
     drawSystemImage(ImGui::GetWindowDrawList(), image, ImVec2(min.x + inset, min.y + inset),
-                    size - 2 * inset, color);
+                    ImVec2(min.x + size - inset, min.y + size - inset), color,
+                    ImGui::GetColorU32(ImGuiCol_WindowBg));
     probeItem(probeName, min, ImVec2(min.x + size, min.y + size));
     return clicked;
 }
@@ -95,6 +70,8 @@ void truncatedText(TextStyle style, std::string_view text, float maxWidth,
     ImGui::TextUnformatted(shown.data(), shown.data() + shown.size());
     if (color) ImGui::PopStyleColor();
 }
+
+float framedWidthAvail() { return std::max(1.0f, ImGui::GetContentRegionAvail().x - gWrapInset); }
 
 FramedGroup::FramedGroup(Color tint, float rounding, ImVec2 padding)
     : tint_(toImU32(tint)), rounding_(rounding), padding_(padding) {

@@ -1,8 +1,8 @@
 #pragma once
 
-// Small drawing pieces the inspector's screens share: the system images they use, drawn with
-// ImGui primitives, icon buttons, styled and wrapped texts through the fonts' display form, and
-// the tinted frame behind a group. UI thread, inside a frame.
+// Small drawing pieces the inspector's screens share: icon buttons over the system images,
+// styled and wrapped texts through the fonts' display form, and the tinted frame behind a
+// group. UI thread, inside a frame.
 
 #include <imgui.h>
 
@@ -12,13 +12,10 @@
 
 #include "kestro/imgui/colors.h"
 #include "kestro/imgui/fonts.h"
+#include "kestro/imgui/system_images.h"
 #include "kestro/inspector/color.h"
 
 namespace kestro::imgui::inspector {
-
-/// Draws a system image ("chevron.right", "trash", "magnifyingglass", "xmark.circle.fill",
-/// "doc.on.doc") in the square at min with side size. Unknown names draw nothing.
-void drawSystemImage(ImDrawList* list, std::string_view name, ImVec2 min, float size, ImU32 color);
 
 /// A borderless button showing a system image; reports itself to the item probe as
 /// "<probeName>". True when clicked (released over it), or with onPress when pressed.
@@ -31,6 +28,9 @@ void wrappedText(TextStyle style, std::string_view text, std::optional<Color> co
 /// Text in a style on one line, cut with "…" to maxWidth.
 void truncatedText(TextStyle style, std::string_view text, float maxWidth,
                    std::optional<Color> color = {});
+
+/// The width left for an item inside the innermost framed group (its right padding taken off).
+float framedWidthAvail();
 
 /// Draws a group's content on a tinted rounded rectangle: call begin, draw, then end.
 class FramedGroup {
