@@ -79,6 +79,12 @@ void drawRequestsList(RequestsListModel& list, ListState& state) {
     std::optional<std::size_t> toOpen;
     std::optional<std::size_t> focusedRow;
 
+    // Contents made for other rows, or before the rows changed, are not reused.
+    if (state.rowsRevision != list.revision()) {
+        state.rows.clear();
+        state.rowsRevision = list.revision();
+    }
+    state.nextRows.clear();
     ImGuiListClipper clipper;
     clipper.Begin(static_cast<int>(count), rowHeight + ImGui::GetStyle().ItemSpacing.y);
     ImDrawList* draw = ImGui::GetWindowDrawList();
@@ -106,7 +112,12 @@ void drawRequestsList(RequestsListModel& list, ListState& state) {
             const ImVec2 max = ImGui::GetItemRectMax();
             probeItem("row:" + id, min, max);
 
-            const RequestRowContent content = rowContent(item);
+            auto cached = state.rows.find(&item);
+            RequestRowContent& content =
+                state.nextRows
+                    .emplace(&item, cached != state.rows.end() ? std::move(cached->second)
+                                                               : rowContent(item))
+                    .first->second;
             draw->AddRectFilled(min, max, toImU32(content.background));
             // First line: the title, cut to the row's width.
             ImGui::SetCursorScreenPos(ImVec2(min.x + pad.x, min.y + pad.y));
@@ -145,6 +156,7 @@ void drawRequestsList(RequestsListModel& list, ListState& state) {
         }
     }
     clipper.End();
+    std::swap(state.rows, state.nextRows);
 
     // Keys act on the focused row while the list (not the search field) has the keyboard.
     const ImGuiIO& io = ImGui::GetIO();

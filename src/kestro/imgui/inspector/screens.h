@@ -9,10 +9,12 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 #include "kestro/imgui/inspector/image_preview.h"
 #include "kestro/imgui/json_viewer_view.h"
 #include "kestro/inspector/item_details.h"
+#include "kestro/inspector/request_row.h"
 #include "kestro/inspector/requests_list.h"
 #include "kestro/inspector/settings_form.h"
 #include "kestro/inspector/toast_manager.h"
@@ -25,6 +27,11 @@ void drawSettingsForm(KestroSettingsForm& form);
 struct ListState {
     std::string focusedId;  // the row the Delete key acts on
     std::string searchField;
+    // The visible rows' contents, kept from one frame to the next while the rows stay the same
+    // (the list's revision): formatting a row (its time through ICU, its tags) costs more than
+    // drawing it. Never more entries than rows in view.
+    std::uint64_t rowsRevision = ~std::uint64_t{0};
+    std::unordered_map<const RequestEventType*, RequestRowContent> rows, nextRows;
 };
 /// The requests list: search bar and rows. Opening a row selects it in the model.
 void drawRequestsList(RequestsListModel& list, ListState& state);
