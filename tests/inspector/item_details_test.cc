@@ -172,6 +172,9 @@ TEST(DetailSectionsTest, EachKindListsItsRowsInOrder) {
     // A payload that cannot be written as JSON leaves the section out.
     EXPECT_EQ(lines(test::event("e", "n", "c", {{"x", std::nan("")}})).size(), 4u);
     EXPECT_EQ(lines(test::event("e", "n", "c", {{"x", "\xff"}})).size(), 4u);
+    // Numbers in their shortest form, as the indented text has them.
+    EXPECT_EQ(lines(test::event("e", "n", "c", {{"total", 42.5}, {"big", 1e300}})).back(),
+              R"(json Payload = {"total":42.5,"big":1e+300})");
 }
 
 TEST(DetailSectionsTest, ImageBodiesGetAPreviewWhenTheyAreBase64) {

@@ -4,10 +4,8 @@
 
 #include <algorithm>
 #include <boost/json/parse.hpp>
-#include <boost/json/serialize.hpp>
 #include <cctype>
 
-#include "kestro/core/json_numbers.h"
 #include "kestro/core/local_time.h"
 #include "kestro/core/utf8.h"
 #include "kestro/inspector/json_text.h"
@@ -188,13 +186,10 @@ std::vector<DetailSection> detailSections(const RequestEventType& item) {
         s.elements.push_back(
             element(DetailElement::Kind::row, "Timestamp", detailDateText(event->sentAt)));
         // Only a payload that can be written as JSON: finite numbers, UTF-8 texts.
-        if (allNumbersFinite(d.payload)) {
-            std::string compact = json::serialize(d.payload);
-            if (isValidUTF8(compact)) {
-                auto e = element(DetailElement::Kind::json, "Payload", std::move(compact));
-                e.payload = std::make_shared<const JSONDictionary>(d.payload);
-                s.elements.push_back(std::move(e));
-            }
+        if (auto compact = compactJSON(d.payload)) {
+            auto e = element(DetailElement::Kind::json, "Payload", std::move(*compact));
+            e.payload = std::make_shared<const JSONDictionary>(d.payload);
+            s.elements.push_back(std::move(e));
         }
         sections.push_back(std::move(s));
     }

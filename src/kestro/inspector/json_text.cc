@@ -80,10 +80,12 @@ struct Frame {
     std::size_t next = 0;
 };
 
-std::optional<std::string> prettyPrinted(const json::value* value, const json::object* topObject) {
+std::optional<std::string> written(const json::value* value, const json::object* topObject,
+                                   bool indented) {
     std::string out;
     std::vector<Frame> stack;
     auto indent = [&](std::size_t depth) {
+        if (!indented) return;
         out += '\n';
         out.append(depth * 2, ' ');
     };
@@ -145,7 +147,7 @@ std::optional<std::string> prettyPrinted(const json::value* value, const json::o
             const std::string_view key(member.key().data(), member.key().size());
             if (!isValidUTF8(key)) return std::nullopt;
             writeString(key, out);
-            out += " : ";
+            out += indented ? " : " : ":";
             if (!begin(member.value())) return std::nullopt;
         } else {
             const auto& a = *top.array;
@@ -167,11 +169,15 @@ std::optional<std::string> prettyPrinted(const json::value* value, const json::o
 }  // namespace
 
 std::optional<std::string> prettyPrintedJSON(const json::value& value) {
-    return prettyPrinted(&value, nullptr);
+    return written(&value, nullptr, true);
 }
 
 std::optional<std::string> prettyPrintedJSON(const json::object& object) {
-    return prettyPrinted(nullptr, &object);
+    return written(nullptr, &object, true);
+}
+
+std::optional<std::string> compactJSON(const json::object& object) {
+    return written(nullptr, &object, false);
 }
 
 }  // namespace kestro

@@ -22,5 +22,7 @@ KESTRO_API bool parsesAsJSONContainer(std::string_view text);
 /// keeps its own stack.
 KESTRO_API std::optional<std::string> prettyPrintedJSON(const boost::json::value& value);
 KESTRO_API std::optional<std::string> prettyPrintedJSON(const boost::json::object& object);
+/// The same without line breaks and blanks ({"a":[1,2.5]}); numbers as above.
+KESTRO_API std::optional<std::string> compactJSON(const boost::json::object& object);
 
 }  // namespace kestro
