@@ -301,6 +301,7 @@ int main(int argc, char** argv) {
     ImGui_ImplSDL2_InitForOpenGL(window, gl);
     ImGui_ImplOpenGL3_Init("#version 130");
     imgui::setImageTextureHooks(sdl::openGL3TextureHooks());
+    imgui::setInspectorOpenURL([](const std::string& url) { SDL_OpenURL(url.c_str()); });
 
     // Kestro: main-queue work on this thread, then the key and configuration.
     MainQueue::shared().useHostThread();
@@ -309,9 +310,10 @@ int main(int argc, char** argv) {
     const std::string base = Kestro().getAPIEndpoint();
     std::printf("demo │ Kestro %s, device %s, service %s\n", Kestro().getVersion().c_str(),
                 Kestro().deviceUUID().c_str(), base.c_str());
-    std::printf("demo │ Ctrl+Shift+K or shaking the mouse opens the inspector; so does\n"
-                "demo │   kestro-devservice send %s open_kestro_sheet\n",
-                Kestro().deviceUUID().c_str());
+    std::printf(
+        "demo │ Ctrl+Shift+K or shaking the mouse opens the inspector; so does\n"
+        "demo │   kestro-devservice send %s open_kestro_sheet\n",
+        Kestro().deviceUUID().c_str());
     std::fflush(stdout);
 
     Activity activity;

@@ -149,6 +149,20 @@ TEST_F(InspectorScreensTest, AFoldIconFoldsTheObjectAndTheLineNumbersFollow) {
     EXPECT_EQ(lineNumbers().size(), 10u);
 }
 
+TEST_F(InspectorScreensTest, ALinkInAJSONBodyOpensThroughTheHost) {
+    store_->add(jsonExchange("a", "https://api.test/x", R"({"site":"https://example.test/home"})"));
+    std::vector<std::string> opened;
+    imgui::setInspectorOpenURL([&](const std::string& url) { opened.push_back(url); });
+    openList();
+    clickItem("row:a");
+    ASSERT_TRUE(ui_->stepUntil([&] { return drawn("example.test/home"); }));
+    ui_->click(ui_->findText("example.test/home")->box.center());
+    ui_->step(2);
+    imgui::setInspectorOpenURL({});
+    ASSERT_EQ(opened.size(), 1u);
+    EXPECT_NE(opened[0].find("example.test/home"), std::string::npos);
+}
+
 TEST_F(InspectorScreensTest, RowsAreDeletedByKeyMenuAndTrashButton) {
     for (const char* id : {"a", "b", "c", "d"})
         store_->add(test::log(id, std::string("line ") + id));

@@ -10,6 +10,17 @@
 namespace kestro {
 namespace imgui {
 
+namespace inspector {
+std::function<void(const std::string&)>& openURLHook() {
+    static std::function<void(const std::string&)> hook;
+    return hook;
+}
+}  // namespace inspector
+
+void setInspectorOpenURL(std::function<void(const std::string& url)> openURL) {
+    inspector::openURLHook() = std::move(openURL);
+}
+
 void ImGuiClipboard::setString(std::string_view text) {
     if (ImGui::GetCurrentContext()) ImGui::SetClipboardText(std::string(text).c_str());
 }

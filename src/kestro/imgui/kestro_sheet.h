@@ -20,6 +20,7 @@
 // notifications arrive on it. A host that calls MainQueue::shared().useHostThread() before
 // Kestro().initialize() has the deferred half of initialisation run on its UI thread too.
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -38,6 +39,10 @@ KESTRO_API void kestroSheet();
 KESTRO_API KestroSheetModifier& kestroSheetModifier();
 
 namespace imgui {
+
+/// How a link tapped in one of the inspector's JSON bodies is opened (the JSON views' openURL);
+/// none: the JSON viewer's default. The demo host opens links with SDL_OpenURL. UI thread.
+KESTRO_API void setInspectorOpenURL(std::function<void(const std::string& url)> openURL);
 
 /// The clipboard of the current ImGui context (SDL's in an SDL host).
 class KESTRO_API ImGuiClipboard : public Clipboard {

@@ -84,7 +84,10 @@ void element(ItemDetailsModel& details, const DetailElement& e, std::size_t numb
         case Kind::json: {
             jsonHeader(details, e);
             auto& view = state.json[number];
-            if (!view) view = std::make_unique<JSONViewerView>(e.text());
+            if (!view) {
+                view = std::make_unique<JSONViewerView>(e.text());
+                if (openURLHook()) view->settings.openURL = openURLHook();
+            }
             // As tall as the document (with the viewer's toolbar), within limits.
             const double rows = static_cast<double>(view->model()->lineDataSource().size());
             const double lineHeight = view->model()->highlightStyle().lineHeight;

@@ -6,6 +6,7 @@
 
 #include <imgui.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -43,6 +44,9 @@ struct DetailsState {
 };
 /// An item's details. Returns true when "Done" was pressed.
 bool drawItemDetails(ItemDetailsModel& details, bool stillListed, DetailsState& state);
+
+/// The host's way of opening links from JSON bodies (setInspectorOpenURL); may be empty.
+std::function<void(const std::string&)>& openURLHook();
 
 /// The current toast at the top of the area [min, max], on the foreground draw list.
 void drawToast(const ToastManager& toasts, ImVec2 min, ImVec2 max);
