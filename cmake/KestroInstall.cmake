@@ -30,6 +30,15 @@ if(TARGET kestro_imgui)
     install(EXPORT KestroImGuiTargets NAMESPACE Kestro::
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Kestro)
 endif()
+# Kestro::imgui_sdl, the SDL2 integration beside it (loaded where SDL2 and OpenGL are found).
+if(TARGET kestro_imgui_sdl)
+    set_target_properties(kestro_imgui_sdl PROPERTIES EXPORT_NAME imgui_sdl)
+    install(TARGETS kestro_imgui_sdl EXPORT KestroImGuiSDLTargets
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+    install(EXPORT KestroImGuiSDLTargets NAMESPACE Kestro::
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Kestro)
+endif()
 
 set(KESTRO_EXTRA_FIND_DEPENDENCIES "${KESTRO_PACKAGE_DEPENDENCIES}")
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/KestroConfig.cmake.in

@@ -1,12 +1,19 @@
 #!/usr/bin/env bash
-# Kestro's main job: builds the development service and the demo host, starts the service on
-# 127.0.0.1:3007 (unless one is already running there) and runs the demo against it until
-# Ctrl+C. Arguments are passed to the demo (for example --rounds 5 or --verbose).
+# Kestro's main job: builds the development service and the demo hosts, starts the service on
+# 127.0.0.1:3007 (unless one is already running there) and runs a demo against it until it ends
+# (Ctrl+C): the windowed demo with the inspector when a display is available ($DISPLAY or
+# $WAYLAND_DISPLAY), else the console demo. Arguments are passed to the demo (for the console
+# demo, for example --rounds 5 or --verbose). KESTRO_DEMO=console picks the console demo.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/setup.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$(nproc)" --target kestro-devservice kestro-demo
+windowed=""
+if [ "${KESTRO_DEMO:-}" != console ] && [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] &&
+    cmake --build build -j"$(nproc)" --target kestro-demo-window >/dev/null 2>&1; then
+    windowed=./build/apps/demo_window/kestro-demo-window
+fi
 
 service=./build/apps/devservice/kestro-devservice
 log=build/devservice.log
@@ -33,4 +40,9 @@ echo "  $service items    # what the service has received"
 echo "The demo prints its device id and ready-made commands below. Ctrl+C stops it."
 echo
 # Not exec: the trap above stops the service when the demo ends.
-./build/apps/demo/kestro-demo "$@"
+if [ -n "$windowed" ]; then
+    echo "Opening the windowed demo: Ctrl+Shift+K (or shaking the mouse) opens the inspector."
+    "$windowed" "$@"
+else
+    ./build/apps/demo/kestro-demo "$@"
+fi

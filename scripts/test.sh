@@ -28,6 +28,11 @@ cmake --build build -j"$JOBS"
 stage "tests"
 ctest --test-dir build -j"$JOBS" --timeout 300
 
+# The windowed demo under Xvfb walks the inspector and writes its screens as PNGs, each checked
+# to be a drawn window (about 10 s).
+stage "inspector screenshots under Xvfb"
+./scripts/screenshots.sh build/screenshots build
+
 stage "AddressSanitizer + UndefinedBehaviorSanitizer build"
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O0 -g1" \
     -DKESTRO_SANITIZE=ON -DKESTRO_BUILD_BENCHMARKS=OFF -DKESTRO_BUILD_APPS=OFF >/dev/null

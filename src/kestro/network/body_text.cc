@@ -1,6 +1,7 @@
 #include "kestro/network/body_text.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cstdint>
 
@@ -44,6 +45,36 @@ std::string base64Encode(std::string_view bytes) {
         *o++ = kAlphabet[(v >> 12) & 63];
         *o++ = rest == 2 ? kAlphabet[(v >> 6) & 63] : '=';
         *o++ = '=';
+    }
+    return out;
+}
+
+std::optional<std::string> base64Decode(std::string_view text) {
+    if (text.size() % 4 != 0) return std::nullopt;
+    static constexpr auto kValues = [] {
+        std::array<std::int8_t, 256> v{};
+        v.fill(-1);
+        const char* alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+        for (int i = 0; i < 64; ++i)
+            v[static_cast<unsigned char>(alphabet[i])] = static_cast<std::int8_t>(i);
+        return v;
+    }();
+    std::size_t padding = 0;
+    if (!text.empty() && text.back() == '=') padding = text[text.size() - 2] == '=' ? 2 : 1;
+    std::string out;
+    out.resize(text.size() / 4 * 3 - padding);
+    const auto* in = reinterpret_cast<const unsigned char*>(text.data());
+    std::size_t o = 0;
+    for (std::size_t i = 0; i < text.size(); i += 4) {
+        const bool last = i + 4 == text.size();
+        const int a = kValues[in[i]], b = kValues[in[i + 1]];
+        const int c = last && padding == 2 ? 0 : kValues[in[i + 2]];
+        const int d = last && padding >= 1 ? 0 : kValues[in[i + 3]];
+        if ((a | b | c | d) < 0) return std::nullopt;
+        const std::uint32_t v = (a << 18) | (b << 12) | (c << 6) | d;
+        out[o++] = static_cast<char>(v >> 16);
+        if (o < out.size()) out[o++] = static_cast<char>((v >> 8) & 0xFF);
+        if (o < out.size()) out[o++] = static_cast<char>(v & 0xFF);
     }
     return out;
 }

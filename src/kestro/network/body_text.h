@@ -1,6 +1,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -20,5 +21,9 @@ KESTRO_API std::string capturedBodyText(std::string_view bytes, std::string_view
 
 /// Standard base64 (RFC 4648, with padding, no line breaks).
 KESTRO_API std::string base64Encode(std::string_view bytes);
+/// The bytes of standard base64 text as base64Encode writes it: the standard alphabet, padded
+/// to a multiple of four, no line breaks or other characters. Nothing for any other text; the
+/// empty text decodes to no bytes.
+KESTRO_API std::optional<std::string> base64Decode(std::string_view text);
 
 }  // namespace kestro
