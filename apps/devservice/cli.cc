@@ -83,6 +83,14 @@ std::string timeText(const json::object& o, const char* key) {
     return iso8601WithMilliseconds(fromSecondsSince1970(v->to_number<double>()));
 }
 
+// At most `limit` bytes of a text for a message, cut on a UTF-8 boundary.
+std::string clipText(std::string_view text, std::size_t limit) {
+    if (text.size() <= limit) return std::string(text);
+    std::size_t end = limit;
+    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
+    return std::string(text.substr(0, end)) + "…";
+}
+
 std::string itemLine(const json::object& item) {
     const std::string type = field(item, "eventType");
     const auto* s = item.if_contains("summary");
@@ -197,6 +205,19 @@ int runClientCommand(const CommandLine& line, std::ostream& out, std::ostream& e
             << "\n";
         return 1;
     };
+    // Parses an answer that should be a JSON object. Anything else (a proxy's page, another
+    // program on the port, a service of another version) is reported, never thrown.
+    auto notExpected = [&](const HttpAnswer& a, const std::string& why) {
+        err << "❌ The answer (" << a.status << ") is not the JSON this command expects (" << why
+            << "): " << internal::clipText(a.body, 200) << "\n";
+    };
+    auto expectObject = [&](const HttpAnswer& a) -> std::optional<json::object> {
+        boost::system::error_code ec;
+        auto v = json::parse(a.body, ec);
+        if (!ec && v.is_object()) return std::move(v.as_object());
+        notExpected(a, ec ? "not JSON" : "not an object");
+        return std::nullopt;
+    };
     auto needWords = [&](std::size_t min, std::size_t max, const char* usage) {
         if (line.words.size() < min || line.words.size() > max) {
             err << "usage: kestro-devservice " << usage << "\n";
@@ -223,12 +244,26 @@ int runClientCommand(const CommandLine& line, std::ostream& out, std::ostream& e
             out << a->body << "\n";
             return std::nullopt;
         }
-        auto v = json::parse(a->body);
-        if (v.at(key).as_array().empty()) {
+        code = 4;
+        auto v = expectObject(*a);
+        if (!v) return std::nullopt;
+        const auto* rows = v->if_contains(key);
+        if (!rows || !rows->is_array()) {
+            notExpected(*a, std::string("no \"") + key + "\" list");
+            return std::nullopt;
+        }
+        for (const auto& row : rows->as_array()) {
+            if (!row.is_object()) {
+                notExpected(*a, std::string("an entry of \"") + key + "\" is not an object");
+                return std::nullopt;
+            }
+        }
+        code = 0;
+        if (rows->as_array().empty()) {
             out << none << "\n";
             return std::nullopt;
         }
-        return v;
+        return json::value(std::move(*v));
     };
 
     const std::string& command = line.command;
@@ -259,11 +294,12 @@ int runClientCommand(const CommandLine& line, std::ostream& out, std::ostream& e
                            "LAST SEEN", "NAME", "MODEL / OS");
         for (const auto& d : list) {
             const auto& o = d.as_object();
-            out << fmt::format("{:<36}  {:<9}  {:>5}  {:<24}  {:<20}  {} / {} {}\n",
-                               internal::field(o, "id"), o.at("connected").as_bool() ? "yes" : "no",
-                               internal::field(o, "itemCount"), internal::timeText(o, "lastSeen"),
-                               internal::field(o, "name"), internal::field(o, "model"),
-                               internal::field(o, "osName"), internal::field(o, "osVersion"));
+            out << fmt::format(
+                "{:<36}  {:<9}  {:>5}  {:<24}  {:<20}  {} / {} {}\n", internal::field(o, "id"),
+                o.if_contains("connected") && *o.if_contains("connected") == true ? "yes" : "no",
+                internal::field(o, "itemCount"), internal::timeText(o, "lastSeen"),
+                internal::field(o, "name"), internal::field(o, "model"),
+                internal::field(o, "osName"), internal::field(o, "osVersion"));
         }
         return 0;
     }
@@ -274,7 +310,8 @@ int runClientCommand(const CommandLine& line, std::ostream& out, std::ostream& e
         int code = 0;
         const auto v = listing(target, "items", "No items yet.", code);
         if (!v) return code;
-        for (const auto& item : v->at("items").as_array()) out << internal::itemLine(item.as_object()) << "\n";
+        for (const auto& item : v->at("items").as_array())
+            out << internal::itemLine(item.as_object()) << "\n";
         return 0;
     }
     if (command == "send") {
@@ -289,9 +326,9 @@ int runClientCommand(const CommandLine& line, std::ostream& out, std::ostream& e
                       json::serialize(body));
         if (!a) return 3;
         if (a->status != 202) return refused(*a);
-        const auto v = json::parse(a->body);
-        out << "✅ Sent to " << line.words[0] << ": " << internal::field(v.as_object(), "frame")
-            << "\n";
+        const auto v = expectObject(*a);
+        if (!v) return 4;
+        out << "✅ Sent to " << line.words[0] << ": " << internal::field(*v, "frame") << "\n";
         return 0;
     }
     err << usageText();

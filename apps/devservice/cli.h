@@ -29,7 +29,8 @@ std::optional<HttpAnswer> httpExchange(
 
 /// Runs one client subcommand (devices, device, items, item, send, health) against the service
 /// that `line` points at, writing what it shows to `out` and problems to `err`. Returns the
-/// process exit code: 0 success, 1 refused by the service, 2 bad usage, 3 service unreachable.
+/// process exit code: 0 success, 1 refused by the service, 2 bad usage, 3 service unreachable,
+/// 4 an answer that is not what the command expects (another program on the port, say).
 int runClientCommand(const CommandLine& line, std::ostream& out, std::ostream& err);
 
 /// JSON text laid out with two-space indentation, for people to read.

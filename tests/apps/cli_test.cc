@@ -9,6 +9,7 @@
 
 #include "devservice/options.h"
 #include "service_fixture.h"
+#include "support/http_server.h"
 #include "support/wait.h"
 
 namespace kestro::test {
@@ -156,6 +157,53 @@ TEST_F(ClientCommandTest, AnUnreachableServiceIsReported) {
     std::string out, err;
     EXPECT_EQ(run({"devices"}, &out, &err), 3);
     EXPECT_NE(err.find("cannot reach"), std::string::npos) << err;
+}
+
+TEST(ClientAnswerTest, AnswersThatAreNotTheExpectedJSONAreReportedNotThrown) {
+    // A server on the service's port that answers with something else: a web page, a JSON
+    // value of another shape, rows missing their fields.
+    std::string body;
+    unsigned status = 200;
+    HttpServer server([&](const ReceivedRequest&) {
+        return HttpReply::text(static_cast<int>(status), body, "application/json");
+    });
+    struct Case {
+        std::vector<std::string> args;
+        unsigned status;
+        std::string body;
+    };
+    const std::vector<Case> cases = {
+        {{"devices"}, 200, "<html>a proxy's page</html>"},
+        {{"devices"}, 200, R"({"devices":5})"},
+        {{"devices"}, 200, R"([1,2])"},
+        {{"devices"}, 200, R"({"devices":[7]})"},
+        {{"items"}, 200, "<html></html>"},
+        {{"items"}, 200, R"({"items":[{"id":3}]})"},
+        {{"items"}, 200, R"({"items":["x"]})"},
+        {{"send", "DEV-1", "send_ping"}, 202, "accepted"},
+        {{"send", "DEV-1", "send_ping"}, 202, R"(["frame"])"},
+    };
+    for (const auto& c : cases) {
+        status = c.status;
+        body = c.body;
+        auto args = c.args;
+        args.push_back("--port");
+        args.push_back(std::to_string(server.port()));
+        std::string error;
+        const auto line = parseCommandLine(args, envOf({}), &error);
+        ASSERT_TRUE(line) << error;
+        std::ostringstream out, err;
+        int code = -1;
+        EXPECT_NO_THROW(code = devservice::runClientCommand(*line, out, err)) << c.body;
+        // Rows whose fields are missing are shown with "-"; anything else is refused.
+        if (c.body.find("\"id\":3") != std::string::npos) {
+            EXPECT_EQ(code, 0) << c.body << ": " << err.str();
+            EXPECT_NE(out.str().find('3'), std::string::npos) << out.str();
+            continue;
+        }
+        EXPECT_EQ(code, 4) << c.body;
+        EXPECT_NE(err.str().find("not the JSON"), std::string::npos) << c.body << ": " << err.str();
+    }
 }
 
 }  // namespace
