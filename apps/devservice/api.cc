@@ -319,6 +319,19 @@ Reply ApiRouter::control(const Request& request, std::string_view path) const {
         if (!get) return methodNotAllowed("GET");
         const double uptime =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
+        if (auto problem = store_.check()) {
+            Reply reply =
+                jsonReply(503,
+                          json::object{{"status", "unavailable"},
+                                       {"error", *problem},
+                                       {"service", internal::kServerName},
+                                       {"version", SDK_VERSION},
+                                       {"uptimeSeconds", uptime},
+                                       {"dataDirectory", options_.dataDirectory.string()}},
+                          v);
+            reply.note = *problem;
+            return reply;
+        }
         return jsonReply(200,
                          json::object{{"status", "ok"},
                                       {"service", internal::kServerName},

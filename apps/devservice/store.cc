@@ -116,7 +116,7 @@ std::unique_ptr<DevStore> DevStore::open(const std::filesystem::path& file, std:
         return nullptr;
     }
     sqlite3_busy_timeout(db, 5000);
-    std::unique_ptr<DevStore> store(new DevStore(db));
+    std::unique_ptr<DevStore> store(new DevStore(db, file));
     const char* schema =
         "PRAGMA journal_mode=WAL;"
         "PRAGMA synchronous=NORMAL;"
@@ -341,6 +341,23 @@ std::int64_t scalar(sqlite3* db, const char* sql) {
     return s.step() == SQLITE_ROW ? s.integer(0) : 0;
 }
 }  // namespace
+
+std::optional<std::string> DevStore::check() {
+    std::lock_guard lock(mutex_);
+    int moved = 0;
+    if (sqlite3_file_control(db_, "main", SQLITE_FCNTL_HAS_MOVED, &moved) != SQLITE_OK) {
+        return "the database " + file_.string() + " cannot be asked for its file";
+    }
+    if (moved) {
+        return "the database file " + file_.string() +
+               " was deleted or replaced while the service was running; what it receives now "
+               "is lost at the next start";
+    }
+    Statement s(db_, "SELECT COUNT(*) FROM devices");
+    if (s.step() != SQLITE_ROW)
+        return "the database " + file_.string() + " cannot be read: " + s.error();
+    return std::nullopt;
+}
 
 std::int64_t DevStore::deviceCount() {
     std::lock_guard lock(mutex_);

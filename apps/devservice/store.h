@@ -89,17 +89,22 @@ class DevStore {
     std::optional<ItemRow> item(const std::string& id);
     std::vector<ItemPart> parts(const std::string& itemId);
 
+    /// Whether the database can still be used: its file is where it was opened (not deleted,
+    /// moved or replaced under the service) and a read succeeds. Gives the problem, or nothing.
+    std::optional<std::string> check();
+
     std::int64_t deviceCount();
     std::int64_t itemCount();
     /// The highest revision stored so far (0 when empty).
     std::int64_t latestRevision();
 
   private:
-    explicit DevStore(sqlite3* db) : db_(db) {}
+    DevStore(sqlite3* db, std::filesystem::path file) : db_(db), file_(std::move(file)) {}
     bool exec(const char* sql, std::string* error);
 
     std::mutex mutex_;
     sqlite3* db_;
+    std::filesystem::path file_;
 };
 
 /// Joins an upload into a stored record (see DevStore::putItem). Neither input carries "device".

@@ -243,6 +243,26 @@ TEST_F(UploadsTest, BrokenAndAbandonedRequestsLeaveTheServiceServing) {
     EXPECT_EQ(get("/api/health").json().at("status"), "ok");
 }
 
+TEST_F(UploadsTest, HealthChecksTheDatabase) {
+    ASSERT_EQ(upload(port_, "/v1/requests", serialize(logRecord("L-1", "DEV-1"))).status, 200u);
+    auto ok = get("/api/health");
+    ASSERT_EQ(ok.status, 200u);
+    EXPECT_EQ(ok.json().at("status"), "ok");
+    EXPECT_EQ(ok.json().at("items"), 1);
+
+    // The data directory is cleaned away under the running service (a temporary directory
+    // swept, a volume unmounted): what it writes from now on is lost at its next start.
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        std::filesystem::remove(dir_.path() / (std::string("devservice.sqlite") + suffix));
+    }
+    auto gone = get("/api/health");
+    EXPECT_EQ(gone.status, 503u) << gone.body;
+    EXPECT_EQ(gone.json().at("status"), "unavailable");
+    EXPECT_NE(std::string(gone.json().at("error").as_string()).find("devservice.sqlite"),
+              std::string::npos)
+        << gone.body;
+}
+
 TEST_F(UploadsTest, KeepAliveConnectionsServeSeveralRequests) {
     const std::string one = "GET /api/health HTTP/1.1\r\nHost: x\r\n\r\n";
     const std::string last = "GET /sample/users/1 HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n";
