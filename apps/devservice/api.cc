@@ -457,8 +457,18 @@ Reply ApiRouter::command(const Request& request, const std::string& deviceId) co
         return error(409, "device " + deviceId + " is not connected", v);
     }
     const std::string frame = commandFrame(action, payload);
-    if (!links_.send(deviceId, frame)) {
-        return error(409, "device " + deviceId + " is not connected", v);
+    switch (links_.send(deviceId, frame)) {
+        case SendResult::queued:
+            break;
+        case SendResult::notConnected:
+            return error(409, "device " + deviceId + " is not connected", v);
+        case SendResult::closing:
+            return error(409, "the connection of device " + deviceId + " is closing", v);
+        case SendResult::queueFull:
+            return error(503,
+                         "too many frames are waiting for device " + deviceId +
+                             " (it is not reading them); try again later",
+                         v);
     }
     Reply reply = jsonReply(
         202, json::object{{"deviceId", deviceId}, {"action", action}, {"frame", frame}}, v);

@@ -23,16 +23,15 @@ void DeviceLinks::detach(const std::string& deviceId, const DeviceLink* link) {
     if (!current || current.get() == link) links_.erase(it);
 }
 
-bool DeviceLinks::send(const std::string& deviceId, std::string text) {
+SendResult DeviceLinks::send(const std::string& deviceId, std::string text) {
     std::shared_ptr<DeviceLink> link;
     {
         std::lock_guard lock(mutex_);
         auto it = links_.find(deviceId);
         if (it != links_.end()) link = it->second.link.lock();
     }
-    if (!link) return false;
-    link->send(std::move(text));
-    return true;
+    if (!link) return SendResult::notConnected;
+    return link->send(std::move(text));
 }
 
 std::optional<double> DeviceLinks::connectedSince(const std::string& deviceId) const {

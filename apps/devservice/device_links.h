@@ -11,14 +11,21 @@
 
 namespace kestro::devservice {
 
-/// One open WebSocket connection of a device, as the registry sees it. Implementations queue
-/// what they are given on the connection's own strand, so both calls return at once and may be
-/// made from any thread.
+/// What became of a frame handed to a device's connection.
+enum class SendResult {
+    queued,        // it waits in the connection's queue and is written in turn
+    notConnected,  // the device has no open connection
+    closing,       // the connection is closing (replaced, gone, or the service stopping)
+    queueFull,     // too many frames already wait for this device
+};
+
+/// One open WebSocket connection of a device, as the registry sees it. Both calls return at
+/// once and may be made from any thread.
 class DeviceLink {
   public:
     virtual ~DeviceLink() = default;
-    /// Queues one text frame.
-    virtual void send(std::string text) = 0;
+    /// Queues one text frame, or says why it was not queued.
+    virtual SendResult send(std::string text) = 0;
     /// Closes the connection with the close code and reason given.
     virtual void close(std::uint16_t code, std::string reason) = 0;
 };
@@ -34,8 +41,8 @@ class DeviceLinks {
     /// Forgets the device's connection if it is still `link` (a replaced link leaves the newer
     /// one alone).
     void detach(const std::string& deviceId, const DeviceLink* link);
-    /// Queues `text` to the device; false when it has no open connection.
-    bool send(const std::string& deviceId, std::string text);
+    /// Queues `text` to the device's connection, or says why it was not queued.
+    SendResult send(const std::string& deviceId, std::string text);
     /// When the device's current connection opened, or nothing if it has none.
     std::optional<double> connectedSince(const std::string& deviceId) const;
     std::vector<std::string> connectedDevices() const;

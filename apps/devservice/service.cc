@@ -37,7 +37,10 @@ constexpr auto kReadTimeout = std::chrono::seconds(30);
 constexpr auto kWriteTimeout = std::chrono::seconds(30);
 constexpr std::size_t kHeaderLimit = 16 * 1024;
 constexpr std::size_t kMaxFrameBytes = 1024 * 1024;
+// What may wait for one device: frames beyond either bound are refused, and the command that
+// made them is answered so.
 constexpr std::size_t kMaxQueuedFrames = 1024;
+constexpr std::size_t kMaxQueuedBytes = 16 * 1024 * 1024;
 // After a 413 the rest of the body is read and thrown away (up to this much, for at most
 // kDrainTimeout), so that a client still sending gets to read the answer instead of a reset.
 constexpr std::size_t kMaxDrainBytes = 64 * 1024 * 1024;
@@ -80,8 +83,9 @@ std::string clipFrame(std::string_view text) {
     return std::string(text.substr(0, end)) + "…";
 }
 
-// One device's WebSocket connection. Every member is touched only on the connection's strand;
-// send() and close() hop onto it.
+// One device's WebSocket connection. The stream is touched only on the connection's strand;
+// the frame queue and the closing flag are shared with senders on other threads under
+// queueMutex_, so that send() can say at once whether a frame was queued.
 class WsSession : public DeviceLink, public std::enable_shared_from_this<WsSession> {
   public:
     WsSession(tcp::socket&& socket, ServiceCore& core, LinkRequest link, std::string target)
@@ -99,25 +103,30 @@ class WsSession : public DeviceLink, public std::enable_shared_from_this<WsSessi
                          beast::bind_front_handler(&WsSession::onAccept, shared_from_this()));
     }
 
-    void send(std::string text) override {
-        net::post(ws_.get_executor(),
-                  [self = shared_from_this(), text = std::move(text)]() mutable {
-                      if (self->closing_) return;
-                      if (self->queue_.size() >= kMaxQueuedFrames) {
-                          self->core_.log("⚠️ Frame to device " + self->link_.deviceId +
-                                          " dropped: too many frames waiting");
-                          return;
-                      }
-                      self->queue_.push_back(std::move(text));
-                      if (self->queue_.size() == 1) self->writeNext();
-                  });
+    SendResult send(std::string text) override {
+        {
+            std::lock_guard lock(queueMutex_);
+            if (closing_) return SendResult::closing;
+            if (queue_.size() >= kMaxQueuedFrames || queuedBytes_ + text.size() > kMaxQueuedBytes) {
+                return SendResult::queueFull;
+            }
+            queuedBytes_ += text.size();
+            queue_.push_back(std::move(text));
+            if (queue_.size() > 1) return SendResult::queued;
+        }
+        net::post(ws_.get_executor(), [self = shared_from_this()] { self->writeNext(); });
+        return SendResult::queued;
     }
 
     void close(std::uint16_t code, std::string reason) override {
+        {
+            std::lock_guard lock(queueMutex_);
+            if (closing_) return;
+            closing_ = true;
+        }
         net::post(ws_.get_executor(),
                   [self = shared_from_this(), code, reason = std::move(reason)]() {
-                      if (self->closing_ || !self->open_) return;
-                      self->closing_ = true;
+                      if (!self->open_) return;
                       self->ws_.async_close(
                           websocket::close_reason(static_cast<websocket::close_code>(code), reason),
                           [self](beast::error_code) {});
@@ -146,10 +155,17 @@ class WsSession : public DeviceLink, public std::enable_shared_from_this<WsSessi
 
     void onRead(beast::error_code ec, std::size_t) {
         if (ec) {
+            bool closedHere = false;
+            {
+                std::lock_guard lock(queueMutex_);
+                closedHere = closing_;
+                closing_ = true;
+            }
             core_.links.detach(link_.deviceId, this);
-            const std::string why = ec == websocket::error::closed
-                                        ? std::string(closing_ ? "closed" : "closed by the device")
-                                        : ec.message();
+            const std::string why =
+                ec == websocket::error::closed
+                    ? std::string(closedHere ? "closed" : "closed by the device")
+                    : ec.message();
             core_.log(fmt::format("🔌 Device {} disconnected ({})", link_.deviceId, why));
             return;
         }
@@ -165,20 +181,36 @@ class WsSession : public DeviceLink, public std::enable_shared_from_this<WsSessi
         readNext();
     }
 
+    // On the strand, with one write in flight at most. The front frame stays in the queue
+    // until written; frames added behind it do not move it (a deque keeps its elements).
     void writeNext() {
+        const std::string* front = nullptr;
+        {
+            std::lock_guard lock(queueMutex_);
+            if (queue_.empty()) return;
+            front = &queue_.front();
+        }
         ws_.text(true);
-        ws_.async_write(net::buffer(queue_.front()),
+        ws_.async_write(net::buffer(*front),
                         beast::bind_front_handler(&WsSession::onWrite, shared_from_this()));
     }
 
     void onWrite(beast::error_code ec, std::size_t) {
-        if (ec) {
-            // The read side sees the same failure and reports the disconnection.
-            queue_.clear();
-            return;
+        bool more = false;
+        {
+            std::lock_guard lock(queueMutex_);
+            if (ec) {
+                // The device is gone; the read side sees the same failure and reports it.
+                closing_ = true;
+                queue_.clear();
+                queuedBytes_ = 0;
+                return;
+            }
+            queuedBytes_ -= queue_.front().size();
+            queue_.pop_front();
+            more = !queue_.empty();
         }
-        queue_.pop_front();
-        if (!queue_.empty() && !closing_) writeNext();
+        if (more) writeNext();
     }
 
     websocket::stream<beast::tcp_stream> ws_;
@@ -187,8 +219,10 @@ class WsSession : public DeviceLink, public std::enable_shared_from_this<WsSessi
     std::string target_;
     Request request_;
     beast::flat_buffer buffer_;
-    std::deque<std::string> queue_;
     bool open_ = false;
+    std::mutex queueMutex_;
+    std::deque<std::string> queue_;
+    std::size_t queuedBytes_ = 0;
     bool closing_ = false;
 };
 

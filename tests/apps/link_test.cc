@@ -171,6 +171,39 @@ TEST_F(LinkTest, CommandsToAbsentDevicesAndBadCommandsAreRefused) {
     EXPECT_EQ(sendCommand(port_, "DEV-1", {{"action", "send_ping"}}).status, 409u);
 }
 
+TEST_F(LinkTest, ACommandIsAcceptedOnlyWhenItsFrameIsQueuedForTheDevice) {
+    // A device that stops reading: frames fill the socket, then the service's queue for it.
+    WsClient device;
+    ASSERT_TRUE(device.connect(port_, kLink));
+    ASSERT_TRUE(waitUntil([&] { return connected("DEV-1"); }));
+    const json::object rule{{"url", "http://127.0.0.1/big"}, {"body", std::string(16 * 1024, 'x')}};
+    int accepted = 0;
+    unsigned refusal = 0;
+    std::string refusalBody;
+    for (int i = 0; i < 3000 && refusal == 0; ++i) {
+        auto r =
+            sendCommand(port_, "DEV-1", {{"action", "enable_mock_request"}, {"payload", rule}});
+        if (r.status == 202) {
+            ++accepted;
+        } else {
+            refusal = r.status;
+            refusalBody = r.body;
+        }
+    }
+    EXPECT_EQ(refusal, 503u) << refusalBody;
+    EXPECT_NE(refusalBody.find("waiting"), std::string::npos) << refusalBody;
+
+    // Every accepted command reaches the device, and nothing else: once they are read, the
+    // next command is the next frame.
+    for (int i = 0; i < accepted; ++i) {
+        auto frame = device.read();
+        ASSERT_TRUE(frame) << "frame " << i << " of " << accepted << " accepted never arrived";
+        ASSERT_EQ(frame->rfind(R"({"action":"enable_mock_request")", 0), 0u);
+    }
+    ASSERT_EQ(sendCommand(port_, "DEV-1", {{"action", "send_ping"}}).status, 202u);
+    EXPECT_EQ(device.read(), R"({"action":"send_ping","payload":null})");
+}
+
 TEST_F(LinkTest, BrokenFramesCloseOnlyTheirOwnConnection) {
     WsClient broken;
     ASSERT_TRUE(broken.connect(port_, kLink));
