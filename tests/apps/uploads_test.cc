@@ -290,8 +290,30 @@ TEST_F(UploadsTest, HistorySurvivesARestartOnTheSameDataDirectory) {
     auto devices = get("/api/devices").json().at("devices").as_array();
     ASSERT_EQ(devices.size(), 1u);
     EXPECT_EQ(devices[0].at("itemCount"), 1);
-    EXPECT_TRUE(std::filesystem::exists(dir_.path() / "devservice.sqlite-wal") ||
-                std::filesystem::exists(dir_.path() / "devservice.sqlite"));
+
+    // The history is the data directory's: a copy of the directory holds it, an empty
+    // directory holds none of it.
+    service_->stop();
+    TempDir copy;
+    std::filesystem::copy(dir_.path(), copy.path(),
+                          std::filesystem::copy_options::recursive |
+                              std::filesystem::copy_options::overwrite_existing);
+    TempDir empty;
+    for (const auto* dir : {&copy, &empty}) {
+        devservice::DevServiceOptions options;
+        options.port = 0;
+        options.dataDirectory = dir->path();
+        options.logRequests = false;
+        devservice::DevService other(options);
+        std::string error;
+        ASSERT_TRUE(other.start(&error)) << error;
+        auto item = httpRequest(other.port(), "GET", "/api/items/R-1");
+        EXPECT_EQ(item.status, dir == &copy ? 200u : 404u) << dir->path();
+        EXPECT_EQ(
+            httpRequest(other.port(), "GET", "/api/devices").json().at("devices").as_array().size(),
+            dir == &copy ? 1u : 0u)
+            << dir->path();
+    }
 }
 
 TEST_F(UploadsTest, ConcurrentUploadsAreAllKept) {
