@@ -9,6 +9,7 @@
 #include <charconv>
 #include <vector>
 
+#include "devservice/page.h"
 #include "devservice/sample_image.h"
 #include "devservice/upload_check.h"
 #include "kestro/core/config.h"
@@ -216,6 +217,7 @@ Reply ApiRouter::route(const Request& request) const {
         return reply;
     }
 
+    if (auto page = servePage(request)) return std::move(*page);
     if (seg.empty()) {
         if (method != http::verb::get && method != http::verb::head) {
             return error(405, "only GET is allowed here", v);
