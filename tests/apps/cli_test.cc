@@ -7,6 +7,7 @@
 #include <boost/json.hpp>
 #include <sstream>
 
+#include "devservice/auth.h"
 #include "devservice/options.h"
 #include "service_fixture.h"
 #include "support/http_server.h"
@@ -85,6 +86,8 @@ class ClientCommandTest : public ServiceFixture {
     int run(std::vector<std::string> args, std::string* out, std::string* err = nullptr) {
         args.push_back("--port");
         args.push_back(std::to_string(port_));
+        args.push_back("--data-dir");
+        args.push_back(dir_.path().string());
         std::string error;
         auto line = parseCommandLine(args, envOf({}), &error);
         EXPECT_TRUE(line) << error;
@@ -102,14 +105,9 @@ TEST_F(ClientCommandTest, DevicesItemsAndSendTalkToTheRunningService) {
     ASSERT_EQ(run({"devices"}, &out), 0);
     EXPECT_NE(out.find("No devices"), std::string::npos);
 
-    ASSERT_EQ(
-        upload(port_, "/v1/devices", json::serialize(deviceDictionary("DEV-1", "laptop"))).status,
-        200u);
-    ASSERT_EQ(upload(port_, "/v1/requests", json::serialize(requestHalf("R-1", "DEV-1"))).status,
-              200u);
-    ASSERT_EQ(
-        upload(port_, "/v1/requests", json::serialize(logRecord("L-1", "DEV-2", "boot"))).status,
-        200u);
+    ASSERT_EQ(put("/v1/devices", deviceDictionary("DEV-1", "laptop")).status, 200u);
+    ASSERT_EQ(put("/v1/requests", requestHalf("R-1", "DEV-1")).status, 200u);
+    ASSERT_EQ(put("/v1/requests", logRecord("L-1", "DEV-2", "boot")).status, 200u);
 
     ASSERT_EQ(run({"devices"}, &out), 0);
     EXPECT_NE(out.find("DEV-1"), std::string::npos);
@@ -133,7 +131,7 @@ TEST_F(ClientCommandTest, DevicesItemsAndSendTalkToTheRunningService) {
     EXPECT_NE(err.find("not connected"), std::string::npos);
 
     WsClient device;
-    ASSERT_TRUE(device.connect(port_, "/?api-key=kt-dev-1&device-id=DEV-1"));
+    ASSERT_TRUE(device.connect(port_, "/?api-key=" + key_ + "&device-id=DEV-1"));
     ASSERT_TRUE(
         waitUntil([&] { return get("/api/devices/DEV-1").json().at("connected") == true; }));
     ASSERT_EQ(run({"send", "DEV-1", "enable_mock_request", R"({"url":"*","statusCode":404})"}, &out,
@@ -164,6 +162,9 @@ TEST(ClientAnswerTest, AnswersThatAreNotTheExpectedJSONAreReportedNotThrown) {
     // value of another shape, rows missing their fields.
     std::string body;
     unsigned status = 200;
+    TempDir dir;
+    bool made = false;
+    ASSERT_TRUE(devservice::loadOrCreateToken(dir.path(), &made, nullptr));
     HttpServer server([&](const ReceivedRequest&) {
         return HttpReply::text(static_cast<int>(status), body, "application/json");
     });
@@ -189,6 +190,8 @@ TEST(ClientAnswerTest, AnswersThatAreNotTheExpectedJSONAreReportedNotThrown) {
         auto args = c.args;
         args.push_back("--port");
         args.push_back(std::to_string(server.port()));
+        args.push_back("--data-dir");
+        args.push_back(dir.path().string());
         std::string error;
         const auto line = parseCommandLine(args, envOf({}), &error);
         ASSERT_TRUE(line) << error;

@@ -66,7 +66,7 @@ HttpResult httpRequest(std::uint16_t port, const std::string& method, const std:
     net::io_context ioc;
     auto socket = connectLoopback(ioc, port);
     http::request<http::string_body> request(http::string_to_verb(method), target, 11);
-    request.set(http::field::host, "127.0.0.1");
+    request.set(http::field::host, "127.0.0.1:" + std::to_string(port));
     for (const auto& [name, value] : headers) request.set(name, value);
     request.body() = body;
     request.prepare_payload();
@@ -114,17 +114,21 @@ std::string rawExchange(std::uint16_t port, const std::string& bytes, bool close
     return out;
 }
 
-bool WsClient::connect(std::uint16_t port, const std::string& target, unsigned* status) {
+bool WsClient::connect(std::uint16_t port, const std::string& target, unsigned* status,
+                       const std::map<std::string, std::string>& headers) {
     if (status) *status = 0;
     ws_.emplace(connectLoopback(ioc_, port));
     ws_->control_callback([this](websocket::frame_type kind, beast::string_view) {
         if (kind == websocket::frame_type::pong) ++pongs_;
     });
-    websocket::response_type response;
+    ws_->set_option(websocket::stream_base::decorator([headers](websocket::request_type& r) {
+        for (const auto& [name, value] : headers) r.set(name, value);
+    }));
+    response_ = {};
     boost::system::error_code ec;
-    ws_->handshake(response, "127.0.0.1", target, ec);
+    ws_->handshake(response_, "127.0.0.1:" + std::to_string(port), target, ec);
     if (ec) {
-        if (status) *status = response.result_int();
+        if (status) *status = response_.result_int();
         return false;
     }
     return true;

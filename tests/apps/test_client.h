@@ -44,7 +44,7 @@ HttpResult httpRequest(std::uint16_t port, const std::string& method, const std:
 
 /// The SDK's upload: POST with "Api-Key" and "Content-Type: application/json".
 HttpResult upload(std::uint16_t port, const std::string& path, const std::string& body,
-                  const std::string& apiKey = "kt-dev-test");
+                  const std::string& apiKey);
 
 /// Writes raw bytes on a fresh connection and reads whatever comes back until the server
 /// closes or the deadline passes.
@@ -53,9 +53,13 @@ std::string rawExchange(std::uint16_t port, const std::string& bytes, bool close
 /// A WebSocket client of a loopback server, with read deadlines.
 class WsClient {
   public:
-    /// Connects and performs the handshake for `target`; `status` receives the HTTP status of
-    /// a refused handshake (0 when it succeeded or failed otherwise).
-    bool connect(std::uint16_t port, const std::string& target, unsigned* status = nullptr);
+    /// Connects and performs the handshake for `target` with the header fields given;
+    /// `status` receives the HTTP status of a refused handshake (0 when it succeeded or failed
+    /// otherwise).
+    bool connect(std::uint16_t port, const std::string& target, unsigned* status = nullptr,
+                 const std::map<std::string, std::string>& headers = {});
+    /// The handshake's answer.
+    const boost::beast::websocket::response_type& response() const { return response_; }
     /// Reads one message; nothing when the connection closed or the deadline passed.
     std::optional<std::string> read(std::chrono::milliseconds timeout = std::chrono::seconds(5));
     void write(const std::string& text);
@@ -72,6 +76,7 @@ class WsClient {
     boost::asio::io_context ioc_;
     std::optional<boost::beast::websocket::stream<boost::asio::ip::tcp::socket>> ws_;
     boost::beast::flat_buffer buffer_;
+    boost::beast::websocket::response_type response_;
     int pongs_ = 0;
 };
 
