@@ -39,9 +39,11 @@ function showAccess(title, text) {
     ref("connection").dataset.state = "unauthorized";
 }
 
-function showNotice(text, level) {
+function showNotice(text, level, key) {
     const box = ref("notices");
+    if (key) box.querySelector(`[data-key="${key}"]`)?.remove();
     const notice = fromTemplate("notice");
+    if (key) notice.dataset.key = key;
     notice.dataset.level = level;
     notice.querySelector(".notice-text").textContent = text;
     notice.querySelector("button").addEventListener("click", () => notice.remove());
@@ -102,7 +104,7 @@ function start() {
     const loader = new ItemLoader(api);
     const device = ref("device");
 
-    state.addEventListener("notice", (e) => showNotice(e.detail.text, e.detail.level));
+    state.addEventListener("notice", (e) => showNotice(e.detail.text, e.detail.level, e.detail.key));
     state.addEventListener("connection", (e) => showConnection(e.detail, state));
     state.addEventListener("devices", () => {
         if (state.service) ref("service").textContent = `development service ${state.service.version ?? ""}`;

@@ -2,7 +2,7 @@
 // selected one (model, system, SDK version, key). Renders at most once a frame however many
 // items arrive, and refreshes the "last seen" texts once a second.
 
-import { ago, el, fromTemplate } from "./format.js";
+import { ago, clock, el, fromTemplate } from "./format.js";
 
 export function deviceName(device) {
     return device?.name || device?.model || device?.id || "";
@@ -68,7 +68,8 @@ export class DevicesScreen {
             system: [system, device.platform && device.platform !== device.osName ? `(${device.platform})` : ""].filter(Boolean).join(" "),
             sdk: device.sdkVersion,
             key: [device.keyKind, device.keyId].filter((x) => x !== null && x !== undefined && x !== "").join(" · "),
-            lastSeen: device.connected ? `now (online ${ago(device.connectedSince)})` : ago(device.lastSeen),
+            lastSeen: device.connected
+                ? `now (linked since ${clock(device.connectedSince)})` : ago(device.lastSeen),
             items: typeof device.itemCount === "number" ? device.itemCount.toLocaleString("en") : "",
         };
         for (const [name, value] of Object.entries(facts)) {

@@ -29,7 +29,8 @@
 //    `-H 'Name: value'` per request header sorted by name (Content-Length is left to curl), then
 //    `--data-raw 'body'` when the body is not empty.
 //  - Every argument but the flags is single-quoted; a single quote inside becomes '\'' .
-//    Arguments are joined by " \" and a newline, so that the command pastes as one.
+//  - The first line holds curl, the method and the URL; each header and the body follow on a
+//    line of their own, after " \" and a newline, so that the command pastes as one.
 
 import { bodyEncoding, bodySize, header, utf8Size } from "./body.js";
 
@@ -130,9 +131,10 @@ export function curlCommand(record) {
     const request = record?.details?.request ?? {};
     const method = request.method ?? "GET";
     const body = typeof request.body === "string" ? request.body : "";
-    const parts = ["curl"];
-    if (method !== "GET" || body) parts.push(`-X ${shellQuote(method)}`);
-    parts.push(shellQuote(request.url ?? ""));
+    const first = ["curl"];
+    if (method !== "GET" || body) first.push(`-X ${shellQuote(method)}`);
+    first.push(shellQuote(request.url ?? ""));
+    const parts = [first.join(" ")];
     for (const { name, value } of headerList(request.headers)) {
         if (name.toLowerCase() === "content-length") continue;
         parts.push(`-H ${shellQuote(`${name}: ${value}`)}`);

@@ -30,6 +30,7 @@ export class ItemsScreen {
         this.search = this.form.elements.q;
         this.pauseButton = this.form.elements.pause;
         this.harButton = this.form.elements.har;
+        this.clearButton = panel.querySelector('button[name="clear"]');
         this.countLabel = panel.querySelector('[data-ref="count"]');
         this.pendingLabel = panel.querySelector('[data-ref="pending"]');
         this.list = panel.querySelector(".list");
@@ -74,7 +75,7 @@ export class ItemsScreen {
         });
         this.pauseButton.addEventListener("click", () => this.togglePause());
         this.harButton.addEventListener("click", () => this.exportHar());
-        this.form.elements.clear.addEventListener("click", () => this.deleteItems());
+        this.clearButton.addEventListener("click", () => this.deleteItems());
     }
 
     togglePause() {
@@ -266,6 +267,8 @@ export class ItemsScreen {
         if (!confirm(`Delete all ${device?.itemCount ?? ""} items of ${device?.name ?? deviceId} from the service?`)) return;
         try {
             const answer = await this.state.api.delete(`${this.state.api.devicePath(deviceId)}/items`);
+            // The push channel says the same; whichever comes first removes the rows.
+            this.state.onItemsDeleted({ deviceId, throughSeq: answer.throughSeq });
             this.state.notice(`Deleted ${answer.deleted} items.`);
         } catch (e) {
             this.state.notice(`The items could not be deleted: ${e.message}`, "error");

@@ -8,7 +8,7 @@
 //   "item"        any item arrived or changed, listed or not (detail.row)
 //   "steering"    a device's mock rules or breakpoint switch changed (detail.deviceId)
 //   "command"     a command was queued, delivered or failed (detail.command)
-//   "notice"      something the person should read (detail.text, detail.level)
+//   "notice"      something the person should read (detail.text, detail.level, detail.key)
 //
 // The list holds the selected device's items that pass the filters, as far as they have been
 // loaded, in ascending `seq` order, so that the newest item (the common case, at up to thousands a
@@ -71,8 +71,9 @@ export class DashboardState extends EventTarget {
         this.dispatchEvent(new CustomEvent(type, { detail }));
     }
 
-    notice(text, level = "info") {
-        this.emit("notice", { text, level });
+    // `key` names a notice that a later one replaces rather than joins.
+    notice(text, level = "info", key = null) {
+        this.emit("notice", { text, level, key });
     }
 
     // ---- the list -------------------------------------------------------------------------
@@ -80,6 +81,9 @@ export class DashboardState extends EventTarget {
     resetList() {
         this.rows = [];
         this.byKey = new Map();
+        // Revisions pushed while a page was being read: a page can be older than a push that
+        // overtook it, also for a row the push removed (it no longer passes the filters).
+        this.pushedDuringLoad = new Map();
         this.nextCursor = null;
         this.loading = null;
         this.listError = null;
@@ -143,7 +147,11 @@ export class DashboardState extends EventTarget {
 
     mergePage(items) {
         let changed = 0;
-        for (const row of items) if (this.upsert(row)) changed += 1;
+        for (const row of items) {
+            if ((this.pushedDuringLoad.get(itemKey(row)) ?? -1) > row.revision) continue;
+            if (this.upsert(row)) changed += 1;
+        }
+        this.pushedDuringLoad.clear();
         return changed;
     }
 
@@ -320,7 +328,9 @@ export class DashboardState extends EventTarget {
     ignore(what) {
         this.ignored += 1;
         console.warn(`Kestro dashboard: ignored ${what} from the push channel`);
-        this.notice(`The push channel sent ${what}, which this page does not understand; it was ignored.`, "warn");
+        const count = this.ignored === 1 ? "a message" : `${this.ignored} messages`;
+        this.notice(`Ignored ${count} from the push channel that this page does not understand; the latest: ${what}.`,
+            "warn", "ignored");
     }
 
     onSnapshot(message) {
@@ -394,6 +404,7 @@ export class DashboardState extends EventTarget {
         }
         this.emit("item", { row, change: message.change });
         if (row.deviceId !== this.deviceId || this.listError) return;
+        if (this.loading) this.pushedDuringLoad.set(itemKey(row), row.revision);
         if (this.paused) {
             const key = itemKey(row);
             // A row already shown changes in place; only new rows wait for "Resume".

@@ -69,20 +69,26 @@ export class SteeringScreen {
         const deviceId = this.state.deviceId;
         this.waiting.clear();
         if (!deviceId) return this.renderWaiting();
+        // Pushes that overtake the answer know better than it.
+        this.pushed = new Map();
         try {
             const page = await this.state.api.items(deviceId,
                 { kind: ["networkRequest"], level: [], method: [], status: ["waiting"], q: "" }, { limit: 100 });
             if (deviceId !== this.state.deviceId) return;
-            for (const row of page.items) this.waiting.set(itemKey(row), row);
+            for (const row of page.items) {
+                if ((this.pushed.get(itemKey(row)) ?? -1) < row.revision) this.waiting.set(itemKey(row), row);
+            }
         } catch {
             // The list of waiting requests is a convenience; the item list shows them too.
         }
+        this.pushed = null;
         this.renderWaiting();
     }
 
     noteItem(row) {
         if (row.deviceId !== this.state.deviceId || row.kind !== "networkRequest") return;
         const key = itemKey(row);
+        this.pushed?.set(key, row.revision);
         const had = this.waiting.has(key);
         if (row.waiting) this.waiting.set(key, row); else this.waiting.delete(key);
         if (had || row.waiting) this.renderWaiting();
@@ -349,7 +355,8 @@ export class RuleDialog {
 function readRule(form) {
     const url = form.elements.url.value.trim();
     if (!url) throw new Error("A rule needs a URL pattern.");
-    const rule = { url, mockedUrl: null, statusCode: null, headers: null, body: null };
+    // Fields left empty are not set (and not sent).
+    const rule = { url };
     const status = form.elements.statusCode.value.trim();
     if (status) {
         const code = Number(status);
