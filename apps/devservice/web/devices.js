@@ -1,6 +1,6 @@
 // The devices: the list at the side (name, online state, last seen) and the heading of the
-// selected one (model, system, SDK version, key). Renders at most once a frame however many
-// items arrive, and refreshes the "last seen" texts once a second.
+// selected one (model, system, SDK version, key). Renders at most once a frame, and once a second
+// for what items change (counts, "last seen").
 
 import { ago, clock, el, fromTemplate } from "./format.js";
 
@@ -19,7 +19,11 @@ export class DevicesScreen {
             const row = e.target.closest(".device-row");
             if (row) state.selectDevice(row.dataset.id);
         });
-        state.addEventListener("devices", () => this.schedule());
+        // Item counts and "last seen" change with every item; they are brought up to date with
+        // the clock once a second rather than with each of a thousand items a second.
+        state.addEventListener("devices", (e) => {
+            if (!e.detail.quiet) this.schedule();
+        });
         setInterval(() => this.schedule(), 1000);
     }
 

@@ -23,7 +23,7 @@ export class ItemsScreen {
         this.selectedKey = null;
         this.anchor = null;
         this.frame = 0;
-        this.pool = [];
+        this.shown = new Map();  // item key → the row element showing it
 
         panel.append(fromTemplate("items-screen"));
         this.form = panel.querySelector(".filters");
@@ -118,33 +118,54 @@ export class ItemsScreen {
         const height = this.list.clientHeight || 600;
         const first = Math.max(0, Math.floor(top / ROW_HEIGHT) - OVERSCAN);
         const last = Math.min(n, Math.ceil((top + height) / ROW_HEIGHT) + OVERSCAN);
-        while (this.pool.length < last - first) {
-            const row = fromTemplate("item-row");
-            this.rowsBox.append(row);
-            this.pool.push(row);
+        // An element keeps the item it shows while that item stays in view; only items that
+        // came into view are written, the others just move.
+        const wanted = new Map();
+        for (let index = first; index < last; index++) {
+            const row = state.rowAt(index);
+            wanted.set(`${row.deviceId}\n${row.id}`, index);
         }
-        for (let i = 0; i < this.pool.length; i++) {
-            const element = this.pool[i];
-            const index = first + i;
-            if (index >= last) {
-                element.hidden = true;
-                element.dataset.key = "";
-                continue;
+        const free = [];
+        for (const [key, element] of this.shown) {
+            if (!wanted.has(key)) {
+                free.push(element);
+                this.shown.delete(key);
             }
-            element.hidden = false;
-            this.fill(element, state.rowAt(index), index);
+        }
+        for (const [key, index] of wanted) {
+            let element = this.shown.get(key);
+            if (!element) {
+                element = free.pop();
+                if (!element) {
+                    element = fromTemplate("item-row");
+                    this.rowsBox.append(element);
+                }
+                element.hidden = false;
+                this.shown.set(key, element);
+            }
+            this.fill(element, state.rowAt(index), index, key);
+        }
+        for (const element of free) {
+            element.hidden = true;
+            element._row = null;
+            element.dataset.key = "";
         }
         this.updateLabels();
         if (last > n - 100 && state.nextCursor !== null) state.loadMore();
     }
 
-    fill(element, row, index) {
-        element.style.transform = `translateY(${index * ROW_HEIGHT}px)`;
-        element.setAttribute("aria-rowindex", String(index + 1));
-        const key = `${row.deviceId}\n${row.id}`;
+    fill(element, row, index, key) {
+        if (element._index !== index) {
+            element._index = index;
+            element.style.transform = `translateY(${index * ROW_HEIGHT}px)`;
+            element.setAttribute("aria-rowindex", String(index + 1));
+        }
         const selected = key === this.selectedKey;
-        element.classList.toggle("selected", selected);
-        element.setAttribute("aria-selected", String(selected));
+        if (element._selected !== selected) {
+            element._selected = selected;
+            element.classList.toggle("selected", selected);
+            element.setAttribute("aria-selected", String(selected));
+        }
         if (element._row === row) return;
         element._row = row;
         element.dataset.key = key;
