@@ -5,7 +5,7 @@
 import assert from "node:assert/strict";
 import { after, before, test } from "node:test";
 import {
-    assertNoErrors, Demo, exchangeRecord, launchBrowser, logRecord, openPage, row,
+    assertNoErrors, Demo, exchangeRecord, launchBrowser, logRecord, openItem, openPage, row,
     screenshot, Service,
 } from "./harness.js";
 
@@ -203,5 +203,10 @@ test("the keyboard moves, opens and closes; details show each kind", async () =>
     await screenshot(page, "detail-event");
     await page.getByRole("button", { name: "Resume" }).click();
     await page.locator('[data-filter="kind"]').getByText("Events").click();
+
+    // The whole screen as a person first sees it: every kind, one exchange open.
+    await openItem(page, "/sample/users/");
+    await page.locator(".detail .json").first().waitFor();
+    await screenshot(page, "dashboard");
     assertNoErrors(page);
 });

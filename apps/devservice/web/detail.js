@@ -203,15 +203,15 @@ export class DetailScreen {
         const which = isResponse ? "response" : "request";
         const cut = item._cut?.[which] ?? { length: text.length, size: text.length, shown: text.length };
         const { encoding, contentType } = bodyEncoding(half, isResponse);
+        if (!cut.length) {
+            parent.append(el("p", "no-body", "No body"));
+            return;
+        }
         const view = fromTemplate("body-view");
         const kind = view.querySelector(".body-kind");
         const content = view.querySelector(".body-content");
-        view.querySelector(".body-size").textContent = cut.length ? size(cut.size) : "";
+        view.querySelector(".body-size").textContent = size(cut.size);
         parent.append(view);
-        if (!cut.length) {
-            kind.textContent = "No body";
-            return;
-        }
         const whole = cut.shown >= cut.length;
         const more = async (limit) => {
             const full = await this.reload(item, limit);
