@@ -28,8 +28,11 @@ using tcp = net::ip::tcp;
 namespace {
 constexpr auto kDeadline = std::chrono::seconds(5);
 
-tcp::socket connectLoopback(net::io_context& ioc, std::uint16_t port) {
+tcp::socket connectLoopback(net::io_context& ioc, std::uint16_t port, int receiveBuffer = 0) {
     tcp::socket socket(ioc);
+    socket.open(tcp::v4());
+    // Set before connecting, so that the window offered to the server is small from the start.
+    if (receiveBuffer > 0) socket.set_option(net::socket_base::receive_buffer_size(receiveBuffer));
     socket.connect(tcp::endpoint(net::ip::address_v4::loopback(), port));
     setTimeouts(socket, kDeadline);
     return socket;
@@ -122,7 +125,7 @@ std::string rawExchange(std::uint16_t port, const std::string& bytes, bool close
 bool WsClient::connect(std::uint16_t port, const std::string& target, unsigned* status,
                        const std::map<std::string, std::string>& headers) {
     if (status) *status = 0;
-    ws_.emplace(connectLoopback(ioc_, port));
+    ws_.emplace(connectLoopback(ioc_, port, receiveBuffer_));
     ws_->control_callback([this](websocket::frame_type kind, beast::string_view) {
         if (kind == websocket::frame_type::pong) ++pongs_;
     });

@@ -61,6 +61,9 @@ class WsClient {
     /// otherwise).
     bool connect(std::uint16_t port, const std::string& target, unsigned* status = nullptr,
                  const std::map<std::string, std::string>& headers = {});
+    /// A small receive buffer for the next connect: a client that reads slowly then pushes
+    /// back on the server at once.
+    void setReceiveBuffer(int bytes) { receiveBuffer_ = bytes; }
     /// The handshake's answer.
     const boost::beast::websocket::response_type& response() const { return response_; }
     /// Reads one message; nothing when the connection closed or the deadline passed.
@@ -80,6 +83,7 @@ class WsClient {
     std::optional<boost::beast::websocket::stream<boost::asio::ip::tcp::socket>> ws_;
     boost::beast::flat_buffer buffer_;
     boost::beast::websocket::response_type response_;
+    int receiveBuffer_ = 0;
     int pongs_ = 0;
 };
 
