@@ -24,6 +24,10 @@ struct DevServiceOptions {
     std::size_t maxBodyBytes = 10 * 1024 * 1024;
     /// Threads running the network loop.
     unsigned threads = 2;
+    /// What may wait to be written to one page of the push channel before it counts as fallen
+    /// behind (see README.md, "A slow page").
+    std::size_t liveQueueMessages = 2048;
+    std::size_t liveQueueBytes = 8 * 1024 * 1024;
     /// Upper bound of GET /sample/slow?ms=.
     unsigned maxSlowMs = 10000;
     /// Whether each request is written to the console as one line.

@@ -35,11 +35,12 @@ constexpr std::size_t kMaxQueuedFrames = 1024;
 constexpr std::size_t kMaxQueuedBytes = 16 * 1024 * 1024;
 constexpr std::size_t kMaxDeviceFrameBytes = 1024 * 1024;
 
-// What may wait for one page (see README.md, "A slow page"), the largest frame the service
-// builds from waiting messages, and the largest frame a page may send.
-constexpr std::size_t kMaxLiveMessages = 2048;
-constexpr std::size_t kMaxLiveBytes = 8 * 1024 * 1024;
+// The largest frame the service builds from a page's waiting messages, and the largest frame a
+// page may send.
 constexpr std::size_t kLiveFrameBytes = 256 * 1024;
+// The kernel's send buffer of a page's socket: left to itself it grows to megabytes per page
+// behind the service's own bound.
+constexpr int kLiveSocketBuffer = 128 * 1024;
 constexpr std::size_t kMaxPageFrameBytes = 4096;
 constexpr std::uint16_t kTooSlow = 4000;
 
@@ -260,6 +261,9 @@ class LiveSession : public LiveSubscriber,
     void run(Request request) {
         request_ = std::move(request);
         beast::get_lowest_layer(ws_).expires_never();
+        beast::error_code ignored;
+        beast::get_lowest_layer(ws_).socket().set_option(
+            net::socket_base::send_buffer_size(kLiveSocketBuffer), ignored);
         websocket::stream_base::timeout timeouts{};
         timeouts.handshake_timeout = std::chrono::seconds(30);
         timeouts.idle_timeout = std::chrono::seconds(60);
@@ -279,7 +283,9 @@ class LiveSession : public LiveSubscriber,
         {
             std::lock_guard lock(mutex_);
             if (closing_ || awaitingSnapshot_) return;
-            if (queue_.size() >= kMaxLiveMessages || bytes_ + message->size() > kMaxLiveBytes) {
+            const auto& o = core_.context->options;
+            if (queue_.size() >= o.liveQueueMessages ||
+                bytes_ + message->size() > o.liveQueueBytes) {
                 return overflowLocked();
             }
             queue_.push_back(message);
