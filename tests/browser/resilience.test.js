@@ -5,7 +5,7 @@
 import assert from "node:assert/strict";
 import { after, before, test } from "node:test";
 import {
-    assertNoErrors, exchangeRecord, launchBrowser, logRecord, openPage, row, screenshot, Service,
+    assertNoErrors, DEVICE, exchangeRecord, launchBrowser, logRecord, openPage, row, screenshot, Service,
 } from "./harness.js";
 
 let service;
@@ -106,6 +106,34 @@ test("an item with a 50 MB body opens without stalling the page", async () => {
     // The list stays live meanwhile.
     await service.upload(key, logRecord("after the huge one"));
     await row(page, "after the huge one").waitFor();
+    assertNoErrors(page);
+    await page.context().close();
+});
+
+test("a list longer than a page loads older items as it scrolls, drawing only what is in view", async () => {
+    const device = { ...DEVICE, id: "10A60000-0000-4000-8000-000000001300", name: "Long list" };
+    let next = 0;
+    await Promise.all(Array.from({ length: 8 }, async () => {
+        while (next < 1300) {
+            const i = next++;
+            await service.upload(key, logRecord(`long ${i} end`, { device }));
+        }
+    }));
+    const page = await openPage(browser, service.dashboard);
+    await page.locator(".device-row", { hasText: "Long list" }).click();
+    await page.locator('[data-ref="count"]', { hasText: "500 items loaded" }).waitFor();
+    const list = page.locator(".list");
+    await list.hover();
+    // Down to the oldest item: each step scrolls to the end of what is loaded.
+    const oldest = page.locator(".list-rows .row:not([hidden])", { hasText: "long 0 end" });
+    for (let step = 0; step < 40 && !(await oldest.count()); step++) {
+        await list.evaluate((e) => { e.scrollTop = e.scrollHeight; });
+        await page.mouse.wheel(0, 400);
+    }
+    await oldest.waitFor();
+    await page.locator('[data-ref="count"]', { hasText: /^1,300 items$/ }).waitFor();
+    assert.ok(await page.locator(".list-rows .row").count() < 100);
+    await screenshot(page, "long-list-end");
     assertNoErrors(page);
     await page.context().close();
 });

@@ -114,8 +114,9 @@ export class DashboardState extends EventTarget {
     }
 
     // Adds or replaces one row; removes it when it no longer passes the filters. Answers what
-    // happened: "added", "changed", "removed" or null.
-    upsert(row) {
+    // happened: "added", "changed", "removed" or null. A row older than what is loaded is left
+    // for paging to bring, unless it comes with a page (`paged`).
+    upsert(row, paged = false) {
         const key = itemKey(row);
         const held = this.byKey.get(key);
         if (held && held.revision > row.revision) return null;
@@ -133,7 +134,7 @@ export class DashboardState extends EventTarget {
         }
         if (!pass) return null;
         // Below what is loaded: paging brings it when the person scrolls that far.
-        if (this.nextCursor !== null && this.rows.length && row.seq < this.rows[0].seq) return null;
+        if (!paged && this.nextCursor !== null && this.rows.length && row.seq < this.rows[0].seq) return null;
         const device = this.devices.get(row.deviceId);
         if (device && row.seq <= (device.itemsDeletedThroughSeq ?? 0)) return null;
         if (!this.rows.length || row.seq > this.rows[this.rows.length - 1].seq) {
@@ -145,11 +146,11 @@ export class DashboardState extends EventTarget {
         return "added";
     }
 
-    mergePage(items) {
+    mergePage(items, paged) {
         let changed = 0;
         for (const row of items) {
             if ((this.pushedDuringLoad.get(itemKey(row)) ?? -1) > row.revision) continue;
-            if (this.upsert(row)) changed += 1;
+            if (this.upsert(row, paged)) changed += 1;
         }
         this.pushedDuringLoad.clear();
         return changed;
@@ -167,7 +168,7 @@ export class DashboardState extends EventTarget {
             if (generation !== this.generation) return;
             this.nextCursor = page.nextCursor ?? null;
             this.noteRevision(page.revision);
-            this.mergePage(page.items);
+            this.mergePage(page.items, true);
         } catch (e) {
             if (generation !== this.generation) return;
             this.listError = e.message;
@@ -184,7 +185,7 @@ export class DashboardState extends EventTarget {
             const page = await this.api.items(this.deviceId, this.filters, { before: this.nextCursor });
             if (generation !== this.generation) return;
             this.nextCursor = page.nextCursor ?? null;
-            this.mergePage(page.items);
+            this.mergePage(page.items, true);
         } catch (e) {
             if (generation !== this.generation) return;
             this.notice(`More items could not be loaded: ${e.message}`, "error");
@@ -212,7 +213,7 @@ export class DashboardState extends EventTarget {
             if (this.paused) {
                 for (const row of page.items) this.hold(row);
             } else {
-                this.mergePage(page.items);
+                this.mergePage(page.items, false);
             }
             this.emit("list", {});
         } catch (e) {
