@@ -24,6 +24,7 @@ export class ItemsScreen {
         this.anchor = null;
         this.frame = 0;
         this.shown = new Map();  // item key → the row element showing it
+        this.spare = [];  // row elements showing nothing, hidden
 
         panel.append(fromTemplate("items-screen"));
         this.form = panel.querySelector(".filters");
@@ -125,7 +126,7 @@ export class ItemsScreen {
             const row = state.rowAt(index);
             wanted.set(`${row.deviceId}\n${row.id}`, index);
         }
-        const free = [];
+        const free = this.spare;
         for (const [key, element] of this.shown) {
             if (!wanted.has(key)) {
                 free.push(element);
@@ -146,6 +147,7 @@ export class ItemsScreen {
             this.fill(element, state.rowAt(index), index, key);
         }
         for (const element of free) {
+            if (element.hidden) continue;
             element.hidden = true;
             element._row = null;
             element.dataset.key = "";
