@@ -10,8 +10,10 @@
 // (performance.timeOrigin + performance.now() in node and in the page: the system's wall clock
 // at sub-millisecond resolution), so their difference is upload → push → state → row on screen.
 // The view is made tall enough for about 90 rows; a row that the list never drew (because more
-// rows arrived between two frames than the view holds) is counted apart. Prints p50, p99 and the largest delay of each run and their spread, and, as
-// the baseline of the same run, the delay from an upload to the service's answer to it.
+// rows arrived between two frames than the view holds) is counted apart. Prints p50, p99 and
+// the largest delay of each run and their spread; as the baseline of the same run, the delay
+// from an upload to the service's answer to it; and the delay from that answer to the row (the
+// push channel and the page alone).
 //
 // Needs the browser tests' npm packages (scripts/setup.sh installs them).
 
@@ -115,18 +117,21 @@ async function run(service, key, page, tag) {
     const seen = new Map(await page.evaluate(() => [...window.seen]));
     const delays = [];
     const answers = [];
+    const afterAnswer = [];
     for (let i = WARMUP; i < count; i++) {
         answers.push(answered[i] - sent[i]);
         const t = seen.get(String(i));
-        if (t !== undefined) delays.push(t - sent[i]);
+        if (t === undefined) continue;
+        delays.push(t - sent[i]);
+        afterAnswer.push(t - answered[i]);
     }
-    delays.sort((a, b) => a - b);
-    answers.sort((a, b) => a - b);
+    for (const list of [delays, answers, afterAnswer]) list.sort((a, b) => a - b);
     return {
         p50: percentile(delays, 50), p99: percentile(delays, 99), max: delays[delays.length - 1],
         missed: count - WARMUP - delays.length, measured: delays.length,
         answerP50: percentile(answers, 50), answerP99: percentile(answers, 99), rate: (count * 1000) / span,
         fps: (frames * 1000) / span,
+        afterP50: percentile(afterAnswer, 50), afterP99: percentile(afterAnswer, 99),
     };
 }
 
@@ -150,7 +155,9 @@ try {
         const result = await run(service, key, page, `R${r}`);
         results.push(result);
         console.log(`run ${r + 1}: row p50 ${result.p50.toFixed(1)} ms  p99 ${result.p99.toFixed(1)} ms  max ${result.max.toFixed(1)} ms  (${result.measured} rows, ${result.missed} not drawn)`
-            + ` | upload answered p50 ${result.answerP50.toFixed(1)} ms  p99 ${result.answerP99.toFixed(1)} ms | sent at ${result.rate.toFixed(0)}/s, page at ${result.fps.toFixed(0)} frames/s`);
+            + ` | answered p50 ${result.answerP50.toFixed(1)} ms  p99 ${result.answerP99.toFixed(1)} ms`
+            + ` | row after answer p50 ${result.afterP50.toFixed(1)} ms  p99 ${result.afterP99.toFixed(1)} ms`
+            + ` | sent at ${result.rate.toFixed(0)}/s, page at ${result.fps.toFixed(0)} frames/s`);
     }
     const span = (key) => `${Math.min(...results.map((x) => x[key])).toFixed(1)}–${Math.max(...results.map((x) => x[key])).toFixed(1)} ms`;
     console.log(`p50 ${span("p50")}, p99 ${span("p99")} over ${RUNS} runs`);
