@@ -8,8 +8,11 @@ import { curlCommand } from "./export.js";
 import { JsonTree } from "./json_tree.js";
 import { dateTime, duration, el, fromTemplate, size } from "./format.js";
 
+// Texts are read up to 1 Mi characters (so that a JSON body up to that size becomes a tree) and
+// shown from their first 64 Ki characters: laying out a megabyte of wrapped text takes the page's
+// thread for about a second on a busy machine.
 const FIRST_LIMIT = 1 << 20;
-const TREE_LIMIT = 4 << 20;
+const TEXT_FIRST = 1 << 16;
 
 export class DetailScreen {
     constructor(article, state, loader, { onClose, onMock }) {
@@ -236,7 +239,7 @@ export class DetailScreen {
             return;
         }
         kind.textContent = contentType || "text";
-        if (whole && text.length <= TREE_LIMIT && looksLikeJSON(text, contentType)) {
+        if (whole && looksLikeJSON(text, contentType)) {
             try {
                 const value = JSON.parse(text);
                 if (value !== null && typeof value === "object") {
@@ -269,16 +272,18 @@ export class DetailScreen {
         parent.prepend(img);
     }
 
-    // A long text shown from its start, with a button that shows four times as much each time.
+    // A long text shown from its start, with a button that shows four times as much each time;
+    // what was not read yet is asked of the item worker.
     cutText(parent, text, cut, more, className = "") {
-        const pre = el("pre", `text ${className}`, text);
+        let shown = Math.min(text.length, TEXT_FIRST);
+        const pre = el("pre", `text ${className}`, text.slice(0, shown));
         parent.append(pre);
-        if (cut.shown >= cut.length) return;
+        if (shown >= cut.length) return;
         const note = el("p", "cut-note");
         const label = el("span");
         const button = el("button", "", "Show more");
         button.type = "button";
-        let shown = cut.shown;
+        let have = text;
         const update = () => {
             label.textContent = `Showing the first ${shown.toLocaleString("en")} of ${cut.length.toLocaleString("en")} characters. `;
             if (shown >= cut.length) button.remove();
@@ -286,9 +291,9 @@ export class DetailScreen {
         button.addEventListener("click", async () => {
             button.disabled = true;
             const limit = Math.min(cut.length, shown * 4);
-            const longer = await more(limit);
-            shown = Math.min(limit, longer.length);
-            pre.textContent = longer.slice(0, shown);
+            if (limit > have.length) have = await more(limit);
+            shown = Math.min(limit, have.length);
+            pre.textContent = have.slice(0, shown);
             button.disabled = false;
             update();
         });
