@@ -159,7 +159,10 @@ Reply ApiRouter::rules(const Request& request, const std::string& deviceId) cons
             case RuleChange::Outcome::ok:
                 break;
             case RuleChange::Outcome::notFound:
-                return error(404, "device " + deviceId + " has no rule " + seg.back(), v);
+                return error(404,
+                             "device " + deviceId + " has no rule " +
+                                 (seg.size() > 4 ? seg[4] : std::string()),
+                             v);
             case RuleChange::Outcome::conflict:
                 return error(409, "device " + deviceId + " already has a rule for that url", v);
             case RuleChange::Outcome::failed:

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl.hpp>
@@ -38,6 +39,9 @@ constexpr std::size_t kMaxDeviceFrameBytes = 1024 * 1024;
 // The largest frame the service builds from a page's waiting messages, and the largest frame a
 // page may send.
 constexpr std::size_t kLiveFrameBytes = 256 * 1024;
+// A page's first message after a quiet spell waits this long for others to share its frame:
+// under a stream of uploads each page then takes tens of messages per write, not one.
+constexpr auto kLiveFlushDelay = std::chrono::milliseconds(5);
 // The kernel's send buffer of a page's socket: left to itself it grows to megabytes per page
 // behind the service's own bound.
 constexpr int kLiveSocketBuffer = 128 * 1024;
@@ -256,7 +260,8 @@ template <class Stream>
 class LiveSession : public LiveSubscriber,
                     public std::enable_shared_from_this<LiveSession<Stream>> {
   public:
-    LiveSession(Stream&& stream, ServiceCore& core) : ws_(std::move(stream)), core_(core) {}
+    LiveSession(Stream&& stream, ServiceCore& core)
+        : ws_(std::move(stream)), core_(core), flushTimer_(ws_.get_executor()) {}
 
     void run(Request request) {
         request_ = std::move(request);
@@ -293,8 +298,14 @@ class LiveSession : public LiveSubscriber,
             start = !writing_;
             writing_ = writing_ || start;
         }
-        if (start)
-            net::post(ws_.get_executor(), [self = this->shared_from_this()] { self->writeNext(); });
+        if (start) {
+            net::post(ws_.get_executor(), [self = this->shared_from_this()] {
+                self->flushTimer_.expires_after(kLiveFlushDelay);
+                self->flushTimer_.async_wait([self](beast::error_code ec) {
+                    if (!ec) self->writeNext();
+                });
+            });
+        }
     }
 
     void close(std::uint16_t code, const std::string& reason) override {
@@ -448,6 +459,7 @@ class LiveSession : public LiveSubscriber,
 
     websocket::stream<Stream> ws_;
     ServiceCore& core_;
+    net::steady_timer flushTimer_;
     Request request_;
     beast::flat_buffer buffer_;
     std::string frame_;  // the frame being written; strand only

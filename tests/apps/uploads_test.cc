@@ -224,6 +224,24 @@ TEST_F(UploadsTest, BodiesAboveTheLimitGet413AndTheServiceKeepsServing) {
     EXPECT_EQ(get("/api/items").json().at("items").as_array().size(), 1u);
 }
 
+TEST_F(UploadsTest, AFiftyMegabyteItemIsRefusedAndNothingStoredIsLost) {
+    ASSERT_EQ(put("/v1/requests", requestHalf("R-1", "DEV-1")).status, 200u);
+    auto huge = responseHalf("R-1", "DEV-1");
+    huge["details"].as_object()["response"].as_object()["body"] = std::string(50 << 20, 'z');
+    const auto refused = put("/v1/requests", huge);
+    EXPECT_EQ(refused.status, 413u);
+    // Nesting deeper than the parser takes is a clear error too.
+    const auto deep =
+        upload(port_, "/v1/requests", std::string(100000, '[') + std::string(100000, ']'), key_);
+    EXPECT_EQ(deep.status, 400u);
+    EXPECT_TRUE(deep.json().at("error").is_string());
+
+    const auto item = get("/api/devices/DEV-1/items/R-1").json();
+    EXPECT_EQ(item.at("waiting"), true);
+    EXPECT_EQ(item.at("uploadCount"), 1);
+    EXPECT_EQ(get("/api/health").json().at("items"), 1);
+}
+
 TEST_F(UploadsTest, BrokenAndAbandonedRequestsLeaveTheServiceServing) {
     // A client that promises a body and leaves half-way through it.
     rawExchange(port_,
