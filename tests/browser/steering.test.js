@@ -5,7 +5,7 @@
 
 import assert from "node:assert/strict";
 import { after, before, test } from "node:test";
-import { assertNoErrors, Demo, launchBrowser, openPage, row, screenshot, Service, waitFor } from "./harness.js";
+import { assertNoErrors, Demo, launchBrowser, openPage, row, screenshot, search, Service, waitFor } from "./harness.js";
 
 let service;
 let demo;
@@ -33,7 +33,7 @@ const steeringTab = () => page.getByRole("tab", { name: "Steering" }).click();
 const itemsTab = () => page.getByRole("tab", { name: "Items" }).click();
 
 test("a mock made from a captured exchange answers the demo's next matching request", async () => {
-    await page.locator('input[name="q"]').fill("/sample/users");
+    await search(page, "/sample/users");
     await page.locator('select[name="status"]').selectOption("2xx");
     // The list of users (not one user): the demo asks for it every round. Paused, so that the
     // rows stay where they are while the pointer moves to one.
@@ -116,6 +116,11 @@ test("a ping arrives as an event; opening the inspector reaches the device", asy
     await page.locator('[data-for="send_ping"]', { hasText: "Delivered to the device" }).waitFor();
     await page.getByRole("button", { name: "Open inspector" }).click();
     await page.locator('[data-for="open_kestro_sheet"]', { hasText: "Delivered to the device" }).waitFor();
+    // Shown as delivered (in green) also when the push channel told it before the answer came.
+    for (const action of ["send_ping", "open_kestro_sheet"]) {
+        const color = await page.locator(`[data-for="${action}"]`).evaluate((e) => getComputedStyle(e).color);
+        assert.equal(color, "rgb(27, 138, 74)", action);
+    }
     await waitFor("the demo to be asked to open its inspector", () => /asked to open the inspector/.test(demo.output));
     assert.ok(await page.locator(".commands tbody tr", { hasText: "send_ping" }).count() >= 1);
     await screenshot(page, "steering-actions");

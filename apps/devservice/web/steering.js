@@ -156,8 +156,12 @@ export class SteeringScreen {
             this.slots.delete(slotName);
         }
         const slot = this.panel.querySelector(`.command-state[data-for="${CSS.escape(slotName)}"]`);
-        if (slot) slot.textContent = command ? commandText(this.state.commands.get(command.id) ?? command) : noteIfNone ?? "";
-        if (slot) slot.dataset.status = command?.status ?? "";
+        // The push channel may have told the command's fate before the answer that queued it.
+        const latest = command ? this.state.commands.get(command.id) ?? command : null;
+        if (slot) {
+            slot.textContent = latest ? commandText(latest) : noteIfNone ?? "";
+            slot.dataset.status = latest?.status ?? "";
+        }
         this.renderCommands();
     }
 
