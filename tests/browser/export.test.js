@@ -10,7 +10,7 @@ import { createRequire } from "node:module";
 import { after, before, test } from "node:test";
 import Ajv from "ajv";
 import addFormats from "ajv-formats";
-import { ARTIFACTS, assertNoErrors, Demo, exchangeRecord, launchBrowser, openItem, openPage, row, screenshot, Service } from "./harness.js";
+import { ARTIFACTS, assertNoErrors, Demo, exchangeRecord, launchBrowser, openItem, openPage, row, screenshot, search, Service } from "./harness.js";
 
 const require = createRequire(import.meta.url);
 
@@ -95,9 +95,7 @@ test("the HAR export of the exchanges in view is valid HAR 1.2 and holds them", 
 });
 
 test("copy as cURL gives a command that repeats the request", async () => {
-    await page.locator('input[name="q"]').fill("/sample/echo");
-    await page.waitForFunction(() => [...document.querySelectorAll(".list-rows .row:not([hidden]) .c-text")]
-        .every((c) => c.textContent.includes("/sample/echo")));
+    await search(page, "/sample/echo");
     await openItem(page, "/sample/echo");
     await page.getByRole("button", { name: "Copy as cURL" }).click();
     await page.locator(".notice", { hasText: "Copied the request as a cURL command" }).waitFor();
@@ -116,7 +114,7 @@ test("copy as cURL gives a command that repeats the request", async () => {
     odd.details.request.headers["X-Note"] = "it's \"quoted\" $HOME";
     odd.details.request.body = "a'b";
     await service.upload(key, odd);
-    await page.locator('input[name="q"]').fill("it's");
+    await search(page, "it's");
     await openItem(page, "it's");
     await page.locator(".detail-title", { hasText: "PUT" }).waitFor();
     await page.locator("details.curl summary").click();

@@ -56,6 +56,16 @@ export async function waitFor(what, check, { ms = 10_000, everyMs = 25 } = {}) {
     }
 }
 
+// Children still running when this process ends (a test that failed before its clean-up, or a
+// runner that stopped it) are ended with it rather than left on their ports.
+const running = new Set();
+process.on("exit", () => {
+    for (const child of running) child.kill("SIGKILL");
+});
+for (const signal of ["SIGINT", "SIGTERM"]) {
+    process.on(signal, () => process.exit(1));
+}
+
 // A child process whose output is kept, so that a failing test can show it, and that can wait
 // for a line.
 class Child {
@@ -63,7 +73,11 @@ class Child {
         this.name = name;
         this.output = "";
         this.process = spawn(command, args, { env: { ...process.env, ...env }, stdio: ["ignore", "pipe", "pipe"] });
-        this.exited = new Promise((resolve) => this.process.on("exit", (code, signal) => resolve({ code, signal })));
+        running.add(this.process);
+        this.exited = new Promise((resolve) => this.process.on("exit", (code, signal) => {
+            running.delete(this.process);
+            resolve({ code, signal });
+        }));
         for (const stream of [this.process.stdout, this.process.stderr]) {
             stream.setEncoding("utf8");
             stream.on("data", (text) => {
@@ -259,4 +273,14 @@ export async function openItem(page, text) {
     await page.getByRole("button", { name: "Pause" }).click();
     await row(page, text).click();
     await page.getByRole("button", { name: "Resume" }).click();
+}
+
+// Types a search and waits until the list shows only rows that match it.
+export async function search(page, text) {
+    await page.locator('input[name="q"]').fill(text);
+    await page.waitForFunction((t) => {
+        const label = document.querySelector('[data-ref="count"]')?.textContent ?? "";
+        const cells = [...document.querySelectorAll(".list-rows .row:not([hidden]) .c-text")];
+        return !label.startsWith("Loading") && cells.every((c) => c.textContent.toLowerCase().includes(t.toLowerCase()));
+    }, text);
 }

@@ -5,7 +5,7 @@
 import assert from "node:assert/strict";
 import { after, before, test } from "node:test";
 import {
-    assertNoErrors, Demo, exchangeRecord, launchBrowser, logRecord, openItem, openPage, row,
+    assertNoErrors, Demo, exchangeRecord, launchBrowser, logRecord, openItem, openPage, row, search,
     screenshot, Service,
 } from "./harness.js";
 
@@ -162,7 +162,7 @@ test("the keyboard moves, opens and closes; details show each kind", async () =>
 
     // An exchange with a JSON body: the tree, searchable.
     await page.locator('[data-filter="kind"]').getByText("Exchanges").click();
-    await page.locator('input[name="q"]').fill("sample/echo");
+    await search(page, "sample/echo");
     await row(page, "/sample/echo").click();
     const tree = detail.locator(".json").last();
     await tree.waitFor();
@@ -173,7 +173,7 @@ test("the keyboard moves, opens and closes; details show each kind", async () =>
     await screenshot(page, "detail-exchange");
 
     // An image body is shown as an image.
-    await page.locator('input[name="q"]').fill("image.png");
+    await search(page, "image.png");
     await row(page, "/sample/image.png").click();
     const image = detail.locator("img.preview");
     await image.waitFor();
