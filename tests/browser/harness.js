@@ -21,8 +21,13 @@ const CHROMIUM = process.env.CHROMIUM ?? "/usr/bin/chromium";
 
 mkdirSync(ARTIFACTS, { recursive: true });
 
+// Temporary directories of this test process; removed when it ends.
+const tempDirs = [];
+
 export function tempDir(prefix) {
-    return mkdtempSync(path.join(os.tmpdir(), `kestro-${prefix}-`));
+    const dir = mkdtempSync(path.join(os.tmpdir(), `kestro-browser-${prefix}-`));
+    tempDirs.push(dir);
+    return dir;
 }
 
 export function freePort() {
@@ -61,6 +66,7 @@ export async function waitFor(what, check, { ms = 10_000, everyMs = 25 } = {}) {
 const running = new Set();
 process.on("exit", () => {
     for (const child of running) child.kill("SIGKILL");
+    for (const dir of tempDirs) rmSync(dir, { recursive: true, force: true });
 });
 for (const signal of ["SIGINT", "SIGTERM"]) {
     process.on(signal, () => process.exit(1));
@@ -191,7 +197,6 @@ export class Demo {
 
     async stop() {
         await this.child.stop();
-        rmSync(this.home, { recursive: true, force: true });
     }
 }
 
