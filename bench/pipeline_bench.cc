@@ -31,12 +31,12 @@ using namespace kestro;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kItemsPerIteration = 2000;
-constexpr const char* kKey = "kt-dev-bench";
-
 struct Environment {
     std::filesystem::path dir;
     std::unique_ptr<devservice::DevService> service;
     std::string endpoint;
+    std::string key;    // the service's first API key
+    std::string token;  // its dashboard token
 };
 
 Environment& environment() {
@@ -54,11 +54,13 @@ Environment& environment() {
             std::fprintf(stderr, "the development service did not start: %s\n", error.c_str());
             std::exit(1);
         }
+        e.key = *e.service->made().apiKey;
+        e.token = e.service->dashboardToken();
         const std::string host = "127.0.0.1:" + std::to_string(e.service->port());
         setenv("KESTRO_HOME", (e.dir / "sdk").c_str(), 1);
         setenv("KESTRO_DEV_HOST", host.c_str(), 1);
         e.endpoint = "http://" + host;
-        Kestro().initialize(kKey, KestroConfig(false, false, true, LogLevel::error, "dev"));
+        Kestro().initialize(e.key, KestroConfig(false, false, true, LogLevel::error, "dev"));
         return e;
     }();
     return env;
@@ -69,6 +71,7 @@ std::int64_t serviceItems() {
     static URLSession uncaptured;
     http::Options options;
     options.session = &uncaptured;
+    options.headers = {{"Authorization", "Bearer " + environment().token}};
     const auto r =
         http::getBlocking(environment().endpoint + "/api/health", std::chrono::seconds(5), options);
     const auto json = r.json();
@@ -123,7 +126,8 @@ void BM_SendToServerAlone(benchmark::State& state) {
     int n = 0;
     for (auto _ : state) {
         const std::int64_t target = serviceItems() + kItemsPerIteration;
-        for (int i = 0; i < kItemsPerIteration; ++i) sendToServer(url, eventBody(++n), kKey);
+        for (int i = 0; i < kItemsPerIteration; ++i)
+            sendToServer(url, eventBody(++n), environment().key);
         if (!waitForServiceItems(target)) state.SkipWithError("items did not all arrive");
     }
     state.SetItemsProcessed(state.iterations() * kItemsPerIteration);
@@ -165,9 +169,10 @@ int main(int argc, char** argv) {
     std::printf("ITEMS/S pipeline %.0f, upload alone %.0f\n",
                 tPipeline > 0 ? kItemsPerIteration / (tPipeline / 1e9) : 0.0,
                 tUpload > 0 ? kItemsPerIteration / (tUpload / 1e9) : 0.0);
-    std::printf("MEMORY after 100,000 captured items (%zu stored, all at the service): %.1f MiB RSS "
-                "growth (%.2f KiB each)\n",
-                stored, memoryMiB, memoryMiB * 1024.0 / 100000.0);
+    std::printf(
+        "MEMORY after 100,000 captured items (%zu stored, all at the service): %.1f MiB RSS "
+        "growth (%.2f KiB each)\n",
+        stored, memoryMiB, memoryMiB * 1024.0 / 100000.0);
     std::fflush(stdout);
     environment().service->stop();
     std::filesystem::remove_all(environment().dir);

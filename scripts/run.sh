@@ -34,6 +34,9 @@ else
     done
     echo "Development service on http://127.0.0.1:3007 (its log: $log)."
 fi
+# The demo uploads with a key of the service's own ("demo", made on the first run).
+key=$("$service" keys show demo 2>/dev/null || "$service" keys add demo)
+echo "Dashboard: $("$service" dashboard)"
 echo "Send the demo a command from another terminal:"
 echo "  $service send <device-id> enable_break_point | disable_break_point | send_ping | open_kestro_sheet"
 echo "  $service items    # what the service has received"
@@ -42,7 +45,7 @@ echo
 # Not exec: the trap above stops the service when the demo ends.
 if [ -n "$windowed" ]; then
     echo "Opening the windowed demo: Ctrl+Shift+K (or shaking the mouse) opens the inspector."
-    "$windowed" "$@"
+    KESTRO_API_KEY="$key" "$windowed" "$@"
 else
-    ./build/apps/demo/kestro-demo "$@"
+    KESTRO_API_KEY="$key" ./build/apps/demo/kestro-demo "$@"
 fi

@@ -9,9 +9,7 @@
 #include <string_view>
 #include <variant>
 
-#include "devservice/device_links.h"
-#include "devservice/options.h"
-#include "devservice/store.h"
+#include "devservice/context.h"
 
 namespace kestro::devservice {
 
@@ -27,52 +25,54 @@ struct Reply {
     std::string note;
 };
 
-/// A WebSocket link request that passed its checks.
+/// A device link request that passed its checks; the device is claimed for its key.
 struct LinkRequest {
     std::string deviceId;
-    std::string keyKind;
+    Writer writer;
 };
 
-/// The six actions a device understands.
-inline constexpr const char* kActions[] = {"enable_mock_request", "disable_mock_request",
-                                           "open_kestro_sheet",   "enable_break_point",
-                                           "disable_break_point", "send_ping"};
-
-/// Builds the text frame a device decodes: {"action": ..., "payload": text or null}.
-std::string commandFrame(std::string_view action, const std::optional<std::string>& payload);
-
-/// Every HTTP endpoint of the service: the SDK's uploads (/v1/...), the control API (/api/...)
-/// and the sample API (/sample/...). Stateless apart from the store and the link registry it
-/// is given, which outlive it; safe to call from several threads at once.
+/// Every HTTP endpoint of the service: the SDK's uploads (/v1/...), the dashboard API
+/// (/api/...), the sample API (/sample/...), and the checks of WebSocket upgrades. It holds no
+/// state of its own; safe to call from several threads at once.
 class ApiRouter {
   public:
-    ApiRouter(const DevServiceOptions& options, DevStore& store, DeviceLinks& links);
+    explicit ApiRouter(Context& context) : context_(context) {}
 
-    /// Answers one complete request.
+    /// Answers one complete request that is not a WebSocket upgrade.
     Reply route(const Request& request) const;
 
-    /// Checks a WebSocket upgrade request: "api-key" of the right form and a non-empty
-    /// "device-id" in its query. Gives the link's parameters, or the error reply to send.
+    /// A refusal for a request from another origin (a browser on another page), or nothing.
+    std::optional<Reply> checkOrigin(const Request& request) const;
+
+    /// Whether an upgrade request is for the push channel rather than a device link.
+    static bool isLiveChannel(const Request& request);
+    /// Checks an upgrade to the push channel: the token among the offered subprotocols.
+    std::optional<Reply> checkLive(const Request& request) const;
+    /// Checks a device link upgrade: a known "api-key" and a non-empty "device-id" of that key
+    /// in its query. Gives the link's parameters, or the error reply to send.
     std::variant<LinkRequest, Reply> checkLink(const Request& request) const;
 
     /// A JSON error reply: {"error": message}.
     static Reply error(unsigned status, std::string message, unsigned version = 11);
 
   private:
+    std::variant<Writer, Reply> checkKey(std::optional<std::string_view> key,
+                                         unsigned version) const;
+    std::optional<Reply> checkToken(const Request& request) const;
     Reply upload(const Request& request, bool device) const;
-    Reply control(const Request& request, std::string_view path) const;
-    Reply sample(const Request& request, std::string_view path) const;
+    Reply control(const Request& request) const;
+    Reply health(const Request& request) const;
+    Reply listItems(const Request& request) const;
+    Reply itemDetail(const Request& request, const ItemRow& row) const;
+    Reply keys(const Request& request) const;
+    Reply steering(const Request& request) const;
     Reply command(const Request& request, const std::string& deviceId) const;
-    boost::json::object deviceJSON(const DeviceRow& row) const;
+    Reply rules(const Request& request, const std::string& deviceId) const;
+    Reply sample(const Request& request) const;
+    boost::json::object fullDevice(const DeviceRow& row) const;
 
-    DevServiceOptions options_;
-    DevStore& store_;
-    DeviceLinks& links_;
-    std::chrono::steady_clock::time_point started_;
+    Context& context_;
 };
-
-/// Seconds since 1970 now, as the records write points in time.
-double nowSeconds();
 
 /// The request target with the API key's secret part hidden, for console lines.
 std::string redactTarget(std::string_view target);

@@ -10,6 +10,7 @@ void DeviceLinks::attach(const std::string& deviceId, const std::shared_ptr<Devi
         auto& entry = links_[deviceId];
         replaced = entry.link.lock();
         entry = Entry{link, now};
+        if (listener_) listener_(deviceId, now);
     }
     if (replaced && replaced != link) replaced->close(1000, "replaced by a newer connection");
 }
@@ -20,19 +21,27 @@ void DeviceLinks::detach(const std::string& deviceId, const DeviceLink* link) {
     if (it == links_.end()) return;
     auto current = it->second.link.lock();
     // An expired entry is also dropped: its connection is gone either way.
-    if (!current || current.get() == link) links_.erase(it);
+    if (!current || current.get() == link) {
+        links_.erase(it);
+        if (listener_) listener_(deviceId, std::nullopt);
+    }
 }
 
-bool DeviceLinks::send(const std::string& deviceId, std::string text) {
-    std::shared_ptr<DeviceLink> link;
-    {
-        std::lock_guard lock(mutex_);
-        auto it = links_.find(deviceId);
-        if (it != links_.end()) link = it->second.link.lock();
-    }
-    if (!link) return false;
-    link->send(std::move(text));
-    return true;
+std::shared_ptr<DeviceLink> DeviceLinks::find(const std::string& deviceId) const {
+    std::lock_guard lock(mutex_);
+    auto it = links_.find(deviceId);
+    return it == links_.end() ? nullptr : it->second.link.lock();
+}
+
+SendResult DeviceLinks::send(const std::string& deviceId, std::string text, FrameDone done) {
+    auto link = find(deviceId);
+    if (!link) return SendResult::notConnected;
+    return link->send(std::move(text), std::move(done));
+}
+
+void DeviceLinks::close(const std::string& deviceId, std::uint16_t code,
+                        const std::string& reason) {
+    if (auto link = find(deviceId)) link->close(code, reason);
 }
 
 std::optional<double> DeviceLinks::connectedSince(const std::string& deviceId) const {

@@ -81,6 +81,19 @@ std::optional<CommandLine> parseCommandLine(
         }
     }
 
+    if (auto v = env("KESTRO_DEVSERVICE_KEEP_DAYS")) {
+        if (!parseNumber<unsigned>(*v, 0, 36500, &line.options.keepDays)) {
+            return fail("KESTRO_DEVSERVICE_KEEP_DAYS must be a number of days, not \"" + *v + "\"");
+        }
+    }
+    if (auto v = env("KESTRO_DEVSERVICE_MAX_ITEMS")) {
+        if (!parseNumber<std::int64_t>(*v, 0, INT64_MAX, &line.options.maxItemsPerDevice)) {
+            return fail("KESTRO_DEVSERVICE_MAX_ITEMS must be a number, not \"" + *v + "\"");
+        }
+    }
+    if (auto v = env("KESTRO_DEVSERVICE_TLS_CERT"); v && !v->empty()) line.options.tlsCert = *v;
+    if (auto v = env("KESTRO_DEVSERVICE_TLS_KEY"); v && !v->empty()) line.options.tlsKey = *v;
+
     bool commandSeen = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
@@ -125,6 +138,21 @@ std::optional<CommandLine> parseCommandLine(
             if (!v || !parseNumber<unsigned>(*v, 1, 64, &line.options.threads)) {
                 return fail("--threads needs a number from 1 to 64");
             }
+        } else if (name == "--keep-days") {
+            auto v = value();
+            if (!v || !parseNumber<unsigned>(*v, 0, 36500, &line.options.keepDays)) {
+                return fail("--keep-days needs a number of days (0 keeps items for ever)");
+            }
+        } else if (name == "--max-items") {
+            auto v = value();
+            if (!v ||
+                !parseNumber<std::int64_t>(*v, 0, INT64_MAX, &line.options.maxItemsPerDevice)) {
+                return fail("--max-items needs a number of items per device (0: no limit)");
+            }
+        } else if (name == "--tls-cert" || name == "--tls-key") {
+            auto v = value();
+            if (!v || v->empty()) return fail(name + " needs a PEM file");
+            (name == "--tls-cert" ? line.options.tlsCert : line.options.tlsKey) = *v;
         } else if (name == "--quiet") {
             line.options.logRequests = false;
         } else if (name == "--device") {
@@ -153,12 +181,15 @@ std::optional<CommandLine> parseCommandLine(
         }
     }
 
-    static const char* const kCommands[] = {"serve", "devices", "device", "items",
-                                            "item",  "send",    "health", "help"};
+    static const char* const kCommands[] = {"serve", "dashboard", "keys", "devices", "device",
+                                            "items", "item",      "send", "health",  "help"};
     bool known = false;
     for (const char* c : kCommands) known = known || line.command == c;
     if (!known) return fail("unknown command \"" + line.command + "\"");
 
+    if (line.options.tlsCert.empty() != line.options.tlsKey.empty() && line.command == "serve") {
+        return fail("TLS needs both --tls-cert and --tls-key");
+    }
     if (line.options.dataDirectory.empty()) line.options.dataDirectory = defaultDataDirectory(env);
     if (line.host == "127.0.0.1" && line.options.address != "0.0.0.0" &&
         line.options.address != "::") {
@@ -169,6 +200,8 @@ std::optional<CommandLine> parseCommandLine(
 
 std::string usageText() {
     return R"(Usage: kestro-devservice [serve] [options]
+       kestro-devservice dashboard
+       kestro-devservice keys list | add [NAME] | show ID|NAME | revoke ID
        kestro-devservice devices [--json]
        kestro-devservice device <device-id>
        kestro-devservice items [--device ID] [--limit N] [--json]
@@ -176,7 +209,8 @@ std::string usageText() {
        kestro-devservice send <device-id> <action> [payload]
        kestro-devservice health
 
-Runs the development service, or talks to a running one over its control API.
+Runs the development service, or talks to a running one over its dashboard API (with the
+token from the data directory).
 
 Actions: enable_mock_request, disable_mock_request (both take a mock rule as payload, e.g.
 '{"url":"http://127.0.0.1:3007/sample/users/*","statusCode":500,"body":"{}"}'),
@@ -189,6 +223,13 @@ Options:
   --data-dir DIR      directory of the database (env KESTRO_DEVSERVICE_DATA_DIR; default
                       $XDG_DATA_HOME/kestro-devservice or ~/.local/share/kestro-devservice)
   --max-body SIZE     largest request body, e.g. 10M (default; env KESTRO_DEVSERVICE_MAX_BODY)
+  --keep-days N       delete items older than N days (default 30; 0 keeps them; env
+                      KESTRO_DEVSERVICE_KEEP_DAYS)
+  --max-items N       keep each device's newest N items (default 100000; 0: all; env
+                      KESTRO_DEVSERVICE_MAX_ITEMS)
+  --tls-cert FILE     PEM certificate chain: serve HTTPS and WSS (with --tls-key); client
+                      commands connect with TLS and trust it (env KESTRO_DEVSERVICE_TLS_CERT)
+  --tls-key FILE      PEM private key of the certificate (env KESTRO_DEVSERVICE_TLS_KEY)
   --threads N         network threads (default 2)
   --quiet             do not print a line per request
   --json              client commands print the control API's JSON as it is

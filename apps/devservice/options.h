@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -12,8 +13,8 @@ namespace kestro::devservice {
 
 /// How the service runs. A plain value.
 struct DevServiceOptions {
-    /// Address to listen on. Loopback by default: the service has no authentication beyond the
-    /// form of the API key and must not be reachable from other machines unless asked for.
+    /// Address to listen on. Loopback by default; any other address without TLS is warned
+    /// about at start.
     std::string address = "127.0.0.1";
     /// 0 picks a free port (tests).
     std::uint16_t port = 3007;
@@ -23,10 +24,28 @@ struct DevServiceOptions {
     std::size_t maxBodyBytes = 10 * 1024 * 1024;
     /// Threads running the network loop.
     unsigned threads = 2;
+    /// What may wait to be written to one page of the push channel before it counts as fallen
+    /// behind (see README.md, "A slow page").
+    std::size_t liveQueueMessages = 2048;
+    std::size_t liveQueueBytes = 8 * 1024 * 1024;
     /// Upper bound of GET /sample/slow?ms=.
     unsigned maxSlowMs = 10000;
     /// Whether each request is written to the console as one line.
     bool logRequests = true;
+    /// Items that arrived more than this many days ago are deleted; 0 keeps them.
+    unsigned keepDays = 30;
+    /// Each device keeps at most this many items, its newest; 0 keeps all.
+    std::int64_t maxItemsPerDevice = 100000;
+    /// How often retention runs (it also runs at start).
+    std::chrono::milliseconds retentionInterval = std::chrono::minutes(1);
+    /// PEM certificate chain and private key: when both are set, every connection is TLS.
+    std::filesystem::path tlsCert;
+    std::filesystem::path tlsKey;
+    /// The time now, in seconds since 1970; the system clock when empty (tests set their own
+    /// to age items).
+    std::function<double()> clock;
+
+    bool tls() const { return !tlsCert.empty() && !tlsKey.empty(); }
 };
 
 /// The database file inside the data directory.
@@ -39,7 +58,8 @@ std::filesystem::path defaultDataDirectory(
 
 /// A command line split into its subcommand, positional words and the service options.
 struct CommandLine {
-    std::string command = "serve";  // serve, devices, device, items, item, send, health, help
+    // serve, dashboard, keys, devices, device, items, item, send, health, help
+    std::string command = "serve";
     std::vector<std::string> words;
     DevServiceOptions options;
     /// Where the client subcommands connect (the listen address unless it is a wildcard).
@@ -49,8 +69,8 @@ struct CommandLine {
     bool json = false;
 };
 
-/// Reads the environment (KESTRO_DEVSERVICE_PORT, KESTRO_DEVSERVICE_ADDRESS,
-/// KESTRO_DEVSERVICE_DATA_DIR, KESTRO_DEVSERVICE_MAX_BODY) and then the arguments, which win.
+/// Reads the environment (KESTRO_DEVSERVICE_PORT, _ADDRESS, _DATA_DIR, _MAX_BODY, _KEEP_DAYS,
+/// _MAX_ITEMS, _TLS_CERT, _TLS_KEY) and then the arguments, which win.
 /// Returns nothing and sets `error` when an argument or variable is malformed.
 std::optional<CommandLine> parseCommandLine(
     const std::vector<std::string>& args,

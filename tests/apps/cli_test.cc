@@ -7,8 +7,10 @@
 #include <boost/json.hpp>
 #include <sstream>
 
+#include "devservice/auth.h"
 #include "devservice/options.h"
 #include "service_fixture.h"
+#include "support/http_server.h"
 #include "support/wait.h"
 
 namespace kestro::test {
@@ -84,6 +86,8 @@ class ClientCommandTest : public ServiceFixture {
     int run(std::vector<std::string> args, std::string* out, std::string* err = nullptr) {
         args.push_back("--port");
         args.push_back(std::to_string(port_));
+        args.push_back("--data-dir");
+        args.push_back(dir_.path().string());
         std::string error;
         auto line = parseCommandLine(args, envOf({}), &error);
         EXPECT_TRUE(line) << error;
@@ -101,14 +105,9 @@ TEST_F(ClientCommandTest, DevicesItemsAndSendTalkToTheRunningService) {
     ASSERT_EQ(run({"devices"}, &out), 0);
     EXPECT_NE(out.find("No devices"), std::string::npos);
 
-    ASSERT_EQ(
-        upload(port_, "/v1/devices", json::serialize(deviceDictionary("DEV-1", "laptop"))).status,
-        200u);
-    ASSERT_EQ(upload(port_, "/v1/requests", json::serialize(requestHalf("R-1", "DEV-1"))).status,
-              200u);
-    ASSERT_EQ(
-        upload(port_, "/v1/requests", json::serialize(logRecord("L-1", "DEV-2", "boot"))).status,
-        200u);
+    ASSERT_EQ(put("/v1/devices", deviceDictionary("DEV-1", "laptop")).status, 200u);
+    ASSERT_EQ(put("/v1/requests", requestHalf("R-1", "DEV-1")).status, 200u);
+    ASSERT_EQ(put("/v1/requests", logRecord("L-1", "DEV-2", "boot")).status, 200u);
 
     ASSERT_EQ(run({"devices"}, &out), 0);
     EXPECT_NE(out.find("DEV-1"), std::string::npos);
@@ -132,7 +131,7 @@ TEST_F(ClientCommandTest, DevicesItemsAndSendTalkToTheRunningService) {
     EXPECT_NE(err.find("not connected"), std::string::npos);
 
     WsClient device;
-    ASSERT_TRUE(device.connect(port_, "/?api-key=kt-dev-1&device-id=DEV-1"));
+    ASSERT_TRUE(device.connect(port_, "/?api-key=" + key_ + "&device-id=DEV-1"));
     ASSERT_TRUE(
         waitUntil([&] { return get("/api/devices/DEV-1").json().at("connected") == true; }));
     ASSERT_EQ(run({"send", "DEV-1", "enable_mock_request", R"({"url":"*","statusCode":404})"}, &out,
@@ -156,6 +155,58 @@ TEST_F(ClientCommandTest, AnUnreachableServiceIsReported) {
     std::string out, err;
     EXPECT_EQ(run({"devices"}, &out, &err), 3);
     EXPECT_NE(err.find("cannot reach"), std::string::npos) << err;
+}
+
+TEST(ClientAnswerTest, AnswersThatAreNotTheExpectedJSONAreReportedNotThrown) {
+    // A server on the service's port that answers with something else: a web page, a JSON
+    // value of another shape, rows missing their fields.
+    std::string body;
+    unsigned status = 200;
+    TempDir dir;
+    bool made = false;
+    ASSERT_TRUE(devservice::loadOrCreateToken(dir.path(), &made, nullptr));
+    HttpServer server([&](const ReceivedRequest&) {
+        return HttpReply::text(static_cast<int>(status), body, "application/json");
+    });
+    struct Case {
+        std::vector<std::string> args;
+        unsigned status;
+        std::string body;
+    };
+    const std::vector<Case> cases = {
+        {{"devices"}, 200, "<html>a proxy's page</html>"},
+        {{"devices"}, 200, R"({"devices":5})"},
+        {{"devices"}, 200, R"([1,2])"},
+        {{"devices"}, 200, R"({"devices":[7]})"},
+        {{"items"}, 200, "<html></html>"},
+        {{"items"}, 200, R"({"items":[{"id":3}]})"},
+        {{"items"}, 200, R"({"items":["x"]})"},
+        {{"send", "DEV-1", "send_ping"}, 202, "accepted"},
+        {{"send", "DEV-1", "send_ping"}, 202, R"(["frame"])"},
+    };
+    for (const auto& c : cases) {
+        status = c.status;
+        body = c.body;
+        auto args = c.args;
+        args.push_back("--port");
+        args.push_back(std::to_string(server.port()));
+        args.push_back("--data-dir");
+        args.push_back(dir.path().string());
+        std::string error;
+        const auto line = parseCommandLine(args, envOf({}), &error);
+        ASSERT_TRUE(line) << error;
+        std::ostringstream out, err;
+        int code = -1;
+        EXPECT_NO_THROW(code = devservice::runClientCommand(*line, out, err)) << c.body;
+        // Rows whose fields are missing are shown with "-"; anything else is refused.
+        if (c.body.find("\"id\":3") != std::string::npos) {
+            EXPECT_EQ(code, 0) << c.body << ": " << err.str();
+            EXPECT_NE(out.str().find('3'), std::string::npos) << out.str();
+            continue;
+        }
+        EXPECT_EQ(code, 4) << c.body;
+        EXPECT_NE(err.str().find("not the JSON"), std::string::npos) << c.body << ": " << err.str();
+    }
 }
 
 }  // namespace

@@ -20,6 +20,7 @@
 #include "kestro/network/network_interceptor.h"
 #include "kestro/remote/websocket_manager.h"
 #include "kestro/store/request_store_sqlite.h"
+#include "service_fixture.h"
 #include "support/wait.h"
 #include "test_client.h"
 
@@ -29,8 +30,6 @@ namespace {
 namespace json = boost::json;
 using namespace std::chrono_literals;
 using test::waitUntil;
-
-constexpr const char* kKey = "kt-dev-end-to-end";
 
 class EndToEndTest : public ::testing::Test {
   protected:
@@ -43,13 +42,15 @@ class EndToEndTest : public ::testing::Test {
         std::string error;
         ASSERT_TRUE(service_->start(&error)) << error;
         port_ = service_->port();
+        token_ = service_->dashboardToken();
+        const std::string key = test::firstKey(port_, token_);
 
         // Before the facade's first use: where the SDK keeps its files and where its
         // development endpoint is.
         setenv("KESTRO_HOME", sdkDir_.path().c_str(), 1);
         setenv("KESTRO_DEV_HOST", ("127.0.0.1:" + std::to_string(port_)).c_str(), 1);
 
-        Kestro().initialize(kKey, KestroConfig(true, true, true, LogLevel::verbose, "dev"));
+        Kestro().initialize(key, KestroConfig(true, true, true, LogLevel::verbose, "dev"));
         deviceId_ = Kestro().deviceUUID();
         ASSERT_FALSE(deviceId_.empty());
         // Registered over HTTP and linked over WebSocket.
@@ -57,7 +58,8 @@ class EndToEndTest : public ::testing::Test {
             [&] {
                 const json::value d = serviceGet("/api/devices/" + deviceId_);
                 return d.is_object() && d.as_object().contains("info") &&
-                       d.at("info").is_object() && d.at("info").as_object().contains("sdkVersion") &&
+                       d.at("info").is_object() &&
+                       d.at("info").as_object().contains("sdkVersion") &&
                        d.at("connected") == json::value(true);
             },
             15s))
@@ -72,14 +74,15 @@ class EndToEndTest : public ::testing::Test {
     }
 
     json::value serviceGet(const std::string& target) {
-        return test::httpRequest(port_, "GET", target).json();
+        return test::httpRequest(port_, "GET", target, {}, {{"Authorization", "Bearer " + token_}})
+            .json();
     }
 
     void command(const std::string& action, const json::value& payload = nullptr) {
         const auto r = test::httpRequest(
             port_, "POST", "/api/devices/" + deviceId_ + "/commands",
             json::serialize(json::object{{"action", action}, {"payload", payload}}),
-            {{"Content-Type", "application/json"}});
+            {{"Content-Type", "application/json"}, {"Authorization", "Bearer " + token_}});
         ASSERT_EQ(r.status, 202u) << r.body;
     }
 
@@ -89,12 +92,12 @@ class EndToEndTest : public ::testing::Test {
         json::object found;
         const bool ok = waitUntil(
             [&] {
-                const json::value page =
-                    serviceGet("/api/items?limit=500&device=" + deviceId_);
+                const json::value page = serviceGet("/api/items?limit=500&device=" + deviceId_);
                 if (!page.is_object()) return false;
                 for (const auto& item : page.at("items").as_array()) {
                     const json::value full =
-                        serviceGet("/api/items/" + std::string(item.at("id").as_string()));
+                        serviceGet("/api/devices/" + deviceId_ + "/items/" +
+                                   std::string(item.at("id").as_string()) + "?uploads=1");
                     if (full.is_object() && match(full.as_object())) {
                         found = full.as_object();
                         return true;
@@ -115,6 +118,7 @@ class EndToEndTest : public ::testing::Test {
     test::TempDir sdkDir_;
     std::unique_ptr<devservice::DevService> service_;
     std::uint16_t port_ = 0;
+    std::string token_;
     std::string deviceId_;
 };
 
@@ -124,7 +128,7 @@ TEST_F(EndToEndTest, CapturedItemsArriveWithTheDeviceAndAreStored) {
     // A log line.
     Kestro().i("checkout started", 3);
     const json::object log = waitForItem([](const json::object& item) {
-        return item.at("eventType") == "log" &&
+        return item.at("kind") == "log" &&
                record(item).at("details").at("message") == "checkout started 3";
     });
     ASSERT_FALSE(log.empty());
@@ -136,9 +140,10 @@ TEST_F(EndToEndTest, CapturedItemsArriveWithTheDeviceAndAreStored) {
     const http::Result users = http::getBlocking(url("/sample/users"), 10s);
     ASSERT_TRUE(users.ok()) << users.summary();
     const json::object exchange = waitForItem([&](const json::object& item) {
-        return item.at("eventType") == "networkRequest" && item.at("uploadCount") == 2 &&
+        return item.at("kind") == "networkRequest" && item.at("uploadCount") == 2 &&
                record(item).at("details").as_object().contains("request") &&
-               record(item).at("details").at("request").at("url") == json::value(url("/sample/users"));
+               record(item).at("details").at("request").at("url") ==
+                   json::value(url("/sample/users"));
     });
     ASSERT_FALSE(exchange.empty());
     const auto& uploads = exchange.at("uploads").as_array();
@@ -159,7 +164,7 @@ TEST_F(EndToEndTest, CapturedItemsArriveWithTheDeviceAndAreStored) {
     // A custom event.
     Kestro().logEvent("purchase", "shop", {{"sku", "A-1"}, {"quantity", 2}});
     const json::object event = waitForItem([](const json::object& item) {
-        return item.at("eventType") == "customEvent" &&
+        return item.at("kind") == "customEvent" &&
                record(item).at("details").at("name") == "purchase";
     });
     ASSERT_FALSE(event.empty());
@@ -222,8 +227,7 @@ TEST_F(EndToEndTest, PingUploadsAnEventAndOpenSheetPostsItsNotification) {
 
     command("send_ping");
     const json::object ping = waitForItem([](const json::object& item) {
-        return item.at("eventType") == "customEvent" &&
-               record(item).at("details").at("name") == "Ping";
+        return item.at("kind") == "customEvent" && record(item).at("details").at("name") == "Ping";
     });
     ASSERT_FALSE(ping.empty());
     EXPECT_EQ(record(ping).at("details").at("category"), "GENERAL");
@@ -242,13 +246,13 @@ TEST_F(EndToEndTest, CaptureStopsAndStartsWithTheSwitches) {
     ASSERT_TRUE(http::getBlocking(url("/sample/users/1"), 10s).ok());
     Kestro().i("after the uncaptured request");
     const json::object marker = waitForItem([](const json::object& item) {
-        return item.at("eventType") == "log" &&
+        return item.at("kind") == "log" &&
                record(item).at("details").at("message") == "after the uncaptured request";
     });
     ASSERT_FALSE(marker.empty());
     const json::value page = serviceGet("/api/items?limit=500&device=" + deviceId_);
     for (const auto& item : page.at("items").as_array()) {
-        EXPECT_NE(item.at("eventType"), "networkRequest") << json::serialize(item);
+        EXPECT_NE(item.at("kind"), "networkRequest") << json::serialize(item);
     }
 
     Kestro().stopAll();

@@ -11,20 +11,25 @@ namespace kestro::test {
 namespace {
 namespace json = boost::json;
 
-const std::string kLink = "/?api-key=kt-dev-abc123&device-id=DEV-1";
-
 class LinkTest : public ServiceFixture {
   protected:
+    void SetUp() override {
+        ServiceFixture::SetUp();
+        kLink = linkTarget("DEV-1");
+    }
     bool connected(const std::string& device) {
         auto r = get("/api/devices/" + device);
         return r.status == 200 && r.json().at("connected") == true;
     }
-};
+    std::string linkTarget(const std::string& device) const {
+        return "/?api-key=" + key_ + "&device-id=" + device;
+    }
+    HttpResult sendCommand(std::uint16_t, const std::string& device, const json::value& body) {
+        return post("/api/devices/" + device + "/commands", body);
+    }
 
-HttpResult sendCommand(std::uint16_t port, const std::string& device, const json::value& body) {
-    return httpRequest(port, "POST", "/api/devices/" + device + "/commands", json::serialize(body),
-                       {{"Content-Type", "application/json"}});
-}
+    std::string kLink;
+};
 
 TEST_F(LinkTest, ACommandReachesTheConnectedDeviceInTheFrameItDecodes) {
     WsClient device;
@@ -89,7 +94,7 @@ TEST_F(LinkTest, PingsAreAnsweredAndDeviceFramesAreShownAndIgnored) {
     EXPECT_NE(console.text().find("🔌 GET /?api-key=kt-dev-…&device-id=DEV-1 → 101"),
               std::string::npos)
         << console.text();
-    EXPECT_EQ(console.text().find("abc123"), std::string::npos);
+    EXPECT_EQ(console.text().find(key_.substr(7)), std::string::npos);
     service_.reset();
 }
 
@@ -122,19 +127,20 @@ TEST_F(LinkTest, LinkRequestsNeedAWellFormedKeyAndADeviceId) {
     for (const auto& c : std::vector<Case>{{"/?device-id=DEV-1", 401},
                                            {"/?api-key=kt-test-1&device-id=DEV-1", 401},
                                            {"/?api-key=KT-DEV-1&device-id=DEV-1", 401},
-                                           {"/?api-key=kt-dev-1", 400},
-                                           {"/?api-key=kt-dev-1&device-id=", 400}}) {
+                                           {"/?api-key=kt-dev-1&device-id=DEV-1", 401},
+                                           {"/?api-key=" + key_, 400},
+                                           {"/?api-key=" + key_ + "&device-id=", 400}}) {
         WsClient client;
         unsigned status = 0;
         EXPECT_FALSE(client.connect(port_, c.target, &status)) << c.target;
         EXPECT_EQ(status, c.status) << c.target;
     }
-    // A key the SDK puts in unescaped, with an ampersand inside, arrives cut at the ampersand,
-    // which still has the right form.
+    // The SDK puts the key in unescaped: what follows an ampersand is another query item, and
+    // the key before it still counts.
     WsClient odd;
-    ASSERT_TRUE(odd.connect(port_, "/?api-key=kt-prod-a&b=c&device-id=DEV-9"));
+    ASSERT_TRUE(odd.connect(port_, "/?api-key=" + key_ + "&b=c&device-id=DEV-9"));
     ASSERT_TRUE(waitUntil([&] { return connected("DEV-9"); }));
-    EXPECT_EQ(get("/api/devices/DEV-9").json().at("keyKind"), "prod");
+    EXPECT_EQ(get("/api/devices/DEV-9").json().at("keyKind"), "dev");
 }
 
 TEST_F(LinkTest, CommandsToAbsentDevicesAndBadCommandsAreRefused) {
@@ -142,8 +148,7 @@ TEST_F(LinkTest, CommandsToAbsentDevicesAndBadCommandsAreRefused) {
     EXPECT_EQ(unknown.status, 404u);
     EXPECT_TRUE(unknown.json().at("error").is_string());
 
-    ASSERT_EQ(upload(port_, "/v1/devices", json::serialize(deviceDictionary("DEV-1"))).status,
-              200u);
+    ASSERT_EQ(put("/v1/devices", deviceDictionary("DEV-1")).status, 200u);
     auto offline = sendCommand(port_, "DEV-1", {{"action", "send_ping"}});
     EXPECT_EQ(offline.status, 409u);
     EXPECT_NE(std::string(offline.json().at("error").as_string()).find("not connected"),
@@ -156,7 +161,7 @@ TEST_F(LinkTest, CommandsToAbsentDevicesAndBadCommandsAreRefused) {
              R"({"action":"enable_mock_request","payload":"{not json"})",
              R"({"action":"enable_mock_request","payload":{"statusCode":500}})",
              R"({"action":"disable_mock_request","payload":{"url":"x","statusCode":"500"}})"}) {
-        auto r = httpRequest(port_, "POST", "/api/devices/DEV-1/commands", body);
+        auto r = api("POST", "/api/devices/DEV-1/commands", body);
         EXPECT_EQ(r.status, 400u) << body;
         EXPECT_TRUE(r.json().at("error").is_string()) << body;
     }
@@ -171,11 +176,44 @@ TEST_F(LinkTest, CommandsToAbsentDevicesAndBadCommandsAreRefused) {
     EXPECT_EQ(sendCommand(port_, "DEV-1", {{"action", "send_ping"}}).status, 409u);
 }
 
+TEST_F(LinkTest, ACommandIsAcceptedOnlyWhenItsFrameIsQueuedForTheDevice) {
+    // A device that stops reading: frames fill the socket, then the service's queue for it.
+    WsClient device;
+    ASSERT_TRUE(device.connect(port_, kLink));
+    ASSERT_TRUE(waitUntil([&] { return connected("DEV-1"); }));
+    const json::object rule{{"url", "http://127.0.0.1/big"}, {"body", std::string(16 * 1024, 'x')}};
+    int accepted = 0;
+    unsigned refusal = 0;
+    std::string refusalBody;
+    for (int i = 0; i < 3000 && refusal == 0; ++i) {
+        auto r =
+            sendCommand(port_, "DEV-1", {{"action", "enable_mock_request"}, {"payload", rule}});
+        if (r.status == 202) {
+            ++accepted;
+        } else {
+            refusal = r.status;
+            refusalBody = r.body;
+        }
+    }
+    EXPECT_EQ(refusal, 503u) << refusalBody;
+    EXPECT_NE(refusalBody.find("waiting"), std::string::npos) << refusalBody;
+
+    // Every accepted command reaches the device, and nothing else: once they are read, the
+    // next command is the next frame.
+    for (int i = 0; i < accepted; ++i) {
+        auto frame = device.read();
+        ASSERT_TRUE(frame) << "frame " << i << " of " << accepted << " accepted never arrived";
+        ASSERT_EQ(frame->rfind(R"({"action":"enable_mock_request")", 0), 0u);
+    }
+    ASSERT_EQ(sendCommand(port_, "DEV-1", {{"action", "send_ping"}}).status, 202u);
+    EXPECT_EQ(device.read(), R"({"action":"send_ping","payload":null})");
+}
+
 TEST_F(LinkTest, BrokenFramesCloseOnlyTheirOwnConnection) {
     WsClient broken;
     ASSERT_TRUE(broken.connect(port_, kLink));
     WsClient other;
-    ASSERT_TRUE(other.connect(port_, "/?api-key=kt-dev-abc123&device-id=DEV-2"));
+    ASSERT_TRUE(other.connect(port_, linkTarget("DEV-2")));
     ASSERT_TRUE(waitUntil([&] { return connected("DEV-1"); }));
     ASSERT_TRUE(waitUntil([&] { return connected("DEV-2"); }));
 

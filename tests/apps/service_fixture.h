@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <boost/json.hpp>
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -11,35 +12,69 @@
 
 namespace kestro::test {
 
-/// A development service on a free loopback port over a temporary data directory.
+/// The options of a development service on a free loopback port over `dir`.
+inline devservice::DevServiceOptions serviceOptions(const std::filesystem::path& dir) {
+    devservice::DevServiceOptions options;
+    options.port = 0;
+    options.dataDirectory = dir;
+    options.logRequests = false;
+    options.maxSlowMs = 2000;
+    return options;
+}
+
+/// The key the service made at its first start (the only one there is then).
+inline std::string firstKey(std::uint16_t port, const std::string& token) {
+    const auto keys =
+        httpRequest(port, "GET", "/api/keys", {}, {{"Authorization", "Bearer " + token}}).json();
+    return std::string(keys.at("keys").as_array().at(0).at("key").as_string());
+}
+
+/// A development service on a free loopback port over a temporary data directory, with its
+/// dashboard token and first API key at hand.
 class ServiceFixture : public ::testing::Test {
   protected:
     void SetUp() override { startService(); }
     void TearDown() override { service_.reset(); }
 
     void startService(std::size_t maxBodyBytes = 10 * 1024 * 1024, bool logRequests = false) {
-        devservice::DevServiceOptions options;
-        options.port = 0;
-        options.dataDirectory = dir_.path();
+        auto options = serviceOptions(dir_.path());
         options.maxBodyBytes = maxBodyBytes;
         options.logRequests = logRequests;
-        options.maxSlowMs = 2000;
+        startWith(options);
+    }
+
+    void startWith(const devservice::DevServiceOptions& options) {
         service_ = std::make_unique<devservice::DevService>(options);
         std::string error;
         ASSERT_TRUE(service_->start(&error)) << error;
         port_ = service_->port();
         ASSERT_NE(port_, 0);
+        token_ = service_->dashboardToken();
+        key_ = firstKey(port_, token_);
     }
 
-    HttpResult get(const std::string& target) { return httpRequest(port_, "GET", target); }
+    /// A dashboard API request with the token.
+    HttpResult api(const std::string& method, const std::string& target,
+                   const std::string& body = {}) {
+        return httpRequest(
+            port_, method, target, body,
+            {{"Authorization", "Bearer " + token_}, {"Content-Type", "application/json"}});
+    }
+    HttpResult get(const std::string& target) { return api("GET", target); }
     HttpResult post(const std::string& target, const boost::json::value& body) {
-        return httpRequest(port_, "POST", target, boost::json::serialize(body),
-                           {{"Content-Type", "application/json"}});
+        return api("POST", target, boost::json::serialize(body));
+    }
+    /// An SDK upload with the service's first key (or `key`).
+    HttpResult put(const std::string& path, const boost::json::value& body,
+                   const std::string& key = {}) {
+        return upload(port_, path, boost::json::serialize(body), key.empty() ? key_ : key);
     }
 
     TempDir dir_;
     std::unique_ptr<devservice::DevService> service_;
     std::uint16_t port_ = 0;
+    std::string token_;
+    std::string key_;
 };
 
 /// Record dictionaries as the SDK uploads them.

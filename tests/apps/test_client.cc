@@ -1,5 +1,9 @@
 #include "test_client.h"
 
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -11,6 +15,7 @@
 #include <boost/json/parse.hpp>
 #include <cctype>
 #include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 
 namespace kestro::test {
@@ -23,8 +28,11 @@ using tcp = net::ip::tcp;
 namespace {
 constexpr auto kDeadline = std::chrono::seconds(5);
 
-tcp::socket connectLoopback(net::io_context& ioc, std::uint16_t port) {
+tcp::socket connectLoopback(net::io_context& ioc, std::uint16_t port, int receiveBuffer = 0) {
     tcp::socket socket(ioc);
+    socket.open(tcp::v4());
+    // Set before connecting, so that the window offered to the server is small from the start.
+    if (receiveBuffer > 0) socket.set_option(net::socket_base::receive_buffer_size(receiveBuffer));
     socket.connect(tcp::endpoint(net::ip::address_v4::loopback(), port));
     setTimeouts(socket, kDeadline);
     return socket;
@@ -66,7 +74,7 @@ HttpResult httpRequest(std::uint16_t port, const std::string& method, const std:
     net::io_context ioc;
     auto socket = connectLoopback(ioc, port);
     http::request<http::string_body> request(http::string_to_verb(method), target, 11);
-    request.set(http::field::host, "127.0.0.1");
+    request.set(http::field::host, "127.0.0.1:" + std::to_string(port));
     for (const auto& [name, value] : headers) request.set(name, value);
     request.body() = body;
     request.prepare_payload();
@@ -114,17 +122,21 @@ std::string rawExchange(std::uint16_t port, const std::string& bytes, bool close
     return out;
 }
 
-bool WsClient::connect(std::uint16_t port, const std::string& target, unsigned* status) {
+bool WsClient::connect(std::uint16_t port, const std::string& target, unsigned* status,
+                       const std::map<std::string, std::string>& headers) {
     if (status) *status = 0;
-    ws_.emplace(connectLoopback(ioc_, port));
+    ws_.emplace(connectLoopback(ioc_, port, receiveBuffer_));
     ws_->control_callback([this](websocket::frame_type kind, beast::string_view) {
         if (kind == websocket::frame_type::pong) ++pongs_;
     });
-    websocket::response_type response;
+    ws_->set_option(websocket::stream_base::decorator([headers](websocket::request_type& r) {
+        for (const auto& [name, value] : headers) r.set(name, value);
+    }));
+    response_ = {};
     boost::system::error_code ec;
-    ws_->handshake(response, "127.0.0.1", target, ec);
+    ws_->handshake(response_, "127.0.0.1:" + std::to_string(port), target, ec);
     if (ec) {
-        if (status) *status = response.result_int();
+        if (status) *status = response_.result_int();
         return false;
     }
     return true;
@@ -162,5 +174,92 @@ void WsClient::writeRaw(const std::string& bytes) { net::write(socket(), net::bu
 void WsClient::ping() { ws_->ping({}); }
 
 int WsClient::closeCode() const { return ws_ ? static_cast<int>(ws_->reason().code) : 0; }
+
+bool LivePage::open(std::uint16_t port, const std::string& token, unsigned* status,
+                    std::map<std::string, std::string> headers) {
+    headers.emplace("Sec-WebSocket-Protocol", "kestro.v1, kestro.token." + token);
+    return ws_.connect(port, "/api/live", status, headers);
+}
+
+std::optional<boost::json::object> LivePage::next(std::chrono::milliseconds timeout) {
+    if (pending_.empty()) {
+        auto frame = ws_.read(timeout);
+        if (!frame) return std::nullopt;
+        std::size_t start = 0;
+        while (start <= frame->size()) {
+            const auto end = std::min(frame->find('\n', start), frame->size());
+            boost::system::error_code ec;
+            auto v = boost::json::parse(std::string_view(*frame).substr(start, end - start), ec);
+            if (ec || !v.is_object()) throw std::runtime_error("not a message: " + *frame);
+            pending_.push_back(std::move(v.as_object()));
+            start = end + 1;
+        }
+    }
+    auto message = std::move(pending_.front());
+    pending_.pop_front();
+    return message;
+}
+
+std::optional<boost::json::object> LivePage::waitFor(
+    const std::function<bool(const boost::json::object&)>& match,
+    std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    // Bounded by the deadline: each read waits at most until then.
+    while (std::chrono::steady_clock::now() < deadline) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        auto message = next(std::max(left, std::chrono::milliseconds(1)));
+        if (!message) return std::nullopt;
+        if (match(*message)) return message;
+    }
+    return std::nullopt;
+}
+
+std::string messageType(const boost::json::object& message) {
+    std::string type;
+    if (const auto* t = message.if_contains("type"); t && t->is_string()) type = t->as_string();
+    if (const auto* c = message.if_contains("change"); c && c->is_string()) {
+        type += "." + std::string(c->as_string());
+    }
+    return type;
+}
+
+CertificateFiles writeCertificate(const std::filesystem::path& dir) {
+    EVP_PKEY* key = EVP_EC_gen("P-256");
+    X509* cert = X509_new();
+    if (!key || !cert) throw std::runtime_error("openssl: no key");
+    X509_set_version(cert, 2);
+    ASN1_INTEGER_set(X509_get_serialNumber(cert), 1);
+    X509_gmtime_adj(X509_getm_notBefore(cert), -60);
+    X509_gmtime_adj(X509_getm_notAfter(cert), 24L * 3600);
+    X509_set_pubkey(cert, key);
+    X509_NAME* name = X509_get_subject_name(cert);
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                               reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
+    X509_set_issuer_name(cert, name);
+    X509V3_CTX ctx;
+    X509V3_set_ctx_nodb(&ctx);
+    X509V3_set_ctx(&ctx, cert, cert, nullptr, nullptr, 0);
+    for (const auto& [nid, value] :
+         {std::pair<int, const char*>{NID_subject_alt_name, "IP:127.0.0.1,DNS:localhost"},
+          std::pair<int, const char*>{NID_basic_constraints, "critical,CA:TRUE"}}) {
+        X509_EXTENSION* ext = X509V3_EXT_conf_nid(nullptr, &ctx, nid, value);
+        if (!ext) throw std::runtime_error("openssl: extension");
+        X509_add_ext(cert, ext, -1);
+        X509_EXTENSION_free(ext);
+    }
+    if (X509_sign(cert, key, EVP_sha256()) == 0) throw std::runtime_error("openssl: sign");
+    CertificateFiles files{dir / "cert.pem", dir / "key.pem"};
+    FILE* c = std::fopen(files.cert.c_str(), "w");
+    FILE* k = std::fopen(files.key.c_str(), "w");
+    const bool ok = c && k && PEM_write_X509(c, cert) &&
+                    PEM_write_PrivateKey(k, key, nullptr, nullptr, 0, nullptr, nullptr);
+    if (c) std::fclose(c);
+    if (k) std::fclose(k);
+    X509_free(cert);
+    EVP_PKEY_free(key);
+    if (!ok) throw std::runtime_error("cannot write the certificate files");
+    return files;
+}
 
 }  // namespace kestro::test

@@ -18,13 +18,12 @@ using json::serialize;
 using UploadsTest = ServiceFixture;
 
 TEST_F(UploadsTest, DeviceRegistrationIsAnUpsertById) {
-    auto first = upload(port_, "/v1/devices", serialize(deviceDictionary("DEV-1", "first")));
+    auto first = put("/v1/devices", deviceDictionary("DEV-1", "first"));
     ASSERT_EQ(first.status, 200u) << first.body;
     EXPECT_EQ(first.json().at("created"), true);
     EXPECT_EQ(first.header("content-type"), "application/json; charset=utf-8");
 
-    auto again =
-        upload(port_, "/v1/devices", serialize(deviceDictionary("DEV-1", "renamed")), "kt-prod-x");
+    auto again = put("/v1/devices", deviceDictionary("DEV-1", "renamed"));
     ASSERT_EQ(again.status, 200u) << again.body;
     EXPECT_EQ(again.json().at("created"), false);
 
@@ -33,7 +32,7 @@ TEST_F(UploadsTest, DeviceRegistrationIsAnUpsertById) {
     EXPECT_EQ(list[0].at("id"), "DEV-1");
     EXPECT_EQ(list[0].at("name"), "renamed");
     EXPECT_EQ(list[0].at("platform"), "linux");
-    EXPECT_EQ(list[0].at("keyKind"), "prod");
+    EXPECT_EQ(list[0].at("keyKind"), "dev");
     EXPECT_EQ(list[0].at("connected"), false);
     EXPECT_LE(list[0].at("firstSeen").as_double(), list[0].at("lastSeen").as_double());
 
@@ -46,15 +45,15 @@ TEST_F(UploadsTest, DeviceRegistrationIsAnUpsertById) {
 }
 
 TEST_F(UploadsTest, ExchangeHalvesAreJoinedByIdAndListedNewestFirst) {
-    ASSERT_EQ(upload(port_, "/v1/requests", serialize(requestHalf("R-1", "DEV-1"))).status, 200u);
-    ASSERT_EQ(upload(port_, "/v1/requests", serialize(logRecord("L-1", "DEV-1"))).status, 200u);
-    auto second = upload(port_, "/v1/requests", serialize(responseHalf("R-1", "DEV-1", 201)));
+    ASSERT_EQ(put("/v1/requests", requestHalf("R-1", "DEV-1")).status, 200u);
+    ASSERT_EQ(put("/v1/requests", logRecord("L-1", "DEV-1")).status, 200u);
+    auto second = put("/v1/requests", responseHalf("R-1", "DEV-1", 201));
     ASSERT_EQ(second.status, 200u) << second.body;
     EXPECT_EQ(second.json().at("created"), false);
-    ASSERT_EQ(upload(port_, "/v1/requests", serialize(eventRecord("E-1", "DEV-2"))).status, 200u);
+    ASSERT_EQ(put("/v1/requests", eventRecord("E-1", "DEV-2")).status, 200u);
 
-    auto item = get("/api/items/R-1").json();
-    EXPECT_EQ(item.at("eventType"), "networkRequest");
+    auto item = get("/api/items/R-1?uploads=1").json();
+    EXPECT_EQ(item.at("kind"), "networkRequest");
     EXPECT_EQ(item.at("deviceId"), "DEV-1");
     const auto& details = item.at("record").at("details");
     EXPECT_EQ(details.at("request").at("method"), "GET");
@@ -73,10 +72,15 @@ TEST_F(UploadsTest, ExchangeHalvesAreJoinedByIdAndListedNewestFirst) {
     EXPECT_EQ(items[0].at("id"), "E-1");
     EXPECT_EQ(items[1].at("id"), "L-1");
     EXPECT_EQ(items[2].at("id"), "R-1");
-    EXPECT_EQ(items[2].at("summary").at("statusCode"), 201);
-    EXPECT_EQ(items[2].at("summary").at("url"), "http://127.0.0.1/sample/users");
-    EXPECT_EQ(items[1].at("summary").at("message"), "hello");
-    EXPECT_EQ(items[0].at("summary").at("name"), "Ping");
+    EXPECT_EQ(items[2].at("status"), 201);
+    EXPECT_EQ(items[2].at("waiting"), false);
+    EXPECT_EQ(items[2].at("url"), "http://127.0.0.1/sample/users");
+    EXPECT_EQ(items[2].at("method"), "GET");
+    EXPECT_EQ(items[2].at("uploadCount"), 2);
+    EXPECT_EQ(items[1].at("message"), "hello");
+    EXPECT_EQ(items[1].at("level"), "info");
+    EXPECT_EQ(items[0].at("name"), "Ping");
+    EXPECT_EQ(items[0].at("category"), "GENERAL");
     EXPECT_TRUE(page.at("nextCursor").is_null());
     EXPECT_EQ(page.at("revision"), 4);
 
@@ -89,10 +93,7 @@ TEST_F(UploadsTest, ExchangeHalvesAreJoinedByIdAndListedNewestFirst) {
 
 TEST_F(UploadsTest, PagesFollowTheCursorAndSinceShowsChangedItems) {
     for (int i = 0; i < 5; ++i) {
-        ASSERT_EQ(
-            upload(port_, "/v1/requests", serialize(requestHalf("R-" + std::to_string(i), "DEV-1")))
-                .status,
-            200u);
+        ASSERT_EQ(put("/v1/requests", requestHalf("R-" + std::to_string(i), "DEV-1")).status, 200u);
     }
     std::vector<std::string> seen;
     std::string target = "/api/items?limit=2";
@@ -107,7 +108,7 @@ TEST_F(UploadsTest, PagesFollowTheCursorAndSinceShowsChangedItems) {
     EXPECT_EQ(seen, (std::vector<std::string>{"R-4", "R-3", "R-2", "R-1", "R-0"}));
 
     const auto revision = get("/api/items").json().at("revision").as_int64();
-    ASSERT_EQ(upload(port_, "/v1/requests", serialize(responseHalf("R-1", "DEV-1"))).status, 200u);
+    ASSERT_EQ(put("/v1/requests", responseHalf("R-1", "DEV-1")).status, 200u);
     auto changed = get("/api/items?since=" + std::to_string(revision)).json();
     ASSERT_EQ(changed.at("items").as_array().size(), 1u);
     EXPECT_EQ(changed.at("items").as_array()[0].at("id"), "R-1");
@@ -130,7 +131,7 @@ struct BadUpload {
 };
 
 TEST_F(UploadsTest, MalformedUploadsGetAClientErrorWithAJSONBodyAndStoreNothing) {
-    const std::map<std::string, std::string> ok = {{"Api-Key", "kt-dev-k"},
+    const std::map<std::string, std::string> ok = {{"Api-Key", key_},
                                                    {"Content-Type", "application/json"}};
     auto with = [&](json::object o, const char* key, json::value v) {
         o[key] = std::move(v);
@@ -152,6 +153,7 @@ TEST_F(UploadsTest, MalformedUploadsGetAClientErrorWithAJSONBodyAndStoreNothing)
         {"upper-case prefix", "/v1/requests", good, {{"Api-Key", "KT-dev-k"}}, 401, "kt-dev-"},
         {"unknown middle word", "/v1/requests", good, {{"Api-Key", "kt-test-k"}}, 401, "kt-prod-"},
         {"prefix without hyphen", "/v1/devices", good, {{"Api-Key", "kt-prod"}}, 401, "kt-prod-"},
+        {"unknown key", "/v1/requests", good, {{"Api-Key", key_ + "0"}}, 401, "not known"},
         {"not JSON", "/v1/requests", "{\"eventType\":", ok, 400, "not valid JSON"},
         {"array", "/v1/requests", "[1,2]", ok, 400, "JSON object"},
         {"no eventType", "/v1/requests", without(log, "eventType"), ok, 400, "eventType"},
@@ -169,7 +171,7 @@ TEST_F(UploadsTest, MalformedUploadsGetAClientErrorWithAJSONBodyAndStoreNothing)
         {"form body",
          "/v1/requests",
          good,
-         {{"Api-Key", "kt-dev-k"}, {"Content-Type", "text/plain"}},
+         {{"Api-Key", key_}, {"Content-Type", "text/plain"}},
          415,
          "application/json"},
         {"device without id", "/v1/devices", "{\"name\":\"x\"}", ok, 400, "\"id\" is missing"},
@@ -202,10 +204,10 @@ TEST_F(UploadsTest, BodiesAboveTheLimitGet413AndTheServiceKeepsServing) {
     startService(4096);
     // Padding inside a valid record, so that only the size decides.
     auto record = logRecord("L-1", "DEV-1", std::string(3000, 'a'));
-    ASSERT_EQ(upload(port_, "/v1/requests", serialize(record)).status, 200u);
+    ASSERT_EQ(put("/v1/requests", record).status, 200u);
 
     record["details"].as_object()["message"] = std::string(5000, 'b');
-    auto big = upload(port_, "/v1/requests", serialize(record));
+    auto big = put("/v1/requests", record);
     EXPECT_EQ(big.status, 413u);
     EXPECT_NE(std::string(big.json().at("error").as_string()).find("4096"), std::string::npos);
     EXPECT_EQ(big.header("connection"), "close");
@@ -220,6 +222,24 @@ TEST_F(UploadsTest, BodiesAboveTheLimitGet413AndTheServiceKeepsServing) {
 
     EXPECT_EQ(get("/api/health").status, 200u);
     EXPECT_EQ(get("/api/items").json().at("items").as_array().size(), 1u);
+}
+
+TEST_F(UploadsTest, AFiftyMegabyteItemIsRefusedAndNothingStoredIsLost) {
+    ASSERT_EQ(put("/v1/requests", requestHalf("R-1", "DEV-1")).status, 200u);
+    auto huge = responseHalf("R-1", "DEV-1");
+    huge["details"].as_object()["response"].as_object()["body"] = std::string(50 << 20, 'z');
+    const auto refused = put("/v1/requests", huge);
+    EXPECT_EQ(refused.status, 413u);
+    // Nesting deeper than the parser takes is a clear error too.
+    const auto deep =
+        upload(port_, "/v1/requests", std::string(100000, '[') + std::string(100000, ']'), key_);
+    EXPECT_EQ(deep.status, 400u);
+    EXPECT_TRUE(deep.json().at("error").is_string());
+
+    const auto item = get("/api/devices/DEV-1/items/R-1").json();
+    EXPECT_EQ(item.at("waiting"), true);
+    EXPECT_EQ(item.at("uploadCount"), 1);
+    EXPECT_EQ(get("/api/health").json().at("items"), 1);
 }
 
 TEST_F(UploadsTest, BrokenAndAbandonedRequestsLeaveTheServiceServing) {
@@ -243,8 +263,28 @@ TEST_F(UploadsTest, BrokenAndAbandonedRequestsLeaveTheServiceServing) {
     EXPECT_EQ(get("/api/health").json().at("status"), "ok");
 }
 
+TEST_F(UploadsTest, HealthChecksTheDatabase) {
+    ASSERT_EQ(put("/v1/requests", logRecord("L-1", "DEV-1")).status, 200u);
+    auto ok = get("/api/health");
+    ASSERT_EQ(ok.status, 200u);
+    EXPECT_EQ(ok.json().at("status"), "ok");
+    EXPECT_EQ(ok.json().at("items"), 1);
+
+    // The data directory is cleaned away under the running service (a temporary directory
+    // swept, a volume unmounted): what it writes from now on is lost at its next start.
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        std::filesystem::remove(dir_.path() / (std::string("devservice.sqlite") + suffix));
+    }
+    auto gone = get("/api/health");
+    EXPECT_EQ(gone.status, 503u) << gone.body;
+    EXPECT_EQ(gone.json().at("status"), "unavailable");
+    EXPECT_NE(std::string(gone.json().at("error").as_string()).find("devservice.sqlite"),
+              std::string::npos)
+        << gone.body;
+}
+
 TEST_F(UploadsTest, KeepAliveConnectionsServeSeveralRequests) {
-    const std::string one = "GET /api/health HTTP/1.1\r\nHost: x\r\n\r\n";
+    const std::string one = "GET /sample/users/2 HTTP/1.1\r\nHost: x\r\n\r\n";
     const std::string last = "GET /sample/users/1 HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n";
     const auto answers = rawExchange(port_, one + one + last);
     std::size_t count = 0;
@@ -257,21 +297,43 @@ TEST_F(UploadsTest, KeepAliveConnectionsServeSeveralRequests) {
 }
 
 TEST_F(UploadsTest, HistorySurvivesARestartOnTheSameDataDirectory) {
-    ASSERT_EQ(upload(port_, "/v1/devices", serialize(deviceDictionary("DEV-1"))).status, 200u);
-    ASSERT_EQ(upload(port_, "/v1/requests", serialize(requestHalf("R-1", "DEV-1"))).status, 200u);
+    ASSERT_EQ(put("/v1/devices", deviceDictionary("DEV-1")).status, 200u);
+    ASSERT_EQ(put("/v1/requests", requestHalf("R-1", "DEV-1")).status, 200u);
     service_->stop();
     startService();
 
     // The response half arriving after the restart still joins the stored request half.
-    ASSERT_EQ(upload(port_, "/v1/requests", serialize(responseHalf("R-1", "DEV-1"))).status, 200u);
+    ASSERT_EQ(put("/v1/requests", responseHalf("R-1", "DEV-1")).status, 200u);
     auto item = get("/api/items/R-1").json();
     EXPECT_TRUE(item.at("record").at("details").as_object().contains("request"));
     EXPECT_TRUE(item.at("record").at("details").as_object().contains("response"));
     auto devices = get("/api/devices").json().at("devices").as_array();
     ASSERT_EQ(devices.size(), 1u);
     EXPECT_EQ(devices[0].at("itemCount"), 1);
-    EXPECT_TRUE(std::filesystem::exists(dir_.path() / "devservice.sqlite-wal") ||
-                std::filesystem::exists(dir_.path() / "devservice.sqlite"));
+
+    // The history is the data directory's: a copy of the directory holds it, an empty
+    // directory holds none of it.
+    service_->stop();
+    TempDir copy;
+    std::filesystem::copy(dir_.path(), copy.path(),
+                          std::filesystem::copy_options::recursive |
+                              std::filesystem::copy_options::overwrite_existing);
+    TempDir empty;
+    for (const auto* dir : {&copy, &empty}) {
+        devservice::DevServiceOptions options;
+        options.port = 0;
+        options.dataDirectory = dir->path();
+        options.logRequests = false;
+        devservice::DevService other(options);
+        std::string error;
+        ASSERT_TRUE(other.start(&error)) << error;
+        const std::map<std::string, std::string> token = {
+            {"Authorization", "Bearer " + other.dashboardToken()}};
+        auto item = httpRequest(other.port(), "GET", "/api/items/R-1", {}, token);
+        EXPECT_EQ(item.status, dir == &copy ? 200u : 404u) << dir->path();
+        const auto devices = httpRequest(other.port(), "GET", "/api/devices", {}, token).json();
+        EXPECT_EQ(devices.at("devices").as_array().size(), dir == &copy ? 1u : 0u) << dir->path();
+    }
 }
 
 TEST_F(UploadsTest, ConcurrentUploadsAreAllKept) {
@@ -283,8 +345,7 @@ TEST_F(UploadsTest, ConcurrentUploadsAreAllKept) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < kEach; ++i) {
                 const std::string id = "L-" + std::to_string(t) + "-" + std::to_string(i);
-                if (upload(port_, "/v1/requests", serialize(logRecord(id, "DEV-1"))).status ==
-                    200u) {
+                if (put("/v1/requests", logRecord(id, "DEV-1")).status == 200u) {
                     ++accepted;
                 }
             }
