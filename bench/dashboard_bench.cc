@@ -288,9 +288,30 @@ std::pair<double, double> pushDelay(int perSecond, int seconds) {
     return {delays[delays.size() / 2], delays[delays.size() * 99 / 100]};
 }
 
+// One round of uploads with `pages` pages following and nothing else, for counting
+// instructions: valgrind --tool=callgrind bench_dashboard --once=0 (or =1, =50). The pages
+// read without parsing, so that what differs between the counts is the service's own work.
+int once(int pages) {
+    std::vector<std::unique_ptr<Uploader>> uploaders;
+    for (int c = 0; c < kClients; ++c) uploaders.push_back(std::make_unique<Uploader>(c));
+    std::vector<std::unique_ptr<Follower>> followers;
+    for (int p = 0; p < pages; ++p) followers.push_back(std::make_unique<Follower>(false));
+    std::vector<std::thread> threads;
+    for (auto& u : uploaders) threads.emplace_back([u = u.get()] { u->post(kUploadsPerClient); });
+    for (auto& t : threads) t.join();
+    for (auto& f : followers) f->waitFor(kUploadsPerIteration);
+    followers.clear();
+    environment().service->stop();
+    std::filesystem::remove_all(environment().dir);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 2 && std::string_view(argv[1]).starts_with("--once=")) {
+        return once(std::atoi(argv[1] + 7));
+    }
     kestro::bench::CollectingReporter reporter;
     kestro::bench::runBenchmarks(argc, argv, reporter, {kestro::bench::kInterleaved});
     const double alone = reporter.time("BM_UploadsAlone");
