@@ -127,8 +127,10 @@ TEST(ConfigTest, EndpointsFollowEnvironmentAndOverrides) {
     test::ScopedEnv prodHost("KESTRO_PROD_HOST", std::nullopt);
     EXPECT_EQ(getAPIEndpoint(), "http://127.0.0.1:3007");
     EXPECT_EQ(getWSAPIEndpoint(), "ws://127.0.0.1:3007");
+    EXPECT_TRUE(hasServiceHost(KestroEnvironment::dev));
     devHost.set("localhost");
     prodHost.set("127.0.0.2");
+    EXPECT_TRUE(hasServiceHost(KestroEnvironment::prod));
     EXPECT_EQ(getAPIEndpoint(KestroEnvironment::dev), "http://localhost:3007");
     EXPECT_EQ(getAPIEndpoint(KestroEnvironment::prod), "https://127.0.0.2");
     EXPECT_EQ(getWSAPIEndpoint(KestroEnvironment::prod), "wss://127.0.0.2");
@@ -140,6 +142,20 @@ TEST(ConfigTest, EndpointsFollowEnvironmentAndOverrides) {
     EXPECT_EQ(getAPIEndpoint(KestroEnvironment::dev), "http://[::1]:4100");
     devHost.set("[::1]");
     EXPECT_EQ(getAPIEndpoint(KestroEnvironment::dev), "http://[::1]:3007");
+}
+
+// Production has no host of its own: only the build setting (none by default) or the
+// environment names one, and an empty variable names none even where the build does.
+TEST(ConfigTest, ProductionHasOnlyTheHostItIsGiven) {
+    test::ScopedEnv prodHost("KESTRO_PROD_HOST", std::nullopt);
+    const std::string built = KESTRO_BUILD_PROD_HOST;
+    EXPECT_EQ(hasServiceHost(KestroEnvironment::prod), !built.empty());
+    EXPECT_EQ(getAPIEndpoint(KestroEnvironment::prod), built.empty() ? "" : "https://" + built);
+    EXPECT_EQ(getWSAPIEndpoint(KestroEnvironment::prod), built.empty() ? "" : "wss://" + built);
+    prodHost.set("");
+    EXPECT_FALSE(hasServiceHost(KestroEnvironment::prod));
+    EXPECT_EQ(getAPIEndpoint(KestroEnvironment::prod), "");
+    EXPECT_EQ(getWSAPIEndpoint(KestroEnvironment::prod), "");
 }
 
 TEST(ConfigTest, DictionaryAndEnableAllTouchOnlyTheirFields) {

@@ -178,5 +178,30 @@ TEST_F(CapturePipelineTest, LogLinesAndEventsAreUploadedAndStored) {
     EXPECT_NE(console.text().find("📡 SEND_LOG_TO_SERVER cache is 93.5 % full"), std::string::npos);
 }
 
+// Without a service (production with no host) every kind of item is stored, none is sent.
+TEST_F(CapturePipelineTest, WithoutAServiceItemsAreStoredAndNotSent) {
+    int sent = 0;
+    const CapturePipeline offline(CapturePipeline::Dependencies{
+        .store = [this]() -> RequestStoreSQLite& { return *store_; },
+        .apiEndpoint = [] { return std::string(); },
+        .apiKey = [] { return std::string("kt-prod-test"); },
+        .deviceDictionary = [] { return JSONDictionary{}; },
+        .send = [&](std::string, JSONDictionary, std::string) { ++sent; },
+    });
+    test::ConsoleSilence quiet;
+    const UUID id = UUID::random();
+    offline.handleNetworkReport(startReport(id));
+    offline.handleNetworkReport(responseReport(id, 200));
+    RequestTypeLog log;
+    log.id = newUUIDString();
+    log.type = "log";
+    offline.handleLogRecord(log);
+    offline.logEvent("offline", "test", {});
+    EXPECT_EQ(sent, 0);
+    EXPECT_EQ(store_->getAll().size(), 3u);
+    ASSERT_TRUE(store_->getById(id.string()).has_value());
+    EXPECT_TRUE(store_->getById(id.string())->asNetworkRequest()->details.response.has_value());
+}
+
 }  // namespace
 }  // namespace kestro

@@ -61,7 +61,7 @@ inline KestroConfigDictionary dictionary(const KestroConfig& c) {
 
 /// One capture feature's switch. Shared (held by reference), not copied.
 class KESTRO_API SDKFeatureState {
-public:
+  public:
     SDKFeatureState(RequestType requestType, bool isEnabled)
         : requestType_(requestType), isEnabled_(isEnabled) {}
     RequestType requestType() const { return requestType_; }
@@ -69,17 +69,25 @@ public:
     void setEnabled(bool enabled) { isEnabled_ = enabled; }
     bool& isEnabledRef() { return isEnabled_; }
 
-private:
+  private:
     RequestType requestType_;
     bool isEnabled_;
 };
 
+/// Whether the environment has a service host. The development host defaults to 127.0.0.1;
+/// the production host has no default: it is the KESTRO_PROD_HOST build setting or, at run
+/// time, the KESTRO_PROD_HOST environment variable (set and empty, it names none), and without
+/// one production has no service: nothing is uploaded and no link is opened.
+KESTRO_API bool hasServiceHost(KestroEnvironment env);
+
 /// HTTP base URL of the service, no trailing slash ("http://<dev host>:3007" or
-/// "https://<prod host>"). The hosts come from the build and can be overridden at run time
-/// with KESTRO_DEV_HOST / KESTRO_PROD_HOST. A development host that names a port
-/// ("127.0.0.1:4000", "[::1]:4000") is used with that port instead of 3007.
+/// "https://<prod host>"); the empty text for production when it has no host. The hosts come
+/// from the build and can be overridden at run time with KESTRO_DEV_HOST / KESTRO_PROD_HOST.
+/// A development host that names a port ("127.0.0.1:4000", "[::1]:4000") is used with that
+/// port instead of 3007.
 KESTRO_API std::string getAPIEndpoint(KestroEnvironment env = KestroEnvironment::dev);
-/// WebSocket base URL of the service ("ws://<dev host>:3007" or "wss://<prod host>").
+/// WebSocket base URL of the service ("ws://<dev host>:3007" or "wss://<prod host>"); the
+/// empty text for production when it has no host.
 KESTRO_API std::string getWSAPIEndpoint(KestroEnvironment env = KestroEnvironment::dev);
 
 /// Name of a level as text ("verbose", "debug", ...), for diagnostics and settings screens.

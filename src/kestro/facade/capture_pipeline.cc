@@ -42,9 +42,11 @@ RequestTypeRequest CapturePipeline::networkRecord(const InterceptedRequestWrappe
 }
 
 void CapturePipeline::upload(const RequestEventType& record) const {
+    std::string endpoint = deps_.apiEndpoint();
+    if (endpoint.empty()) return;  // no service (production without a host): stored only
     JSONDictionary body = record.encode();
     body["device"] = deps_.deviceDictionary ? deps_.deviceDictionary() : JSONDictionary{};
-    deps_.send(deps_.apiEndpoint() + kRequestsPath, std::move(body), deps_.apiKey());
+    deps_.send(std::move(endpoint) + kRequestsPath, std::move(body), deps_.apiKey());
 }
 
 void CapturePipeline::handleNetworkReport(const InterceptedRequestWrapper& wrapper) const {

@@ -84,6 +84,7 @@ struct KestroInternal::Impl : std::enable_shared_from_this<Impl> {
     std::optional<DeviceInfo> deviceInfo;  // the host's own; never set by Kestro
     std::string deviceUUID;                // loaded by initialisation
     bool initialized = false;              // a valid initialize has run
+    bool warnedNoService = false;          // the "no production service" line was printed
     // Posts a registration body; see facade::internal::setDeviceUpload.
     DeviceUpload deviceUpload = uploadDevice;
     std::shared_ptr<WebsocketOptions> websocketOptions = std::make_shared<WebsocketOptions>();
@@ -130,7 +131,9 @@ struct KestroInternal::Impl : std::enable_shared_from_this<Impl> {
                 env = impl->env;
                 upload = impl->deviceUpload;
             }
-            registerDevice(kestro::getAPIEndpoint(env), body, apiKey, upload);
+            const std::string endpoint = kestro::getAPIEndpoint(env);
+            if (endpoint.empty()) return;  // no service to register with
+            registerDevice(endpoint, body, apiKey, upload);
         });
     }
 
@@ -152,6 +155,39 @@ struct KestroInternal::Impl : std::enable_shared_from_this<Impl> {
                 });
             });
         }
+    }
+
+    // Opens the dashboard link and keeps it (on the main queue).
+    void openLink(const std::string& key, const std::string& uuid, const std::string& endpoint,
+                  const WebsocketOptions& options) {
+        auto link = std::make_shared<WebsocketManager>(key, uuid, endpoint, options);
+        {
+            std::lock_guard lock(mutex);
+            websocketManager = link;
+        }
+        link->setOnMessage([](const std::string& text) {
+            // Dashboard commands act on the process-wide facade, whichever instance opened
+            // the link.
+            KestroInternal& kestro = Kestro();
+            RemoteCommandTargets targets{
+                .mockCache = [&kestro]() -> MockCache& { return kestro.getMockCache(); },
+                .setBreakPointEnabled =
+                    [&kestro](bool on) { kestro.getNetworkInterceptor().setBreakPointEnabled(on); },
+                .releaseBreakpoints =
+                    [&kestro] { kestro.getNetworkInterceptor().semaphore().release(); },
+                .logEvent =
+                    [&kestro](const std::string& name, const std::string& category,
+                              const boost::json::object& payload) {
+                        kestro.logEvent(name, category, payload);
+                    },
+            };
+            handleWebSocketMessage(text, targets);
+        });
+        link->connect(true);
+        // Every confirmed connection, reconnections included, registers the device again.
+        link->setOnConnect([weak = weak_from_this()] {
+            if (const auto impl = weak.lock()) impl->setupDevice();
+        });
     }
 
     void reconnectLink() {
@@ -298,7 +334,6 @@ void KestroInternal::setDeviceInfo(std::optional<DeviceInfo> deviceInfo) {
     impl_->deviceInfo = std::move(deviceInfo);
 }
 
-
 DeviceDictionary KestroInternal::getDeviceInfo(const std::optional<DeviceInfo>& deviceInfo) const {
     return deviceDictionary(deviceInfo);
 }
@@ -326,81 +361,69 @@ void KestroInternal::initialize(std::string_view apiKey, const KestroConfig& con
     }
     const bool dev = !isStoreOrTestFlightBuild() && config.environment == "dev";
     const KestroEnvironment env = dev ? KestroEnvironment::dev : KestroEnvironment::prod;
+    // Empty when production has no host: then nothing is uploaded and no link is opened.
     const std::string endpoint = getWSAPIEndpoint(env);
     const std::string uuid = loadOrCreateUUID();
+    bool warnNoService = false;
     {
         std::lock_guard lock(impl_->mutex);
         impl_->env = env;
         impl_->apiKey = std::string(apiKey);
         impl_->deviceUUID = uuid;
         impl_->initialized = true;
+        if (endpoint.empty() && !impl_->warnedNoService) {
+            impl_->warnedNoService = warnNoService = true;
+        }
     }
     setConfig(config);
     printI(LogLevel::verbose, "🐶 Kestro setup: " + std::string(apiKey) + " endpoint: " + endpoint +
                                   " deviceUUID: " + uuid);
+    if (warnNoService) {
+        printI(
+            "⚠️ No production service is configured (KESTRO_PROD_HOST): captured items are "
+            "stored but not uploaded, and no dashboard link is opened",
+            LogLevel::warning);
+    }
     setupDevice();
 
-    MainQueue::shared().post([weak = std::weak_ptr<Impl>(impl_), key = std::string(apiKey), uuid,
-                              endpoint] {
-        const auto impl = weak.lock();
-        if (!impl) return;
-        std::shared_ptr<WebsocketManager> previous;
-        std::shared_ptr<WebsocketOptions> options;
-        {
-            std::lock_guard lock(impl->mutex);
-            previous = impl->websocketManager;
-            options = impl->websocketOptions;
-        }
-        if (previous) previous->disconnect();
+    MainQueue::shared().post(
+        [weak = std::weak_ptr<Impl>(impl_), key = std::string(apiKey), uuid, endpoint] {
+            const auto impl = weak.lock();
+            if (!impl) return;
+            std::shared_ptr<WebsocketManager> previous;
+            std::shared_ptr<WebsocketOptions> options;
+            {
+                std::lock_guard lock(impl->mutex);
+                previous = impl->websocketManager;
+                options = impl->websocketOptions;
+            }
+            if (previous) previous->disconnect();
+            if (endpoint.empty()) {
+                std::lock_guard lock(impl->mutex);
+                impl->websocketManager = nullptr;
+            } else {
+                impl->openLink(key, uuid, endpoint, *options);
+            }
 
-        auto link = std::make_shared<WebsocketManager>(key, uuid, endpoint, *options);
-        {
-            std::lock_guard lock(impl->mutex);
-            impl->websocketManager = link;
-        }
-        link->setOnMessage([](const std::string& text) {
-            // Dashboard commands act on the process-wide facade, whichever instance opened
-            // the link.
-            KestroInternal& kestro = Kestro();
-            RemoteCommandTargets targets{
-                .mockCache = [&kestro]() -> MockCache& { return kestro.getMockCache(); },
-                .setBreakPointEnabled =
-                    [&kestro](bool on) { kestro.getNetworkInterceptor().setBreakPointEnabled(on); },
-                .releaseBreakpoints =
-                    [&kestro] { kestro.getNetworkInterceptor().semaphore().release(); },
-                .logEvent =
-                    [&kestro](const std::string& name, const std::string& category,
-                              const boost::json::object& payload) {
-                        kestro.logEvent(name, category, payload);
-                    },
-            };
-            handleWebSocketMessage(text, targets);
+            auto observer = std::make_unique<AppLifecycleObserver>();
+            observer->setOnMoveToBackground([] {});
+            observer->setOnMoveToForeground([weak] {
+                if (const auto impl = weak.lock()) impl->reconnectLink();
+            });
+            std::unique_ptr<AppLifecycleObserver> dropped;
+            {
+                std::lock_guard lock(impl->mutex);
+                dropped = std::move(impl->appLifeCycleObserver);
+                impl->appLifeCycleObserver = std::move(observer);
+            }
+            dropped.reset();
+            KestroConfig config;
+            {
+                std::lock_guard lock(impl->mutex);
+                config = impl->config;
+            }
+            impl->start(config);
         });
-        link->connect(true);
-        // Every confirmed connection, reconnections included, registers the device again.
-        link->setOnConnect([weak] {
-            if (const auto impl = weak.lock()) impl->setupDevice();
-        });
-
-        auto observer = std::make_unique<AppLifecycleObserver>();
-        observer->setOnMoveToBackground([] {});
-        observer->setOnMoveToForeground([weak] {
-            if (const auto impl = weak.lock()) impl->reconnectLink();
-        });
-        std::unique_ptr<AppLifecycleObserver> dropped;
-        {
-            std::lock_guard lock(impl->mutex);
-            dropped = std::move(impl->appLifeCycleObserver);
-            impl->appLifeCycleObserver = std::move(observer);
-        }
-        dropped.reset();
-        KestroConfig config;
-        {
-            std::lock_guard lock(impl->mutex);
-            config = impl->config;
-        }
-        impl->start(config);
-    });
 }
 
 void KestroInternal::onMoveToForeground() { impl_->reconnectLink(); }
