@@ -1,3 +1,5 @@
+#include "kestro/logging/print_interceptor.h"
+
 #include <gtest/gtest.h>
 
 #include <future>
@@ -5,8 +7,9 @@
 #include <set>
 #include <thread>
 
+#include "kestro/core/console.h"
 #include "kestro/facade/kestro_internal.h"
-#include "kestro/logging/print_interceptor.h"
+#include "kestro/logging/kestro_logger.h"
 #include "support/console_capture.h"
 #include "support/wait.h"
 
@@ -18,8 +21,24 @@ std::ostream& operator<<(std::ostream&, const ThrowsWhenFormatted&) {
     throw std::runtime_error("no description");
 }
 
+// Keeps what KestroLogger writes to the system log.
+class RecordingSink : public SystemLogSink {
+  public:
+    bool isEnabled(OSLogType) const override { return true; }
+    void write(OSLogType type, std::string_view subsystem, std::string_view,
+               std::string_view message, std::string_view, std::int64_t) override {
+        entries.add({type, std::string(subsystem), std::string(message)});
+    }
+    struct Entry {
+        OSLogType type;
+        std::string subsystem, message;
+    };
+    test::Recorder<Entry> entries;
+};
+using Entry = RecordingSink::Entry;
+
 class PrintInterceptorTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         PrintInterceptor::stopIntercepting();
         ASSERT_TRUE(PrintInterceptor::flush());
@@ -28,6 +47,7 @@ protected:
         PrintInterceptor::stopIntercepting();
         PrintInterceptor::flush();
         PrintInterceptor::setQueueFullWait(std::chrono::milliseconds(100));
+        setSystemLogSink(nullptr);
     }
     void capture() {
         PrintInterceptor::startIntercepting([this](const RequestTypeLog& r) { records.add(r); });
@@ -41,8 +61,9 @@ TEST_F(PrintInterceptorTest, ConsoleLineAndRecordOfOneCall) {
     capture();
     test::ConsoleCapture console;
     const auto line = __LINE__ + 1;
-    PrintInterceptor::log({.level = "notice", .subsystem = "com.app", .category = "net", .separator = ","},
-                          7, "word", std::string("has space"));
+    PrintInterceptor::log(
+        {.level = "notice", .subsystem = "com.app", .category = "net", .separator = ","}, 7, "word",
+        std::string("has space"));
     ASSERT_TRUE(records.waitFor(1));
     EXPECT_TRUE(std::regex_match(console.text(),
                                  std::regex(stampPattern() + R"(\[print_interceptor_test\.cc:)" +
@@ -57,7 +78,8 @@ TEST_F(PrintInterceptorTest, ConsoleLineAndRecordOfOneCall) {
     EXPECT_EQ(r.details.subsystem, "com.app");
     EXPECT_EQ(r.details.category, "net");
     EXPECT_EQ(r.details.file, "print_interceptor_test.cc");
-    EXPECT_NE(r.details.filePath.find("tests/logging/print_interceptor_test.cc"), std::string::npos);
+    EXPECT_NE(r.details.filePath.find("tests/logging/print_interceptor_test.cc"),
+              std::string::npos);
     EXPECT_EQ(r.details.line, line);
 }
 
@@ -68,12 +90,12 @@ TEST_F(PrintInterceptorTest, ExplicitFileAndLineAndEmptyCalls) {
     PrintInterceptor::log({.file = "bare.cc", .line = 3}, "x");
     ASSERT_TRUE(records.waitFor(2));
     const std::string text = console.text();
-    EXPECT_TRUE(std::regex_match(
-        text, std::regex(stampPattern() + R"(\[main\.swift:12\] \n)" + stampPattern() +
-                         R"(\[bare\.cc:3\] x\n)")))
+    EXPECT_TRUE(std::regex_match(text, std::regex(stampPattern() + R"(\[main\.swift:12\] \n)" +
+                                                  stampPattern() + R"(\[bare\.cc:3\] x\n)")))
         << text;
     auto all = records.values();
-    std::sort(all.begin(), all.end(), [](auto& a, auto& b) { return a.details.line > b.details.line; });
+    std::sort(all.begin(), all.end(),
+              [](auto& a, auto& b) { return a.details.line > b.details.line; });
     EXPECT_EQ(all[0].details.message, "");
     EXPECT_EQ(all[0].details.filePath, "/srv/app/main.swift");
     EXPECT_EQ(all[0].details.file, "main.swift");
@@ -98,7 +120,8 @@ TEST_F(PrintInterceptorTest, ThrowingFormatterAndHandlerStayInside) {
     EXPECT_NE(text.find("no description"), std::string::npos);
     EXPECT_EQ(text.find("] before"), std::string::npos);  // no half-written line
 
-    PrintInterceptor::startIntercepting([](const RequestTypeLog&) { throw std::logic_error("bad handler"); });
+    PrintInterceptor::startIntercepting(
+        [](const RequestTypeLog&) { throw std::logic_error("bad handler"); });
     console.clear();
     PrintInterceptor::log({}, "to a throwing handler");
     ASSERT_TRUE(PrintInterceptor::flush());
@@ -164,7 +187,8 @@ TEST_F(PrintInterceptorTest, FullQueueDropsCountsAndReports) {
     const auto dropped = after.dropped - before.dropped;
     // The drainer holds one record while blocked, so at most capacity + 1 fit.
     EXPECT_GE(dropped, static_cast<std::uint64_t>(extra - 1));
-    EXPECT_EQ(static_cast<std::uint64_t>(delivered.load()) + dropped, static_cast<std::uint64_t>(total));
+    EXPECT_EQ(static_cast<std::uint64_t>(delivered.load()) + dropped,
+              static_cast<std::uint64_t>(total));
     const std::string text = console.text();
     EXPECT_NE(text.find("⚠️ Log capture dropped"), std::string::npos);
     // Every console line was written even for dropped records.
@@ -210,9 +234,63 @@ TEST_F(PrintInterceptorTest, FacadeCallsCarryTheirLevelAndCallerLocation) {
             EXPECT_EQ(r.details.line, 9);
         }
     }
-    EXPECT_EQ(levelOf, (std::map<std::string, std::string>{{"l", "info"}, {"i", "info"}, {"w", "warn"},
-                                                            {"e", "error"}, {"n", "notice"}, {"f 1", "fault"},
-                                                            {"", "info"}, {"explicit", "warn"}}));
+    EXPECT_EQ(levelOf, (std::map<std::string, std::string>{{"l", "info"},
+                                                           {"i", "info"},
+                                                           {"w", "warn"},
+                                                           {"e", "error"},
+                                                           {"n", "notice"},
+                                                           {"f 1", "fault"},
+                                                           {"", "info"},
+                                                           {"explicit", "warn"}}));
+}
+
+// A null C string or nullptr, as an item or as a call's texts, reads "(null)" at every entry:
+// the console lines, the records, the journal entries and the SDK's own print.
+TEST_F(PrintInterceptorTest, NullTextsReadNullAtEveryEntry) {
+    capture();
+    auto sink = std::make_shared<RecordingSink>();
+    setSystemLogSink(sink);
+    test::ConsoleCapture console;
+    const char* none = nullptr;
+    char* mutableNone = nullptr;
+    const unsigned char* bytes = nullptr;
+    KestroInternal& k = Kestro();
+    k.l(none), k.i(nullptr), k.w(none, 1), k.e(2, nullptr), k.n(mutableNone), k.f(bytes);
+    k.i(At{none, 3}, none);
+    PrintInterceptor::log({.level = none, .subsystem = nullptr, .category = none, .file = none},
+                          none);
+    KestroLogger logger(none, nullptr);
+    logger.e(none);
+    logger.l(OSLogType::info, nullptr);
+    logger.i(OSLogPrivacy::privateValue, none);
+    printItems(LogLevel::error, "items:", none, nullptr);
+    k.printI(LogLevel::error, "facade items:", none);
+    printI(none, LogLevel::error);
+    ASSERT_TRUE(records.waitFor(11));
+    std::multiset<std::string> messages;
+    for (const auto& r : records.values()) messages.insert(r.details.message);
+    EXPECT_EQ(messages, (std::multiset<std::string>{"(null)", "(null)", "(null) 1", "2 (null)",
+                                                    "(null)", "(null)", "(null)", "(null)",
+                                                    "(null)", "(null)", "(null)"}));
+    int nullFiles = 0, nullTags = 0, nullLevels = 0;
+    for (const auto& r : records.values()) {
+        nullFiles += r.details.filePath == "(null)" && r.details.file == "(null)";
+        nullTags += r.details.subsystem == "(null)" && r.details.category == "(null)";
+        nullLevels += r.level == "(null)";
+    }
+    EXPECT_EQ(nullFiles, 2);   // At{nullptr} and LogCall{.file = nullptr}
+    EXPECT_EQ(nullTags, 4);    // the LogCall and the logger's three calls
+    EXPECT_EQ(nullLevels, 1);  // the LogCall
+    ASSERT_TRUE(sink->entries.waitFor(3));
+    for (const Entry& e : sink->entries.values()) {
+        EXPECT_EQ(e.subsystem, "(null)");
+        EXPECT_EQ(e.message, e.type == OSLogType::error ? "<private>" : "(null)");
+    }
+    const std::string text = console.text();
+    EXPECT_NE(text.find("] [(null):3] (null)\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("] items: (null) (null)\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("] facade items: (null)\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("] (null)\n"), std::string::npos) << text;
 }
 
 }  // namespace

@@ -500,7 +500,7 @@ bool KestroInternal::isStoreOrTestFlightBuild() const {
     return isStoreBuild() || isTestFlightBuild();
 }
 
-void KestroInternal::printI(std::string_view text, LogLevel level) const {
+void KestroInternal::printI(TextRef text, LogLevel level) const {
     if (consoleAllows(getConfig().logLevel, level)) writeConsoleLine(text);
 }
 

@@ -153,7 +153,7 @@ class KESTRO_API KestroInternal {
     const bool enforceKestroSheetInProductionBuilds;
 
     /// The SDK's leveled console print, filtered by this instance's config.logLevel.
-    void printI(std::string_view text, LogLevel level = LogLevel::verbose) const;
+    void printI(TextRef text, LogLevel level = LogLevel::verbose) const;
     template <typename... Items>
     void printI(LogLevel level, const Items&... items) const {
         try {

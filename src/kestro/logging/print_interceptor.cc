@@ -49,7 +49,7 @@ struct PendingLog {
 // Bounded multi-producer queue on a ring of sequenced slots: producers claim a slot with one
 // compare-and-swap and never take a lock. One drainer at a time consumes.
 class CaptureQueue {
-public:
+  public:
     static constexpr std::size_t kCapacity = 1 << 14;
 
     CaptureQueue() : slots_(kCapacity) {
@@ -76,7 +76,9 @@ public:
             }
         }
     }
-    void publish(Slot* slot) { slot->sequence.store(slot->position + 1, std::memory_order_release); }
+    void publish(Slot* slot) {
+        slot->sequence.store(slot->position + 1, std::memory_order_release);
+    }
 
     // Single consumer: the next published slot, or nullptr. Only the current drainer calls
     // front() and release(); head_ is atomic because drainers take turns across threads.
@@ -98,7 +100,7 @@ public:
         PendingLog log;
     };
 
-private:
+  private:
     std::vector<Slot> slots_;
     alignas(64) std::atomic<std::size_t> tail_{0};
     alignas(64) std::atomic<std::size_t> head_{0};
@@ -241,8 +243,8 @@ void enqueue(const LogCall& call, std::string_view message, std::string_view fil
         c.waitingForRoom.fetch_add(1, std::memory_order_acq_rel);
         {
             std::unique_lock lock(c.roomMutex);
-            const auto deadline = std::chrono::steady_clock::now() +
-                                  std::chrono::milliseconds(gRoomWaitMs.load());
+            const auto deadline =
+                std::chrono::steady_clock::now() + std::chrono::milliseconds(gRoomWaitMs.load());
             while ((slot = c.queue.claim()) == nullptr) {
                 if (c.roomCv.wait_until(lock, deadline) == std::cv_status::timeout) {
                     slot = c.queue.claim();
@@ -267,8 +269,8 @@ void enqueue(const LogCall& call, std::string_view message, std::string_view fil
 }  // namespace
 
 void PrintInterceptor::emit(const LogCall& call, std::string_view message) {
-    const std::string_view file =
-        call.file.empty() ? std::string_view(call.location.file_name()) : call.file;
+    const std::string_view file = call.file.empty() ? std::string_view(call.location.file_name())
+                                                    : std::string_view(call.file);
     const std::int64_t line =
         call.file.empty() && call.line < 0 ? call.location.line() : (call.line < 0 ? 0 : call.line);
 
@@ -297,12 +299,12 @@ void PrintInterceptor::emit(const LogCall& call, std::string_view message) {
 
 void PrintInterceptor::reportFormatFailure(const LogCall& call, const char* what) noexcept {
     try {
-        const std::string_view file =
-            call.file.empty() ? std::string_view(call.location.file_name()) : call.file;
-        printI(fmt::format("❌ A log call at {}:{} could not be formatted: {}",
-                           lastPathComponent(file),
-                           call.file.empty() && call.line < 0 ? call.location.line() : call.line,
-                           what),
+        const std::string_view file = call.file.empty()
+                                          ? std::string_view(call.location.file_name())
+                                          : std::string_view(call.file);
+        printI(fmt::format(
+                   "❌ A log call at {}:{} could not be formatted: {}", lastPathComponent(file),
+                   call.file.empty() && call.line < 0 ? call.location.line() : call.line, what),
                LogLevel::error);
     } catch (...) {
     }
