@@ -244,6 +244,37 @@ TEST_F(PrintInterceptorTest, FacadeCallsCarryTheirLevelAndCallerLocation) {
                                                            {"explicit", "warn"}}));
 }
 
+// Each text of the record is well-formed UTF-8, also where two of the caller's texts are
+// ill-formed only apart: a message that ends in a lead byte, a category and file that begin
+// with its continuation bytes. The console line keeps the caller's bytes.
+TEST_F(PrintInterceptorTest, RecordTextsAreRepairedOneByOne) {
+    capture();
+    test::ConsoleCapture console;
+    const std::string fffd = "\xEF\xBF\xBD";
+    PrintInterceptor::log({.level = "warn",
+                           .category = "\xA9"
+                                       "cat",
+                           .file = "\x82\xAC/f.cc"},
+                          "end \xC3");
+    PrintInterceptor::log({.level = "\xE2\x82",
+                           .subsystem = "\xAC"
+                                        "sub"},
+                          "fine");
+    ASSERT_TRUE(records.waitFor(2));
+    for (const RequestTypeLog& r : records.values()) {
+        if (r.details.message == "fine") {
+            EXPECT_EQ(r.level, fffd);
+            EXPECT_EQ(r.details.subsystem, fffd + "sub");
+        } else {
+            EXPECT_EQ(r.details.message, "end " + fffd);
+            EXPECT_EQ(r.details.category, fffd + "cat");
+            EXPECT_EQ(r.details.filePath, fffd + fffd + "/f.cc");
+            EXPECT_EQ(r.details.file, "f.cc");
+        }
+    }
+    EXPECT_NE(console.text().find("] end \xC3\n"), std::string::npos);
+}
+
 // A null C string or nullptr, as an item or as a call's texts, reads "(null)" at every entry:
 // the console lines, the records, the journal entries and the SDK's own print.
 TEST_F(PrintInterceptorTest, NullTextsReadNullAtEveryEntry) {

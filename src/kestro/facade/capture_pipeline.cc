@@ -38,6 +38,7 @@ RequestTypeRequest CapturePipeline::networkRecord(const InterceptedRequestWrappe
         record.details.response = RequestTypeRequestDetailsResponse{
             r.statusCode, r.headers, r.receivedAt.value_or(now), r.body};
     }
+    repairUTF8(record);  // header fields may carry any bytes
     return record;
 }
 
@@ -85,6 +86,7 @@ RequestTypeEvent CapturePipeline::logEvent(const std::string& name, const std::s
     const TimePoint now = std::chrono::system_clock::now();
     RequestTypeEvent event{newUUIDString(), "event", now, now,
                            RequestTypeEventDetails{name, category, payload}};
+    repairUTF8(event);
     RequestEventType item = RequestEventType::customEvent(event);
     upload(item);
     deps_.store().add(std::move(item));
