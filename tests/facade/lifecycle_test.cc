@@ -177,6 +177,42 @@ TEST_F(LifecycleTest, StopSwitchesOffOnlyWhatTheConfigurationTurnsOff) {
     EXPECT_FALSE(after.events);
 }
 
+// The feature states follow the switches: network and log while their capture is installed,
+// event with the stored configuration's events flag.
+TEST_F(LifecycleTest, FeatureStatesFollowStartStopStartAllAndStopAll) {
+    KestroInternal k;
+    test::ConsoleSilence quiet;
+    const std::vector<RequestType> all{RequestType::network, RequestType::log, RequestType::event};
+    EXPECT_EQ(k.supportedRequestTypes(), all);
+    const auto states = k.sdkFeatureState();
+    ASSERT_EQ(states.size(), 3u);
+    for (std::size_t i = 0; i < states.size(); ++i) EXPECT_EQ(states[i]->requestType(), all[i]);
+    struct On {
+        bool network, log, event;
+        bool operator==(const On&) const = default;
+    };
+    auto on = [&] {
+        // The states match what is really installed.
+        EXPECT_EQ(states[0]->isEnabled(), k.getNetworkInterceptor().isIntercepting());
+        EXPECT_EQ(states[1]->isEnabled(), PrintInterceptor::isIntercepting());
+        return On{states[0]->isEnabled(), states[1]->isEnabled(), states[2]->isEnabled()};
+    };
+    EXPECT_EQ(on(), (On{false, false, false}));
+    k.start(KestroConfig(true, false, true, LogLevel::error, "dev"));  // stores nothing
+    EXPECT_EQ(on(), (On{false, true, false}));
+    k.stop(KestroConfig(true, false, true, LogLevel::error, "dev"));
+    EXPECT_EQ(on(), (On{false, true, true}));
+    k.startAll();
+    EXPECT_EQ(on(), (On{true, true, true}));
+    k.stopAll();
+    EXPECT_EQ(on(), (On{false, false, true}));
+    k.startAll();
+    k.stop(KestroConfig(false, true, false, LogLevel::error, "dev"));
+    EXPECT_EQ(on(), (On{true, false, false}));
+    k.stopAll();
+    EXPECT_EQ(k.sdkFeatureState(), states);  // the same shared states throughout
+}
+
 TEST_F(LifecycleTest, EventsRecordBeforeInitialisationAndAfterItOnlyWhileSwitchedOn) {
     KestroInternal k;
     test::ConsoleSilence quiet;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -59,19 +60,22 @@ inline KestroConfigDictionary dictionary(const KestroConfig& c) {
     return {c.logs, c.network, c.logLevel};
 }
 
-/// One capture feature's switch. Shared (held by reference), not copied.
+/// One capture feature's switch. Shared (held by reference), not copied. The flag may be read
+/// and written from any thread.
 class KESTRO_API SDKFeatureState {
   public:
     SDKFeatureState(RequestType requestType, bool isEnabled)
         : requestType_(requestType), isEnabled_(isEnabled) {}
+    SDKFeatureState(const SDKFeatureState&) = delete;
+    SDKFeatureState& operator=(const SDKFeatureState&) = delete;
+
     RequestType requestType() const { return requestType_; }
-    bool isEnabled() const { return isEnabled_; }
-    void setEnabled(bool enabled) { isEnabled_ = enabled; }
-    bool& isEnabledRef() { return isEnabled_; }
+    bool isEnabled() const { return isEnabled_.load(std::memory_order_relaxed); }
+    void setEnabled(bool enabled) { isEnabled_.store(enabled, std::memory_order_relaxed); }
 
   private:
-    RequestType requestType_;
-    bool isEnabled_;
+    const RequestType requestType_;
+    std::atomic<bool> isEnabled_;
 };
 
 /// Whether the environment has a service host. The development host defaults to 127.0.0.1;

@@ -85,6 +85,14 @@ struct KestroInternal::Impl : std::enable_shared_from_this<Impl> {
     std::string deviceUUID;                // loaded by initialisation
     bool initialized = false;              // a valid initialize has run
     bool warnedNoService = false;          // the "no production service" line was printed
+    // network, log, event; see sdkFeatureState(). The list itself never changes.
+    const std::vector<std::shared_ptr<SDKFeatureState>> featureStates{
+        std::make_shared<SDKFeatureState>(RequestType::network, false),
+        std::make_shared<SDKFeatureState>(RequestType::log, false),
+        std::make_shared<SDKFeatureState>(RequestType::event, false)};
+    SDKFeatureState& state(RequestType type) const {
+        return *featureStates[static_cast<std::size_t>(type)];
+    }
     // Posts a registration body; see facade::internal::setDeviceUpload.
     DeviceUpload deviceUpload = uploadDevice;
     std::shared_ptr<WebsocketOptions> websocketOptions = std::make_shared<WebsocketOptions>();
@@ -147,6 +155,7 @@ struct KestroInternal::Impl : std::enable_shared_from_this<Impl> {
                     if (const auto impl = weak.lock()) impl->pipeline->handleNetworkReport(w);
                 });
             });
+            state(RequestType::network).setEnabled(true);
         }
         if (config.logs) {
             PrintInterceptor::startIntercepting([weak](const RequestTypeLog& record) {
@@ -154,7 +163,17 @@ struct KestroInternal::Impl : std::enable_shared_from_this<Impl> {
                     if (const auto impl = weak.lock()) impl->pipeline->handleLogRecord(record);
                 });
             });
+            state(RequestType::log).setEnabled(true);
         }
+    }
+
+    void stopNetwork() {
+        networkInterceptor.stopIntercepting();
+        state(RequestType::network).setEnabled(false);
+    }
+    void stopLogs() {
+        PrintInterceptor::stopIntercepting();
+        state(RequestType::log).setEnabled(false);
     }
 
     // Opens the dashboard link and keeps it (on the main queue).
@@ -273,6 +292,7 @@ void KestroInternal::setConfig(const KestroConfig& config) {
     {
         std::lock_guard lock(impl_->mutex);
         impl_->config = config;
+        impl_->state(RequestType::event).setEnabled(config.events);
     }
     // Only the process-wide facade owns the console threshold.
     if (this == &Kestro()) setConsoleLevel(config.logLevel);
@@ -432,8 +452,8 @@ void KestroInternal::start(const KestroConfig& config) { impl_->start(config); }
 
 void KestroInternal::stop(const KestroConfig& config) {
     setConfig(config);
-    if (!config.network) impl_->networkInterceptor.stopIntercepting();
-    if (!config.logs) PrintInterceptor::stopIntercepting();
+    if (!config.network) impl_->stopNetwork();
+    if (!config.logs) impl_->stopLogs();
 }
 
 void KestroInternal::startAll() {
@@ -448,8 +468,18 @@ void KestroInternal::startAll() {
 }
 
 void KestroInternal::stopAll() {
-    impl_->networkInterceptor.stopIntercepting();
-    PrintInterceptor::stopIntercepting();
+    impl_->stopNetwork();
+    impl_->stopLogs();
+}
+
+const std::vector<std::shared_ptr<SDKFeatureState>>& KestroInternal::sdkFeatureState() const {
+    return impl_->featureStates;
+}
+
+const std::vector<RequestType>& KestroInternal::supportedRequestTypes() const {
+    static const std::vector<RequestType> types{RequestType::network, RequestType::log,
+                                                RequestType::event};
+    return types;
 }
 
 void KestroInternal::logEvent(const std::string& name, const std::string& category,
