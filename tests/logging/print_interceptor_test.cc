@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <mutex>
 #include <regex>
 #include <set>
 #include <thread>
@@ -195,22 +196,46 @@ TEST_F(PrintInterceptorTest, FullQueueDropsCountsAndReports) {
     EXPECT_NE(text.find("] " + std::to_string(total - 1) + "\n"), std::string::npos);
 }
 
+// Handlers swapped while another thread logs: once a swap returns, the handler it replaced is
+// never called again (each handler checks that it may still run); no record reaches a handler
+// twice; and after the last swap every record reaches the last handler.
 TEST_F(PrintInterceptorTest, HandlerCanBeSwappedWhileLogging) {
-    std::atomic<int> a{0}, b{0};
-    std::atomic<bool> stop{false};
+    std::atomic<bool> aMayRun{false}, bMayRun{false}, stop{false};
+    std::atomic<int> late{0}, finals{0};
+    std::mutex idsMutex;
+    std::set<std::string> ids;
+    int duplicates = 0;
+    auto handler = [&](std::atomic<bool>& mayRun) {
+        return [&](const RequestTypeLog& r) {
+            if (!mayRun.load()) ++late;
+            if (r.details.message == "final") ++finals;
+            std::lock_guard lock(idsMutex);
+            duplicates += ids.insert(r.id).second ? 0 : 1;
+        };
+    };
     test::ConsoleSilence silence;
     std::thread logger([&] {
-        for (int i = 0; i < 20000 && !stop; ++i) PrintInterceptor::log({}, i);
+        for (int i = 0; i < 20000; ++i) PrintInterceptor::log({}, i);
+        stop = true;
     });
-    for (int i = 0; i < 200; ++i) {
-        PrintInterceptor::startIntercepting([&](const RequestTypeLog&) { ++a; });
+    // Swaps go on for as long as the other thread logs.
+    for (int i = 0; i < 1000000 && !stop; ++i) {
+        aMayRun = true;
+        PrintInterceptor::startIntercepting(handler(aMayRun));
+        bMayRun = false;  // replaced: b may no longer run
         PrintInterceptor::stopIntercepting();
-        PrintInterceptor::startIntercepting([&](const RequestTypeLog&) { ++b; });
+        aMayRun = false;
+        bMayRun = true;
+        PrintInterceptor::startIntercepting(handler(bMayRun));
     }
     logger.join();
+    for (int i = 0; i < 100; ++i) PrintInterceptor::log({}, "final");
     ASSERT_TRUE(PrintInterceptor::flush());
     PrintInterceptor::stopIntercepting();
-    EXPECT_GT(a.load() + b.load(), 0);
+    bMayRun = false;
+    EXPECT_EQ(late.load(), 0);
+    EXPECT_EQ(duplicates, 0);
+    EXPECT_EQ(finals.load(), 100);
 }
 
 TEST_F(PrintInterceptorTest, FacadeCallsCarryTheirLevelAndCallerLocation) {
