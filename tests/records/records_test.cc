@@ -146,15 +146,6 @@ TEST(RecordsTest, MalformedNetworkHalvesAreDroppedNotTheRecord) {
     EXPECT_EQ(back->asNetworkRequest()->details.request, sampleRequest().details.request);
 }
 
-TEST(RecordsTest, ExtraTopLevelKeyIsAppended) {
-    const RequestEventType record(sampleEvent());
-    const json::value device = json::parse(R"({"id":"D","platform":"linux"})");
-    const json::value parsed = json::parse(record.toJSON("device", device));
-    json::object expected = record.encode();
-    expected["device"] = device;
-    EXPECT_EQ(parsed, json::value(expected));
-}
-
 // Repair reaches every text a record carries, keys of header maps and payloads included, and
 // leaves a well-formed record as it was.
 TEST(RecordsTest, RepairLeavesOnlyWellFormedTexts) {

@@ -446,8 +446,6 @@ void KestroInternal::initialize(std::string_view apiKey, const KestroConfig& con
         });
 }
 
-void KestroInternal::onMoveToForeground() { impl_->reconnectLink(); }
-
 void KestroInternal::start(const KestroConfig& config) { impl_->start(config); }
 
 void KestroInternal::stop(const KestroConfig& config) {

@@ -200,7 +200,6 @@ class KESTRO_API KestroInternal {
     // The device registration: gathers the shared description once, builds the dictionary
     // and posts it to "/v1/devices" with the key in use, all on the global executor.
     void setupDevice();
-    void onMoveToForeground();
     friend void facade::internal::setDeviceUpload(KestroInternal&, DeviceUpload);
     friend void facade::internal::setWebsocketOptions(KestroInternal&, const WebsocketOptions&);
 

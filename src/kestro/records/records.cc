@@ -429,19 +429,6 @@ std::string RequestEventType::toJSON() const {
     return out;
 }
 
-std::string RequestEventType::toJSON(std::string_view extraKey,
-                                     const boost::json::value& extraValue) const {
-    std::string out = toJSON();
-    out.pop_back();  // the closing brace
-    {
-        Writer w(out, false);  // eventType always precedes the extra key
-        w.key(extraKey);
-    }
-    out += json::serialize(extraValue);
-    out.push_back('}');
-    return out;
-}
-
 // --- decode ---------------------------------------------------------------------------------
 
 std::optional<RequestTypeLogDetails> RequestTypeLogDetails::decode(const JSONDictionary& d) {

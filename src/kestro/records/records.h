@@ -157,8 +157,6 @@ class KESTRO_API RequestEventType {
     /// encode() serialised compactly, written directly without building the dictionary.
     /// Parses to a value equal to encode().
     std::string toJSON() const;
-    /// toJSON() with one more top-level key appended (the upload adds "device").
-    std::string toJSON(std::string_view extraKey, const boost::json::value& extraValue) const;
 
     bool operator==(const RequestEventType&) const = default;
 
