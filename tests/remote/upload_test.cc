@@ -8,7 +8,6 @@
 #include <limits>
 
 #include "kestro/network/url_protocol.h"
-#include "support/console_capture.h"
 #include "support/http_server.h"
 #include "support/wait.h"
 
