@@ -1,13 +1,13 @@
 #include "kestro/network/url_session.h"
 
 #include <gtest/gtest.h>
+#include <strings.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
-#include <strings.h>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -104,7 +104,8 @@ TEST(URLSessionTest, RequestAndSessionHeaderFieldsAreSentOnceEach) {
     // A field cannot add lines of its own: it ends at a line break or NUL.
     r.setValue("a\r\nX-Injected: 1", "X-Broken");
     r.setValue(std::string("b\0X-Hidden: 2", 13), "X-Nul");
-    for (int i = 0; i < 20; ++i) r.setValue(std::string(i * 10, 'v'), "X-Field-" + std::to_string(i));
+    for (int i = 0; i < 20; ++i)
+        r.setValue(std::string(i * 10, 'v'), "X-Field-" + std::to_string(i));
     Outcome o = load(withExtras, r);
     ASSERT_FALSE(o.error) << o.error->localizedDescription();
     // A request with no fields of its own gets the session's.
@@ -127,7 +128,8 @@ TEST(URLSessionTest, RequestAndSessionHeaderFieldsAreSentOnceEach) {
     EXPECT_FALSE(first.header("Expect").has_value());
     EXPECT_EQ(first.body.size(), 2u << 20);
     int shared = 0;
-    for (const auto& [name, value] : first.headers) shared += strcasecmp(name.c_str(), "x-shared") == 0;
+    for (const auto& [name, value] : first.headers)
+        shared += strcasecmp(name.c_str(), "x-shared") == 0;
     EXPECT_EQ(shared, 1);
     EXPECT_EQ(received[1].header("X-Shared"), "from the session");
     EXPECT_FALSE(received[1].header("X-Empty").has_value());
@@ -517,11 +519,18 @@ TEST(URLSessionTest, WorkHandedToABusyLoopGoesToAWorker) {
 // Cancelling while the answer is arriving: whichever wins, the completion runs exactly once,
 // never on the thread that resumed and cancelled, and the loop holds nothing afterwards.
 TEST(URLSessionTest, CancelRacingTheAnswerCompletesOnce) {
-    HttpServer server([](const test::ReceivedRequest&) { return HttpReply::text(200, "ok"); });
+    // One request in twenty is answered late, so that some cancellations surely come first
+    // however fast loopback is (in a network namespace of its own it beat all of them).
+    HttpServer server([](const test::ReceivedRequest& r) {
+        HttpReply reply = HttpReply::text(200, "ok");
+        if (r.target == "/late") reply.delay = std::chrono::seconds(5);
+        return reply;
+    });
     const std::thread::id caller = std::this_thread::get_id();
     std::vector<std::unique_ptr<test::Fetch>> fetches;
     for (int i = 0; i < 200; ++i) {
-        auto f = std::make_unique<test::Fetch>(session(), URLRequest(server.url("/race")));
+        auto f = std::make_unique<test::Fetch>(
+            session(), URLRequest(server.url(i % 20 == 0 ? "/late" : "/race")));
         f->resume();
         // Spread the cancellations over the transfer's life: before the request is written,
         // while the answer is on its way, and after it has been delivered.
