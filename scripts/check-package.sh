@@ -17,8 +17,8 @@ export KESTRO_HOME="$work/home"  # where the consumer's facade keeps its setting
 
 echo "package: installing $build into a temporary prefix"
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
-cmake -S "$root/tests/package" -B "$work/installed" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-    -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake -S "$root/tests/package" -B "$work/installed" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" \
+    >/dev/null
 cmake --build "$work/installed" >/dev/null
 "$work/installed/consumer"
 "$work/installed/consumer_every_target"
