@@ -6,7 +6,7 @@
 set -euo pipefail
 
 PACKAGES=(
-    cmake g++ make ninja-build pkg-config git ca-certificates openssl
+    cmake g++ make ninja-build pkg-config git ca-certificates openssl ccache iproute2
     clang clang-format libclang-rt-14-dev
     libcurl4-openssl-dev libssl-dev libbrotli-dev zlib1g-dev
     libsqlite3-dev sqlite3

@@ -1,3 +1,5 @@
+#include "kestro/core/console.h"
+
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -5,9 +7,9 @@
 #include <vector>
 
 #include "kestro/core/config.h"
-#include "kestro/core/console.h"
 #include "kestro/core/time_text.h"
 #include "support/console_capture.h"
+#include "support/scoped_env.h"
 
 namespace kestro {
 namespace {
@@ -16,7 +18,7 @@ constexpr LogLevel kLevels[] = {LogLevel::verbose, LogLevel::debug, LogLevel::in
                                 LogLevel::warning, LogLevel::error};
 
 class ConsoleTest : public ::testing::Test {
-protected:
+  protected:
     void TearDown() override { setConsoleLevel(LogLevel::debug); }
 };
 
@@ -36,9 +38,9 @@ TEST_F(ConsoleTest, LevelTableDecidesWhichLinesAreWritten) {
     EXPECT_EQ(actual, "YYYYY|.YYYY|.YYYY|.YYYY|YYYYY|");
     for (LogLevel configured : kLevels)
         for (LogLevel call : kLevels)
-            EXPECT_EQ(consoleAllows(configured, call),
-                      call != LogLevel::verbose || configured == LogLevel::verbose ||
-                          configured == LogLevel::error);
+            EXPECT_EQ(consoleAllows(configured, call), call != LogLevel::verbose ||
+                                                           configured == LogLevel::verbose ||
+                                                           configured == LogLevel::error);
 }
 
 TEST_F(ConsoleTest, LineIsTimeStampAndTextEvenWhenEmpty) {
@@ -121,26 +123,39 @@ TEST(TimeTextTest, FormatsAndConvertsPointsInTime) {
 }
 
 TEST(ConfigTest, EndpointsFollowEnvironmentAndOverrides) {
-    unsetenv("KESTRO_DEV_HOST");
-    unsetenv("KESTRO_PROD_HOST");
+    test::ScopedEnv devHost("KESTRO_DEV_HOST", std::nullopt);
+    test::ScopedEnv prodHost("KESTRO_PROD_HOST", std::nullopt);
     EXPECT_EQ(getAPIEndpoint(), "http://127.0.0.1:3007");
     EXPECT_EQ(getWSAPIEndpoint(), "ws://127.0.0.1:3007");
-    EXPECT_EQ(getAPIEndpoint(KestroEnvironment::prod).rfind("https://", 0), 0u);
-    EXPECT_EQ(getWSAPIEndpoint(KestroEnvironment::prod).rfind("wss://", 0), 0u);
-    setenv("KESTRO_DEV_HOST", "localhost", 1);
-    setenv("KESTRO_PROD_HOST", "127.0.0.2", 1);
+    EXPECT_TRUE(hasServiceHost(KestroEnvironment::dev));
+    devHost.set("localhost");
+    prodHost.set("127.0.0.2");
+    EXPECT_TRUE(hasServiceHost(KestroEnvironment::prod));
     EXPECT_EQ(getAPIEndpoint(KestroEnvironment::dev), "http://localhost:3007");
+    EXPECT_EQ(getAPIEndpoint(KestroEnvironment::prod), "https://127.0.0.2");
     EXPECT_EQ(getWSAPIEndpoint(KestroEnvironment::prod), "wss://127.0.0.2");
     // A development host may name its own port; a bracketed IPv6 address alone does not.
-    setenv("KESTRO_DEV_HOST", "127.0.0.1:4100", 1);
+    devHost.set("127.0.0.1:4100");
     EXPECT_EQ(getAPIEndpoint(KestroEnvironment::dev), "http://127.0.0.1:4100");
     EXPECT_EQ(getWSAPIEndpoint(KestroEnvironment::dev), "ws://127.0.0.1:4100");
-    setenv("KESTRO_DEV_HOST", "[::1]:4100", 1);
+    devHost.set("[::1]:4100");
     EXPECT_EQ(getAPIEndpoint(KestroEnvironment::dev), "http://[::1]:4100");
-    setenv("KESTRO_DEV_HOST", "[::1]", 1);
+    devHost.set("[::1]");
     EXPECT_EQ(getAPIEndpoint(KestroEnvironment::dev), "http://[::1]:3007");
-    unsetenv("KESTRO_DEV_HOST");
-    unsetenv("KESTRO_PROD_HOST");
+}
+
+// Production has no host of its own: only the build setting (none by default) or the
+// environment names one, and an empty variable names none even where the build does.
+TEST(ConfigTest, ProductionHasOnlyTheHostItIsGiven) {
+    test::ScopedEnv prodHost("KESTRO_PROD_HOST", std::nullopt);
+    const std::string built = KESTRO_BUILD_PROD_HOST;
+    EXPECT_EQ(hasServiceHost(KestroEnvironment::prod), !built.empty());
+    EXPECT_EQ(getAPIEndpoint(KestroEnvironment::prod), built.empty() ? "" : "https://" + built);
+    EXPECT_EQ(getWSAPIEndpoint(KestroEnvironment::prod), built.empty() ? "" : "wss://" + built);
+    prodHost.set("");
+    EXPECT_FALSE(hasServiceHost(KestroEnvironment::prod));
+    EXPECT_EQ(getAPIEndpoint(KestroEnvironment::prod), "");
+    EXPECT_EQ(getWSAPIEndpoint(KestroEnvironment::prod), "");
 }
 
 TEST(ConfigTest, DictionaryAndEnableAllTouchOnlyTheirFields) {

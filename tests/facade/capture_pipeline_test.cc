@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "kestro/core/console.h"
+#include "kestro/logging/print_interceptor.h"
 #include "kestro/remote/upload.h"
 #include "kestro/store/request_store_sqlite.h"
 #include "support/console_capture.h"
@@ -176,6 +177,82 @@ TEST_F(CapturePipelineTest, LogLinesAndEventsAreUploadedAndStored) {
     EXPECT_EQ(store_->getById(log.id)->asLog()->details.message, "cache is 93.5 % full");
     EXPECT_EQ(store_->getById(event.id)->asCustomEvent()->details.name, "checkout");
     EXPECT_NE(console.text().find("📡 SEND_LOG_TO_SERVER cache is 93.5 % full"), std::string::npos);
+}
+
+// Texts with ill-formed UTF-8 (a log line's message, file path, subsystem and category; an
+// event's name, category and payload texts, keys included; a request's header fields) are
+// repaired where the records are built, so each record is stored and uploaded as JSON.
+TEST_F(CapturePipelineTest, IllFormedUTF8IsRepairedSoEveryRecordIsStoredAndUploaded) {
+    const std::string fffd = "\xEF\xBF\xBD";
+    test::ConsoleCapture console;
+    PrintInterceptor::startIntercepting(
+        [this](const RequestTypeLog& record) { pipeline_->handleLogRecord(record); });
+    PrintInterceptor::log({.level = "warn",
+                           .subsystem = "sub\xC3",
+                           .category = "\xE2\x82(cat)",
+                           .file = "/src/\xFF\xFE"
+                                   "dir/file\xC0.cc",
+                           .line = 4},
+                          "caf\xE9 au lait");
+    ASSERT_TRUE(PrintInterceptor::flush());
+    PrintInterceptor::stopIntercepting();
+    pipeline_->logEvent("sign\xEDin",
+                        "\xF5"
+                        "acct",
+                        JSONDictionary{{"note", "ok \xED\xA0\x80 end"},
+                                       {"k\xFF", boost::json::array{"\xF0\x9F\x98", 1}}});
+    const UUID id = UUID::random();
+    InterceptedRequestWrapper start = startReport(id);
+    start.request->request->headers["X-Legacy"] =
+        "Stra\xDF"
+        "e";
+    pipeline_->handleNetworkReport(start);
+
+    auto bodies = uploads(3);
+    std::map<std::string, boost::json::object> byKind;
+    for (auto& body : bodies) byKind[std::string(body.at("eventType").as_string())] = body;
+    const auto& log = byKind["log"].at("details").as_object();
+    EXPECT_EQ(log.at("message").as_string(), "caf" + fffd + " au lait");
+    EXPECT_EQ(log.at("subsystem").as_string(), "sub" + fffd);
+    EXPECT_EQ(log.at("category").as_string(), fffd + "(cat)");
+    EXPECT_EQ(log.at("filePath").as_string(), "/src/" + fffd + fffd + "dir/file" + fffd + ".cc");
+    EXPECT_EQ(log.at("file").as_string(), "file" + fffd + ".cc");
+    const auto& event = byKind["customEvent"].at("details").as_object();
+    EXPECT_EQ(event.at("name").as_string(), "sign" + fffd + "in");
+    EXPECT_EQ(event.at("category").as_string(), fffd + "acct");
+    const auto& payload = event.at("payload").as_object();
+    EXPECT_EQ(payload.at("note").as_string(), "ok " + fffd + fffd + fffd + " end");
+    EXPECT_EQ(payload.at("k" + fffd).as_array().at(0).as_string(), fffd);
+    const auto& request = byKind["networkRequest"].at("details").at("request").as_object();
+    EXPECT_EQ(request.at("headers").at("X-Legacy").as_string(), "Stra" + fffd + "e");
+
+    EXPECT_EQ(store_->getAll().size(), 3u);
+    EXPECT_EQ(console.text().find("Encoding failed"), std::string::npos) << console.text();
+}
+
+// Without a service (production with no host) every kind of item is stored, none is sent.
+TEST_F(CapturePipelineTest, WithoutAServiceItemsAreStoredAndNotSent) {
+    int sent = 0;
+    const CapturePipeline offline(CapturePipeline::Dependencies{
+        .store = [this]() -> RequestStoreSQLite& { return *store_; },
+        .apiEndpoint = [] { return std::string(); },
+        .apiKey = [] { return std::string("kt-prod-test"); },
+        .deviceDictionary = [] { return JSONDictionary{}; },
+        .send = [&](std::string, JSONDictionary, std::string) { ++sent; },
+    });
+    test::ConsoleSilence quiet;
+    const UUID id = UUID::random();
+    offline.handleNetworkReport(startReport(id));
+    offline.handleNetworkReport(responseReport(id, 200));
+    RequestTypeLog log;
+    log.id = newUUIDString();
+    log.type = "log";
+    offline.handleLogRecord(log);
+    offline.logEvent("offline", "test", {});
+    EXPECT_EQ(sent, 0);
+    EXPECT_EQ(store_->getAll().size(), 3u);
+    ASSERT_TRUE(store_->getById(id.string()).has_value());
+    EXPECT_TRUE(store_->getById(id.string())->asNetworkRequest()->details.response.has_value());
 }
 
 }  // namespace

@@ -5,8 +5,9 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <boost/json.hpp>
 #include <algorithm>
+#include <atomic>
+#include <boost/json.hpp>
 #include <filesystem>
 
 #include "kestro/core/main_queue.h"
@@ -16,6 +17,7 @@
 #include "kestro/store/request_store_sqlite.h"
 #include "support/console_capture.h"
 #include "support/http_server.h"
+#include "support/scoped_env.h"
 #include "support/wait.h"
 
 namespace kestro {
@@ -88,13 +90,13 @@ TEST_F(LifecycleTest, OnlyTheExactDevEnvironmentSelectsTheDevelopmentService) {
         std::optional<std::string> environment;
         KestroEnvironment expected;
     };
-    for (const Case& c : {Case{"dev", KestroEnvironment::dev}, Case{"Dev", KestroEnvironment::prod},
-                          Case{std::nullopt, KestroEnvironment::prod},
-                          Case{"staging", KestroEnvironment::prod}}) {
+    for (const Case& c :
+         {Case{"dev", KestroEnvironment::dev}, Case{"Dev", KestroEnvironment::prod},
+          Case{std::nullopt, KestroEnvironment::prod}, Case{"staging", KestroEnvironment::prod}}) {
         KestroInternal k;
         test::ConsoleCapture console;
-        k.initialize("kt-dev-env", KestroConfig(false, false, false, LogLevel::verbose,
-                                                c.environment));
+        k.initialize("kt-dev-env",
+                     KestroConfig(false, false, false, LogLevel::verbose, c.environment));
         EXPECT_EQ(k.getEnvironment(), c.expected) << c.environment.value_or("(absent)");
         const std::string endpoint = getWSAPIEndpoint(c.expected);
         EXPECT_NE(console.text().find("🐶 Kestro setup: kt-dev-env endpoint: " + endpoint +
@@ -105,6 +107,45 @@ TEST_F(LifecycleTest, OnlyTheExactDevEnvironmentSelectsTheDevelopmentService) {
         EXPECT_EQ(k.websocketManager()->endpoint(), endpoint);
         EXPECT_EQ(k.websocketManager()->deviceId(), k.deviceUUID());
     }
+}
+
+// Production without a host: capture and the store go on; nothing is registered or uploaded,
+// no link is opened, and one warning line says so, however often the host initialises.
+TEST_F(LifecycleTest, ProductionWithoutAHostStoresButUploadsAndLinksNothing) {
+    test::ScopedEnv noHost("KESTRO_PROD_HOST", "");
+    KestroInternal k;
+    std::atomic<int> registrations{0};
+    facade::internal::setDeviceUpload(
+        k, [&](const std::string&, const DeviceDictionary&, const std::string&,
+               std::function<void(RegistrationResult)> done) {
+            ++registrations;
+            done(std::nullopt);
+        });
+    test::ConsoleCapture console;
+    for (int i = 0; i < 2; ++i) {
+        k.initialize("kt-prod-nohost", KestroConfig(true, true, true, LogLevel::verbose, {}));
+    }
+    EXPECT_EQ(k.getEnvironment(), KestroEnvironment::prod);
+    EXPECT_EQ(k.getAPIEndpoint(), "");
+    // The main-queue half has run: capture is on, and there is no link.
+    ASSERT_TRUE(waitUntil([&] { return k.getNetworkInterceptor().isIntercepting(); }));
+    ASSERT_TRUE(MainQueue::shared().waitIdle());
+    EXPECT_EQ(k.websocketManager(), nullptr);
+    EXPECT_TRUE(PrintInterceptor::isIntercepting());
+
+    k.logEvent("offline", "test", {{"n", 1}});
+    const auto all = RequestStoreSQLite::shared().getAll();
+    EXPECT_TRUE(std::any_of(all.begin(), all.end(), [](const RequestEventType& item) {
+        return item.asCustomEvent() && item.asCustomEvent()->details.name == "offline";
+    }));
+    EXPECT_FALSE(waitUntil([&] { return registrations.load() > 0; }, 300ms));
+
+    const std::string text = console.text();
+    const std::string warning = "⚠️ No production service is configured";
+    EXPECT_NE(text.find(warning), std::string::npos) << text;
+    EXPECT_EQ(text.find(warning), text.rfind(warning)) << text;
+    EXPECT_EQ(text.find("Connecting to WebSocket"), std::string::npos) << text;
+    EXPECT_EQ(server_.requestCount(), 0u);
 }
 
 TEST_F(LifecycleTest, StopSwitchesOffOnlyWhatTheConfigurationTurnsOff) {
@@ -134,6 +175,42 @@ TEST_F(LifecycleTest, StopSwitchesOffOnlyWhatTheConfigurationTurnsOff) {
     EXPECT_TRUE(after.logs && after.network);
     EXPECT_EQ(after.logLevel, LogLevel::warning);
     EXPECT_FALSE(after.events);
+}
+
+// The feature states follow the switches: network and log while their capture is installed,
+// event with the stored configuration's events flag.
+TEST_F(LifecycleTest, FeatureStatesFollowStartStopStartAllAndStopAll) {
+    KestroInternal k;
+    test::ConsoleSilence quiet;
+    const std::vector<RequestType> all{RequestType::network, RequestType::log, RequestType::event};
+    EXPECT_EQ(k.supportedRequestTypes(), all);
+    const auto states = k.sdkFeatureState();
+    ASSERT_EQ(states.size(), 3u);
+    for (std::size_t i = 0; i < states.size(); ++i) EXPECT_EQ(states[i]->requestType(), all[i]);
+    struct On {
+        bool network, log, event;
+        bool operator==(const On&) const = default;
+    };
+    auto on = [&] {
+        // The states match what is really installed.
+        EXPECT_EQ(states[0]->isEnabled(), k.getNetworkInterceptor().isIntercepting());
+        EXPECT_EQ(states[1]->isEnabled(), PrintInterceptor::isIntercepting());
+        return On{states[0]->isEnabled(), states[1]->isEnabled(), states[2]->isEnabled()};
+    };
+    EXPECT_EQ(on(), (On{false, false, false}));
+    k.start(KestroConfig(true, false, true, LogLevel::error, "dev"));  // stores nothing
+    EXPECT_EQ(on(), (On{false, true, false}));
+    k.stop(KestroConfig(true, false, true, LogLevel::error, "dev"));
+    EXPECT_EQ(on(), (On{false, true, true}));
+    k.startAll();
+    EXPECT_EQ(on(), (On{true, true, true}));
+    k.stopAll();
+    EXPECT_EQ(on(), (On{false, false, true}));
+    k.startAll();
+    k.stop(KestroConfig(false, true, false, LogLevel::error, "dev"));
+    EXPECT_EQ(on(), (On{true, false, false}));
+    k.stopAll();
+    EXPECT_EQ(k.sdkFeatureState(), states);  // the same shared states throughout
 }
 
 TEST_F(LifecycleTest, EventsRecordBeforeInitialisationAndAfterItOnlyWhileSwitchedOn) {

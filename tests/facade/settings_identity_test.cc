@@ -169,13 +169,6 @@ TEST(BuildKindTest, DistributionChannelDecidesTheBuildQueries) {
         EXPECT_EQ(kind.testDistribution, row.testDistribution) << row.channel;
         EXPECT_EQ(kind.store, row.store) << row.channel;
     }
-
-    KestroInternal k;
-    const auto channel = facade::internal::distributionChannel();
-    EXPECT_EQ(k.isTestFlightBuild(), channel == "beta");
-    EXPECT_EQ(k.isStoreBuild(), channel == "store");
-    EXPECT_EQ(k.isStoreOrTestFlightBuild(), channel == "beta" || channel == "store");
-    EXPECT_TRUE(isProductionBuild());
 }
 
 }  // namespace

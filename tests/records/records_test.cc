@@ -1,8 +1,8 @@
+#include "kestro/records/records.h"
+
 #include <gtest/gtest.h>
 
 #include <boost/json.hpp>
-
-#include "kestro/records/records.h"
 
 namespace kestro {
 namespace {
@@ -13,14 +13,19 @@ using std::chrono::microseconds;
 TimePoint at(std::int64_t us) { return TimePoint{} + microseconds(us); }
 
 RequestTypeLog sampleLog() {
-    return {"6F1C1A4E-2B7D-4C55-9A0B-1D2E3F405162", "log", "warn", at(1714566896123456),
-            at(1714566896123456),
-            {"disk \"almost\" full\n\t\\ ü", "com.app", "storage", "/src/app/disk.cc", "disk.cc",
-             42}};
+    return {
+        "6F1C1A4E-2B7D-4C55-9A0B-1D2E3F405162",
+        "log",
+        "warn",
+        at(1714566896123456),
+        at(1714566896123456),
+        {"disk \"almost\" full\n\t\\ ü", "com.app", "storage", "/src/app/disk.cc", "disk.cc", 42}};
 }
 
 RequestTypeEvent sampleEvent() {
-    return {"A0000000-0000-4000-8000-000000000001", "event", at(1714566896000001),
+    return {"A0000000-0000-4000-8000-000000000001",
+            "event",
+            at(1714566896000001),
             at(1714566896000001),
             {"Checkout", "commerce",
              json::parse(R"({"total":12.5,"items":[1,{"sku":"x"},[]],"n":null,"ok":true})")
@@ -28,13 +33,18 @@ RequestTypeEvent sampleEvent() {
 }
 
 RequestTypeRequest sampleRequest() {
-    RequestTypeRequest r{"B0000000-0000-4000-8000-000000000002", "network", {}, at(1700000000000000),
+    RequestTypeRequest r{"B0000000-0000-4000-8000-000000000002",
+                         "network",
+                         {},
+                         at(1700000000000000),
                          at(1700000000000000)};
-    r.details.request = RequestTypeRequestDetailsRequest{
-        "https://example.test/a?b=1", "POST", {{"Content-Type", "application/json"}},
-        at(1699999999500000), R"({"q":1})"};
-    r.details.response = RequestTypeRequestDetailsResponse{
-        201, {{"Server", "t"}}, at(1700000000250000), "created"};
+    r.details.request = RequestTypeRequestDetailsRequest{"https://example.test/a?b=1",
+                                                         "POST",
+                                                         {{"Content-Type", "application/json"}},
+                                                         at(1699999999500000),
+                                                         R"({"q":1})"};
+    r.details.response =
+        RequestTypeRequestDetailsResponse{201, {{"Server", "t"}}, at(1700000000250000), "created"};
     return r;
 }
 
@@ -136,21 +146,44 @@ TEST(RecordsTest, MalformedNetworkHalvesAreDroppedNotTheRecord) {
     EXPECT_EQ(back->asNetworkRequest()->details.request, sampleRequest().details.request);
 }
 
-TEST(RecordsTest, ExtraTopLevelKeyIsAppended) {
-    const RequestEventType record(sampleEvent());
-    const json::value device = json::parse(R"({"id":"D","platform":"linux"})");
-    const json::value parsed = json::parse(record.toJSON("device", device));
-    json::object expected = record.encode();
-    expected["device"] = device;
-    EXPECT_EQ(parsed, json::value(expected));
+// Repair reaches every text a record carries, keys of header maps and payloads included, and
+// leaves a well-formed record as it was.
+TEST(RecordsTest, RepairLeavesOnlyWellFormedTexts) {
+    const std::string fffd = "\xEF\xBF\xBD";
+    RequestTypeLog log = sampleLog();
+    RequestTypeEvent unchanged = sampleEvent();
+    RequestTypeRequest plain = sampleRequest();
+    repairUTF8(log), repairUTF8(unchanged), repairUTF8(plain);
+    EXPECT_EQ(log, sampleLog());
+    EXPECT_EQ(unchanged, sampleEvent());
+    EXPECT_EQ(plain, sampleRequest());
+    RequestTypeRequest request = sampleRequest();
+    request.details.request->headers["X-\xFF"] = "v\xC0";
+    request.details.request->url = "https://example.test/\xE9";
+    request.details.response->headers["Set"] = "\xF8";
+    repairUTF8(request);
+    EXPECT_EQ(request.details.request->headers.at("X-" + fffd), "v" + fffd);
+    EXPECT_EQ(request.details.request->url, "https://example.test/" + fffd);
+    EXPECT_EQ(request.details.response->headers.at("Set"), fffd);
+
+    RequestTypeEvent event = sampleEvent();
+    event.details.payload["\xC1z"] = json::array{json::object{{"\xFE", "\xED\xA0"}}, 2};
+    event.details.payload["\xC2z"] = "same key once repaired";
+    repairUTF8(event);
+    const auto& repaired = event.details.payload.at(fffd + "z").as_array();
+    EXPECT_EQ(repaired.at(0).as_object().at(fffd), json::value(fffd + fffd));
+    EXPECT_EQ(repaired.at(1), json::value(2));
+    EXPECT_EQ(event.details.payload.size(), sampleEvent().details.payload.size() + 1);
+    const std::string text = RequestEventType(event).toJSON();
+    EXPECT_EQ(json::parse(text), json::value(RequestEventType(event).encode()));
 }
 
 TEST(RecordsTest, EveryAsciiCharacterAtEveryWordOffsetSurvivesTheText) {
     for (int c = 0; c < 128; ++c) {
         for (std::size_t offset = 0; offset < 17; ++offset) {
             RequestTypeLog log = sampleLog();
-            log.details.message = std::string(offset, 'a') + static_cast<char>(c) +
-                                  std::string(20, 'b') + "ü";
+            log.details.message =
+                std::string(offset, 'a') + static_cast<char>(c) + std::string(20, 'b') + "ü";
             const std::string text = RequestEventType(log).toJSON();
             const auto back = RequestEventType::decode(json::parse(text).as_object());
             ASSERT_TRUE(back) << c << " at " << offset;

@@ -8,7 +8,6 @@
 #include <limits>
 
 #include "kestro/network/url_protocol.h"
-#include "support/console_capture.h"
 #include "support/http_server.h"
 #include "support/wait.h"
 
@@ -144,36 +143,6 @@ TEST(UploadTest, InvalidURLSendsNothingAndNeverCompletes) {
     ASSERT_TRUE(upload(server.url("/v1/requests")).isSuccess());
     EXPECT_FALSE(test::waitUntil([&] { return calls.load() > 0; }, std::chrono::milliseconds(200)));
     EXPECT_EQ(server.requestCount(), 1u);
-}
-
-TEST(UploadTest, FailurePrinterWritesOneErrorLine) {
-    HttpServer server([](const test::ReceivedRequest& r) {
-        return HttpReply::text(r.target == "/v1/devices" ? 500 : 200, "");
-    });
-    test::ConsoleCapture console;
-    const std::string failing = server.url("/v1/devices");
-    sendToServer(failing, sampleRecord(), "k", printUploadFailure(failing));
-    const std::string expected =
-        "❌ Error: Server responded with status code 500 Url: " + failing + "\n";
-    ASSERT_TRUE(
-        test::waitUntil([&] { return console.text().find(expected) != std::string::npos; }));
-
-    // "No Data" has no description of its own.
-    printUploadFailure("http://x/")(UploadResult::failure(URLError("No Data", 0)));
-    // Success prints nothing: after a successful upload has been answered, nothing new.
-    Recorder<int> done;
-    auto printer = printUploadFailure(server.url("/ok"));
-    sendToServer(server.url("/ok"), sampleRecord(), "k", [&](UploadResult r) {
-        printer(r);
-        done.add(1);
-    });
-    ASSERT_TRUE(done.waitFor(1));
-    const std::string text = console.text();
-    EXPECT_NE(text.find("❌ Error: The operation couldn’t be completed. (No Data error 0.) Url: "
-                        "http://x/\n"),
-              std::string::npos);
-    EXPECT_EQ(text.find("/ok"), std::string::npos);
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
 }
 
 }  // namespace

@@ -52,8 +52,10 @@ class WebsocketManagerTest : public ::testing::Test {
         MainQueue::shared().useHostThread();
         setConsoleLevel(LogLevel::verbose);
         token = NotificationCenter::defaultCenter().addObserver(
-            kWebsocketConnectionChange,
-            [this](const Notification& n) { statuses.push_back(std::any_cast<Status>(n.object)); });
+            kWebsocketConnectionChange, [this](const Notification& n) {
+                statuses.push_back(std::any_cast<Status>(n.object));
+                statusTimes.push_back(std::chrono::steady_clock::now());
+            });
     }
     void TearDown() override {
         // Failure messages went to the captured console too; show them.
@@ -86,6 +88,7 @@ class WebsocketManagerTest : public ::testing::Test {
     std::unique_ptr<WebsocketManager> manager;
     ObserverToken token;
     std::vector<Status> statuses;
+    std::vector<std::chrono::steady_clock::time_point> statusTimes;  // when each was posted
     std::vector<std::string> messages;
     int connects = 0;
     int disconnects = 0;
@@ -216,6 +219,51 @@ TEST_F(WebsocketManagerTest, AServerThatStopsAnsweringPingsGetsFiveReconnections
     EXPECT_GE(disconnects, 6);
     EXPECT_FALSE(until([&] { return server.accepted() > 6; },
                        3 * (options.timing.reconnectDelay + options.timing.checkInterval)));
+}
+
+// Against a service that accepts connections and never answers a ping, each reconnection is
+// found lost when its first check is due (the check takes the connection's first ping as its
+// own), so losses come reconnectDelay + checkInterval apart: never sooner, and not a whole
+// ping time-out later (which made them about 9 s apart instead of 7).
+TEST_F(WebsocketManagerTest, LossesOfASilentServiceComeOneDelayAndOneCheckApart) {
+    test::WsServer server;
+    WebsocketOptions options = fastOptions();
+    options.timing.checkInterval = 400ms;
+    options.timing.pingTimeout = 400ms;
+    options.timing.reconnectDelay = 500ms;
+    make(server.url(), options);
+    ASSERT_TRUE(connectAndConfirm());
+    server.setAnswerPings(false);
+    ASSERT_TRUE(until([&] { return manager->reconnectAttempts() == 3; }, 15s)) << console.text();
+    std::vector<std::chrono::steady_clock::time_point> losses;
+    for (std::size_t i = 0; i < statuses.size(); ++i) {
+        if (statuses[i] == Status::disconnected) losses.push_back(statusTimes[i]);
+    }
+    ASSERT_EQ(losses.size(), 3u);
+    const auto spacing = options.timing.reconnectDelay + options.timing.checkInterval;
+    for (std::size_t i = 1; i < losses.size(); ++i) {
+        const auto apart = losses[i] - losses[i - 1];
+        EXPECT_GE(apart, spacing) << i;
+        EXPECT_LT(apart, spacing + options.timing.pingTimeout / 2) << i;
+    }
+}
+
+// A check's ping that cannot be written (a large frame ahead of it on a connection the service
+// no longer reads) still fails pingTimeout after the check, not after it is written.
+TEST_F(WebsocketManagerTest, ACheckWhosePingWaitsToBeWrittenStillFailsOnTime) {
+    test::WsServer server;
+    const WebsocketOptions options = fastOptions();
+    make(server.url(), options);
+    ASSERT_TRUE(connectAndConfirm());
+    server.setAnswerPings(false);
+    const auto sent = std::chrono::steady_clock::now();
+    manager->sendWebSocketMessage(std::string(32 << 20, 'x'));  // beyond the sockets' buffers
+    ASSERT_TRUE(until([&] { return !manager->isConnected(); }, 10s)) << console.text();
+    EXPECT_LT(std::chrono::steady_clock::now() - sent,
+              options.timing.checkInterval * 2 + options.timing.pingTimeout + 500ms);
+    EXPECT_NE(console.text().find("❌ WebSocket Disconnected: No answer to the ping within 250 ms"),
+              std::string::npos)
+        << console.text();
 }
 
 TEST_F(WebsocketManagerTest, AServerDownAtStartUpIsReachedWhenItComesBack) {

@@ -249,12 +249,38 @@ TEST_F(ObservedStoreTest, ConcurrentWritersReadersAndObserversAgree) {
         [&](const RequestsChange& change) { sizesSeen.push_back(change.requests.size()); });
     std::atomic<bool> done{false};
     std::atomic<int> badSnapshots{0};
+    // A consistent snapshot is the list at one moment: each writer's items form a prefix of
+    // what it added (W<t>-0 up to some W<t>-k, newest first), and an earlier snapshot is the
+    // tail of every later one (items are only added, at the front).
+    auto consistent = [](const RequestList& snapshot, const RequestList& earlier) {
+        std::vector<int> next(kThreads, -1);  // per writer, the index expected next going back
+        for (const RequestEventType& item : snapshot) {
+            const std::string& id = item.id();
+            if (id.size() < 4 || id[0] != 'W') return false;
+            const int t = id[1] - '0';
+            if (t < 0 || t >= kThreads) return false;
+            const int i = std::stoi(id.substr(3));
+            if (next[t] == -1) next[t] = i;
+            if (i != next[t]--) return false;
+        }
+        for (int t = 0; t < kThreads; ++t) {
+            if (next[t] != -1) return false;  // every writer's run ends at its item 0
+        }
+        if (earlier.size() > snapshot.size()) return false;
+        const std::size_t offset = snapshot.size() - earlier.size();
+        for (std::size_t i = 0; i < earlier.size(); ++i) {
+            if (snapshot[offset + i].id() != earlier[i].id()) return false;
+        }
+        return true;
+    };
+    RequestList earlier = store.requests();
     std::thread reader([&] {
-        for (int i = 0; i < 100000 && !done.load(); ++i) {
-            const RequestList snapshot = store.requests();
-            std::size_t n = 0;
-            for (const auto& item : snapshot) n += item.id().empty() ? 0 : 1;
-            if (n != snapshot.size()) ++badSnapshots;
+        // For as long as the writers write (bounded in time).
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (!done.load() && std::chrono::steady_clock::now() < deadline) {
+            RequestList snapshot = store.requests();
+            if (!consistent(snapshot, earlier)) ++badSnapshots;
+            earlier = std::move(snapshot);
         }
     });
     std::vector<std::thread> writers;
@@ -268,6 +294,7 @@ TEST_F(ObservedStoreTest, ConcurrentWritersReadersAndObserversAgree) {
     done = true;
     reader.join();
     EXPECT_EQ(badSnapshots.load(), 0);
+    EXPECT_TRUE(consistent(store.requests(), earlier));
     EXPECT_EQ(store.requests().size(), std::size_t{kThreads * kEach});
     EXPECT_EQ(store.getAll().size(), std::size_t{kThreads * kEach});
     ASSERT_EQ(sizesSeen.size(), std::size_t{kThreads * kEach + 1});

@@ -249,7 +249,8 @@ TEST_F(StoreFaultsTest, AReadOnlyDirectoryLosesNothingAndIsReported) {
         RequestStoreSQLite store(dbPath());
         for (int i = 0; i < 5; ++i) store.add(logRecord("R" + std::to_string(i), i));
     }
-    // Readable by everyone, writable by no one but root, whom the child stops being.
+    // The folder loses its owner's write bit; the child, whatever its user, keeps no capability
+    // that would write through it.
     fs::permissions(dir.path(), fs::perms::owner_all | fs::perms::group_read |
                                     fs::perms::group_exec | fs::perms::others_read |
                                     fs::perms::others_exec);

@@ -4,11 +4,13 @@
 //       Adds log records without end; after each add has returned, writes the record's id and a
 //       line feed to file descriptor <fd>. Runs until it is killed.
 //   store_test_child readonly <database>
-//       Gives up the rights to write the database's folder (when run as root, it becomes the
-//       unprivileged user "nobody"), opens the store, reports how many items it loaded as
-//       "loaded <n>", tries one add, and exits with 0.
+//       Gives up the rights to write the database's folder (it drops every capability, so that
+//       root, or root of a user namespace, is held to the permission bits), opens the store,
+//       reports how many items it loaded as "loaded <n>", tries one add, and exits with 0.
 
+#include <linux/capability.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -66,12 +68,15 @@ int addForever(const char* database, int fd) {
 }
 
 int readOnly(const char* database) {
-    if (geteuid() == 0) {
-        // "nobody": root would write through any permission bits.
-        if (setgid(65534) != 0 || setuid(65534) != 0) {
-            std::perror("setuid");
-            return 2;
-        }
+    // Root would write through any permission bits. Switching to another user is not enough
+    // inside a user namespace (unshare -r maps no user but root), so the child keeps its user
+    // and drops its capabilities instead: the folder's owner bits (no write) then apply to it
+    // as they apply to an ordinary owner.
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+    if (syscall(SYS_capset, &header, none) != 0) {
+        std::perror("capset");
+        return 2;
     }
     RequestStoreSQLite store(database);
     std::printf("loaded %zu\n", store.requests().size());

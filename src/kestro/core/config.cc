@@ -7,17 +7,27 @@
 #define KESTRO_DEV_HOST_DEFAULT "127.0.0.1"
 #endif
 #ifndef KESTRO_PROD_HOST_DEFAULT
-#define KESTRO_PROD_HOST_DEFAULT "api.kestro.dev"
+#define KESTRO_PROD_HOST_DEFAULT ""
 #endif
 
 namespace kestro {
 namespace {
 
 // Read on every call so that tests and operators can point the SDK elsewhere at run time.
+//
+// The production host has no default: Kestro is self-hosted, and a default domain that nobody
+// running Kestro controls would send captured traffic to a stranger. An empty KESTRO_PROD_HOST
+// names no production service even where the build names one (an operator's way to keep a
+// build from uploading); an empty KESTRO_DEV_HOST means the default development host.
 std::string hostFor(KestroEnvironment env) {
-    const char* name = env == KestroEnvironment::dev ? "KESTRO_DEV_HOST" : "KESTRO_PROD_HOST";
-    if (const char* value = std::getenv(name); value != nullptr && *value != '\0') return value;
-    return env == KestroEnvironment::dev ? KESTRO_DEV_HOST_DEFAULT : KESTRO_PROD_HOST_DEFAULT;
+    if (env == KestroEnvironment::prod) {
+        const char* value = std::getenv("KESTRO_PROD_HOST");
+        return value != nullptr ? value : KESTRO_PROD_HOST_DEFAULT;
+    }
+    if (const char* value = std::getenv("KESTRO_DEV_HOST"); value != nullptr && *value != '\0') {
+        return value;
+    }
+    return KESTRO_DEV_HOST_DEFAULT;
 }
 
 // Whether a host text already names its port: "host:port" or "[v6 address]:port".
@@ -36,23 +46,36 @@ std::string devAuthority() {
 
 }  // namespace
 
+bool hasServiceHost(KestroEnvironment env) { return !hostFor(env).empty(); }
+
 std::string getAPIEndpoint(KestroEnvironment env) {
-    if (env == KestroEnvironment::prod) return "https://" + hostFor(env);
+    if (env == KestroEnvironment::prod) {
+        std::string host = hostFor(env);
+        return host.empty() ? std::string() : "https://" + host;
+    }
     return "http://" + devAuthority();
 }
 
 std::string getWSAPIEndpoint(KestroEnvironment env) {
-    if (env == KestroEnvironment::prod) return "wss://" + hostFor(env);
+    if (env == KestroEnvironment::prod) {
+        std::string host = hostFor(env);
+        return host.empty() ? std::string() : "wss://" + host;
+    }
     return "ws://" + devAuthority();
 }
 
 const char* toString(LogLevel level) {
     switch (level) {
-        case LogLevel::verbose: return "verbose";
-        case LogLevel::debug: return "debug";
-        case LogLevel::info: return "info";
-        case LogLevel::warning: return "warning";
-        case LogLevel::error: return "error";
+        case LogLevel::verbose:
+            return "verbose";
+        case LogLevel::debug:
+            return "debug";
+        case LogLevel::info:
+            return "info";
+        case LogLevel::warning:
+            return "warning";
+        case LogLevel::error:
+            return "error";
     }
     return "verbose";
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -59,27 +60,38 @@ inline KestroConfigDictionary dictionary(const KestroConfig& c) {
     return {c.logs, c.network, c.logLevel};
 }
 
-/// One capture feature's switch. Shared (held by reference), not copied.
+/// One capture feature's switch. Shared (held by reference), not copied. The flag may be read
+/// and written from any thread.
 class KESTRO_API SDKFeatureState {
-public:
+  public:
     SDKFeatureState(RequestType requestType, bool isEnabled)
         : requestType_(requestType), isEnabled_(isEnabled) {}
-    RequestType requestType() const { return requestType_; }
-    bool isEnabled() const { return isEnabled_; }
-    void setEnabled(bool enabled) { isEnabled_ = enabled; }
-    bool& isEnabledRef() { return isEnabled_; }
+    SDKFeatureState(const SDKFeatureState&) = delete;
+    SDKFeatureState& operator=(const SDKFeatureState&) = delete;
 
-private:
-    RequestType requestType_;
-    bool isEnabled_;
+    RequestType requestType() const { return requestType_; }
+    bool isEnabled() const { return isEnabled_.load(std::memory_order_relaxed); }
+    void setEnabled(bool enabled) { isEnabled_.store(enabled, std::memory_order_relaxed); }
+
+  private:
+    const RequestType requestType_;
+    std::atomic<bool> isEnabled_;
 };
 
+/// Whether the environment has a service host. The development host defaults to 127.0.0.1;
+/// the production host has no default: it is the KESTRO_PROD_HOST build setting or, at run
+/// time, the KESTRO_PROD_HOST environment variable (set and empty, it names none), and without
+/// one production has no service: nothing is uploaded and no link is opened.
+KESTRO_API bool hasServiceHost(KestroEnvironment env);
+
 /// HTTP base URL of the service, no trailing slash ("http://<dev host>:3007" or
-/// "https://<prod host>"). The hosts come from the build and can be overridden at run time
-/// with KESTRO_DEV_HOST / KESTRO_PROD_HOST. A development host that names a port
-/// ("127.0.0.1:4000", "[::1]:4000") is used with that port instead of 3007.
+/// "https://<prod host>"); the empty text for production when it has no host. The hosts come
+/// from the build and can be overridden at run time with KESTRO_DEV_HOST / KESTRO_PROD_HOST.
+/// A development host that names a port ("127.0.0.1:4000", "[::1]:4000") is used with that
+/// port instead of 3007.
 KESTRO_API std::string getAPIEndpoint(KestroEnvironment env = KestroEnvironment::dev);
-/// WebSocket base URL of the service ("ws://<dev host>:3007" or "wss://<prod host>").
+/// WebSocket base URL of the service ("ws://<dev host>:3007" or "wss://<prod host>"); the
+/// empty text for production when it has no host.
 KESTRO_API std::string getWSAPIEndpoint(KestroEnvironment env = KestroEnvironment::dev);
 
 /// Name of a level as text ("verbose", "debug", ...), for diagnostics and settings screens.

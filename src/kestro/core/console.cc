@@ -1,9 +1,9 @@
 #include "kestro/core/console.h"
 
-#include <atomic>
 #include <stdio_ext.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 
@@ -42,7 +42,7 @@ void writeConsole(std::string_view bytes) {
     funlockfile(stdout);
 }
 
-void printI(std::string_view text, LogLevel level) {
+void printI(TextRef text, LogLevel level) {
     if (consoleAllows(consoleLevel(), level)) writeConsoleLine(text);
 }
 

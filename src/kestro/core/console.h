@@ -20,7 +20,7 @@ namespace kestro {
 /// SDK's own diagnostics are never captured, stored or uploaded.
 ///
 /// Any thread.
-KESTRO_API void printI(std::string_view text, LogLevel level = LogLevel::verbose);
+KESTRO_API void printI(TextRef text, LogLevel level = LogLevel::verbose);
 
 /// printI with several items, each described as the logging calls describe them and joined
 /// with single spaces.

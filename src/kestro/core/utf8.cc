@@ -46,4 +46,12 @@ bool isValidUTF8(std::string_view bytes) {
     return true;
 }
 
+bool repairUTF8(std::string& text) {
+    if (isValidUTF8(text)) return false;
+    std::string repaired;
+    appendRepairedUTF8(repaired, text);
+    text = std::move(repaired);
+    return true;
+}
+
 }  // namespace kestro

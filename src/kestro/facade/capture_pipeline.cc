@@ -38,13 +38,16 @@ RequestTypeRequest CapturePipeline::networkRecord(const InterceptedRequestWrappe
         record.details.response = RequestTypeRequestDetailsResponse{
             r.statusCode, r.headers, r.receivedAt.value_or(now), r.body};
     }
+    repairUTF8(record);  // header fields may carry any bytes
     return record;
 }
 
 void CapturePipeline::upload(const RequestEventType& record) const {
+    std::string endpoint = deps_.apiEndpoint();
+    if (endpoint.empty()) return;  // no service (production without a host): stored only
     JSONDictionary body = record.encode();
     body["device"] = deps_.deviceDictionary ? deps_.deviceDictionary() : JSONDictionary{};
-    deps_.send(deps_.apiEndpoint() + kRequestsPath, std::move(body), deps_.apiKey());
+    deps_.send(std::move(endpoint) + kRequestsPath, std::move(body), deps_.apiKey());
 }
 
 void CapturePipeline::handleNetworkReport(const InterceptedRequestWrapper& wrapper) const {
@@ -83,6 +86,7 @@ RequestTypeEvent CapturePipeline::logEvent(const std::string& name, const std::s
     const TimePoint now = std::chrono::system_clock::now();
     RequestTypeEvent event{newUUIDString(), "event", now, now,
                            RequestTypeEventDetails{name, category, payload}};
+    repairUTF8(event);
     RequestEventType item = RequestEventType::customEvent(event);
     upload(item);
     deps_.store().add(std::move(item));

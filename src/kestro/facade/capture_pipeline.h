@@ -28,7 +28,8 @@ class KESTRO_API CapturePipeline {
     struct Dependencies {
         /// The store items are kept in.
         std::function<RequestStoreSQLite&()> store;
-        /// The service's HTTP base URL and the API key, read for each item.
+        /// The service's HTTP base URL and the API key, read for each item. An empty base
+        /// URL means there is no service: items are stored and not uploaded.
         std::function<std::string()> apiEndpoint;
         std::function<std::string()> apiKey;
         /// The device dictionary added to every upload under "device".

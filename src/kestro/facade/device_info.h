@@ -59,7 +59,7 @@ struct KESTRO_API DeviceInfo {
                bool isSimulator);
 
     /// Gathers the description from the system once per process; later calls do nothing (the
-    /// first gathering wins). Any thread; the registration calls it on the main queue.
+    /// first gathering wins). Any thread; the registration calls it on the global executor.
     static void initialize();
     /// Same, reading the facts from the given sources and for the given application id.
     static void initialize(const DeviceFactSources& sources, const std::string& applicationId);

@@ -84,6 +84,15 @@ struct KestroInternal::Impl : std::enable_shared_from_this<Impl> {
     std::optional<DeviceInfo> deviceInfo;  // the host's own; never set by Kestro
     std::string deviceUUID;                // loaded by initialisation
     bool initialized = false;              // a valid initialize has run
+    bool warnedNoService = false;          // the "no production service" line was printed
+    // network, log, event; see sdkFeatureState(). The list itself never changes.
+    const std::vector<std::shared_ptr<SDKFeatureState>> featureStates{
+        std::make_shared<SDKFeatureState>(RequestType::network, false),
+        std::make_shared<SDKFeatureState>(RequestType::log, false),
+        std::make_shared<SDKFeatureState>(RequestType::event, false)};
+    SDKFeatureState& state(RequestType type) const {
+        return *featureStates[static_cast<std::size_t>(type)];
+    }
     // Posts a registration body; see facade::internal::setDeviceUpload.
     DeviceUpload deviceUpload = uploadDevice;
     std::shared_ptr<WebsocketOptions> websocketOptions = std::make_shared<WebsocketOptions>();
@@ -130,7 +139,9 @@ struct KestroInternal::Impl : std::enable_shared_from_this<Impl> {
                 env = impl->env;
                 upload = impl->deviceUpload;
             }
-            registerDevice(kestro::getAPIEndpoint(env), body, apiKey, upload);
+            const std::string endpoint = kestro::getAPIEndpoint(env);
+            if (endpoint.empty()) return;  // no service to register with
+            registerDevice(endpoint, body, apiKey, upload);
         });
     }
 
@@ -144,6 +155,7 @@ struct KestroInternal::Impl : std::enable_shared_from_this<Impl> {
                     if (const auto impl = weak.lock()) impl->pipeline->handleNetworkReport(w);
                 });
             });
+            state(RequestType::network).setEnabled(true);
         }
         if (config.logs) {
             PrintInterceptor::startIntercepting([weak](const RequestTypeLog& record) {
@@ -151,7 +163,50 @@ struct KestroInternal::Impl : std::enable_shared_from_this<Impl> {
                     if (const auto impl = weak.lock()) impl->pipeline->handleLogRecord(record);
                 });
             });
+            state(RequestType::log).setEnabled(true);
         }
+    }
+
+    void stopNetwork() {
+        networkInterceptor.stopIntercepting();
+        state(RequestType::network).setEnabled(false);
+    }
+    void stopLogs() {
+        PrintInterceptor::stopIntercepting();
+        state(RequestType::log).setEnabled(false);
+    }
+
+    // Opens the dashboard link and keeps it (on the main queue).
+    void openLink(const std::string& key, const std::string& uuid, const std::string& endpoint,
+                  const WebsocketOptions& options) {
+        auto link = std::make_shared<WebsocketManager>(key, uuid, endpoint, options);
+        {
+            std::lock_guard lock(mutex);
+            websocketManager = link;
+        }
+        link->setOnMessage([](const std::string& text) {
+            // Dashboard commands act on the process-wide facade, whichever instance opened
+            // the link.
+            KestroInternal& kestro = Kestro();
+            RemoteCommandTargets targets{
+                .mockCache = [&kestro]() -> MockCache& { return kestro.getMockCache(); },
+                .setBreakPointEnabled =
+                    [&kestro](bool on) { kestro.getNetworkInterceptor().setBreakPointEnabled(on); },
+                .releaseBreakpoints =
+                    [&kestro] { kestro.getNetworkInterceptor().semaphore().release(); },
+                .logEvent =
+                    [&kestro](const std::string& name, const std::string& category,
+                              const boost::json::object& payload) {
+                        kestro.logEvent(name, category, payload);
+                    },
+            };
+            handleWebSocketMessage(text, targets);
+        });
+        link->connect(true);
+        // Every confirmed connection, reconnections included, registers the device again.
+        link->setOnConnect([weak = weak_from_this()] {
+            if (const auto impl = weak.lock()) impl->setupDevice();
+        });
     }
 
     void reconnectLink() {
@@ -237,6 +292,7 @@ void KestroInternal::setConfig(const KestroConfig& config) {
     {
         std::lock_guard lock(impl_->mutex);
         impl_->config = config;
+        impl_->state(RequestType::event).setEnabled(config.events);
     }
     // Only the process-wide facade owns the console threshold.
     if (this == &Kestro()) setConsoleLevel(config.logLevel);
@@ -298,7 +354,6 @@ void KestroInternal::setDeviceInfo(std::optional<DeviceInfo> deviceInfo) {
     impl_->deviceInfo = std::move(deviceInfo);
 }
 
-
 DeviceDictionary KestroInternal::getDeviceInfo(const std::optional<DeviceInfo>& deviceInfo) const {
     return deviceDictionary(deviceInfo);
 }
@@ -326,91 +381,77 @@ void KestroInternal::initialize(std::string_view apiKey, const KestroConfig& con
     }
     const bool dev = !isStoreOrTestFlightBuild() && config.environment == "dev";
     const KestroEnvironment env = dev ? KestroEnvironment::dev : KestroEnvironment::prod;
+    // Empty when production has no host: then nothing is uploaded and no link is opened.
     const std::string endpoint = getWSAPIEndpoint(env);
     const std::string uuid = loadOrCreateUUID();
+    bool warnNoService = false;
     {
         std::lock_guard lock(impl_->mutex);
         impl_->env = env;
         impl_->apiKey = std::string(apiKey);
         impl_->deviceUUID = uuid;
         impl_->initialized = true;
+        if (endpoint.empty() && !impl_->warnedNoService) {
+            impl_->warnedNoService = warnNoService = true;
+        }
     }
     setConfig(config);
     printI(LogLevel::verbose, "🐶 Kestro setup: " + std::string(apiKey) + " endpoint: " + endpoint +
                                   " deviceUUID: " + uuid);
+    if (warnNoService) {
+        printI(
+            "⚠️ No production service is configured (KESTRO_PROD_HOST): captured items are "
+            "stored but not uploaded, and no dashboard link is opened",
+            LogLevel::warning);
+    }
     setupDevice();
 
-    MainQueue::shared().post([weak = std::weak_ptr<Impl>(impl_), key = std::string(apiKey), uuid,
-                              endpoint] {
-        const auto impl = weak.lock();
-        if (!impl) return;
-        std::shared_ptr<WebsocketManager> previous;
-        std::shared_ptr<WebsocketOptions> options;
-        {
-            std::lock_guard lock(impl->mutex);
-            previous = impl->websocketManager;
-            options = impl->websocketOptions;
-        }
-        if (previous) previous->disconnect();
+    MainQueue::shared().post(
+        [weak = std::weak_ptr<Impl>(impl_), key = std::string(apiKey), uuid, endpoint] {
+            const auto impl = weak.lock();
+            if (!impl) return;
+            std::shared_ptr<WebsocketManager> previous;
+            std::shared_ptr<WebsocketOptions> options;
+            {
+                std::lock_guard lock(impl->mutex);
+                previous = impl->websocketManager;
+                options = impl->websocketOptions;
+            }
+            if (previous) previous->disconnect();
+            if (endpoint.empty()) {
+                std::lock_guard lock(impl->mutex);
+                impl->websocketManager = nullptr;
+            } else {
+                impl->openLink(key, uuid, endpoint, *options);
+            }
 
-        auto link = std::make_shared<WebsocketManager>(key, uuid, endpoint, *options);
-        {
-            std::lock_guard lock(impl->mutex);
-            impl->websocketManager = link;
-        }
-        link->setOnMessage([](const std::string& text) {
-            // Dashboard commands act on the process-wide facade, whichever instance opened
-            // the link.
-            KestroInternal& kestro = Kestro();
-            RemoteCommandTargets targets{
-                .mockCache = [&kestro]() -> MockCache& { return kestro.getMockCache(); },
-                .setBreakPointEnabled =
-                    [&kestro](bool on) { kestro.getNetworkInterceptor().setBreakPointEnabled(on); },
-                .releaseBreakpoints =
-                    [&kestro] { kestro.getNetworkInterceptor().semaphore().release(); },
-                .logEvent =
-                    [&kestro](const std::string& name, const std::string& category,
-                              const boost::json::object& payload) {
-                        kestro.logEvent(name, category, payload);
-                    },
-            };
-            handleWebSocketMessage(text, targets);
+            auto observer = std::make_unique<AppLifecycleObserver>();
+            observer->setOnMoveToBackground([] {});
+            observer->setOnMoveToForeground([weak] {
+                if (const auto impl = weak.lock()) impl->reconnectLink();
+            });
+            std::unique_ptr<AppLifecycleObserver> dropped;
+            {
+                std::lock_guard lock(impl->mutex);
+                dropped = std::move(impl->appLifeCycleObserver);
+                impl->appLifeCycleObserver = std::move(observer);
+            }
+            dropped.reset();
+            KestroConfig config;
+            {
+                std::lock_guard lock(impl->mutex);
+                config = impl->config;
+            }
+            impl->start(config);
         });
-        link->connect(true);
-        // Every confirmed connection, reconnections included, registers the device again.
-        link->setOnConnect([weak] {
-            if (const auto impl = weak.lock()) impl->setupDevice();
-        });
-
-        auto observer = std::make_unique<AppLifecycleObserver>();
-        observer->setOnMoveToBackground([] {});
-        observer->setOnMoveToForeground([weak] {
-            if (const auto impl = weak.lock()) impl->reconnectLink();
-        });
-        std::unique_ptr<AppLifecycleObserver> dropped;
-        {
-            std::lock_guard lock(impl->mutex);
-            dropped = std::move(impl->appLifeCycleObserver);
-            impl->appLifeCycleObserver = std::move(observer);
-        }
-        dropped.reset();
-        KestroConfig config;
-        {
-            std::lock_guard lock(impl->mutex);
-            config = impl->config;
-        }
-        impl->start(config);
-    });
 }
-
-void KestroInternal::onMoveToForeground() { impl_->reconnectLink(); }
 
 void KestroInternal::start(const KestroConfig& config) { impl_->start(config); }
 
 void KestroInternal::stop(const KestroConfig& config) {
     setConfig(config);
-    if (!config.network) impl_->networkInterceptor.stopIntercepting();
-    if (!config.logs) PrintInterceptor::stopIntercepting();
+    if (!config.network) impl_->stopNetwork();
+    if (!config.logs) impl_->stopLogs();
 }
 
 void KestroInternal::startAll() {
@@ -425,8 +466,18 @@ void KestroInternal::startAll() {
 }
 
 void KestroInternal::stopAll() {
-    impl_->networkInterceptor.stopIntercepting();
-    PrintInterceptor::stopIntercepting();
+    impl_->stopNetwork();
+    impl_->stopLogs();
+}
+
+const std::vector<std::shared_ptr<SDKFeatureState>>& KestroInternal::sdkFeatureState() const {
+    return impl_->featureStates;
+}
+
+const std::vector<RequestType>& KestroInternal::supportedRequestTypes() const {
+    static const std::vector<RequestType> types{RequestType::network, RequestType::log,
+                                                RequestType::event};
+    return types;
 }
 
 void KestroInternal::logEvent(const std::string& name, const std::string& category,
@@ -477,7 +528,7 @@ bool KestroInternal::isStoreOrTestFlightBuild() const {
     return isStoreBuild() || isTestFlightBuild();
 }
 
-void KestroInternal::printI(std::string_view text, LogLevel level) const {
+void KestroInternal::printI(TextRef text, LogLevel level) const {
     if (consoleAllows(getConfig().logLevel, level)) writeConsoleLine(text);
 }
 

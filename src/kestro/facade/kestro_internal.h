@@ -5,6 +5,7 @@
 #include <source_location>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "kestro/core/config.h"
 #include "kestro/core/export.h"
@@ -69,6 +70,14 @@ class KESTRO_API KestroInternal {
     /// initialisation it always records; afterwards only while config.events is on.
     void logEvent(const std::string& name, const std::string& category,
                   const JSONDictionary& payload = {});
+    /// One state per capture feature, in the order network, log, event, each constructed off.
+    /// They follow the features: network and log are on while their capture handler is
+    /// installed (start, stop, startAll, stopAll); event is the stored configuration's events
+    /// flag, which decides whether logEvent records once initialised. Writing one switches
+    /// nothing. The list never changes; the states may be read from any thread.
+    const std::vector<std::shared_ptr<SDKFeatureState>>& sdkFeatureState() const;
+    /// The capture features: network, log, event.
+    const std::vector<RequestType>& supportedRequestTypes() const;
     /// Whether the dashboard link is up (false before the first initialisation's link exists).
     bool isConnectedToWs() const;
     /// The dashboard link, if initialisation has made one.
@@ -153,7 +162,7 @@ class KESTRO_API KestroInternal {
     const bool enforceKestroSheetInProductionBuilds;
 
     /// The SDK's leveled console print, filtered by this instance's config.logLevel.
-    void printI(std::string_view text, LogLevel level = LogLevel::verbose) const;
+    void printI(TextRef text, LogLevel level = LogLevel::verbose) const;
     template <typename... Items>
     void printI(LogLevel level, const Items&... items) const {
         try {
@@ -191,7 +200,6 @@ class KESTRO_API KestroInternal {
     // The device registration: gathers the shared description once, builds the dictionary
     // and posts it to "/v1/devices" with the key in use, all on the global executor.
     void setupDevice();
-    void onMoveToForeground();
     friend void facade::internal::setDeviceUpload(KestroInternal&, DeviceUpload);
     friend void facade::internal::setWebsocketOptions(KestroInternal&, const WebsocketOptions&);
 

@@ -1,67 +1,17 @@
 #pragma once
 
-// UTF-8 reading with repair, shared by the JSON parser's string and raw-text readers and the
-// decorator, which repairs a whole text before showing it: every ill-formed sequence is replaced
-// by one U+FFFD per maximal valid prefix (the replacement practice of the Unicode standard, so
-// "\xE2\x82" followed by "A" gives U+FFFD then "A").
+// The JSON parser's and the decorator's names for core's UTF-8 repair (kestro/core/utf8.h), which
+// the record texts use too: one U+FFFD per maximal ill-formed prefix.
 
-#include <cstdint>
-#include <string>
-#include <string_view>
+#include "kestro/core/utf8.h"
 
 namespace kestro::jsonview::internal {
 
-/// For p at a byte of 0x80 or above (p < end): the length (2-4) of the well-formed sequence
-/// starting there, or minus the length (1-3) of the ill-formed prefix that one U+FFFD replaces.
-inline int utf8SequenceLength(const std::uint8_t* p, const std::uint8_t* end) {
-    const std::uint8_t lead = p[0];
-    int need;
-    std::uint8_t lo = 0x80, hi = 0xBF;  // range of the second byte
-    if (lead >= 0xC2 && lead <= 0xDF) {
-        need = 1;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-        need = 2;
-        if (lead == 0xE0) lo = 0xA0;
-        if (lead == 0xED) hi = 0x9F;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        need = 3;
-        if (lead == 0xF0) lo = 0x90;
-        if (lead == 0xF4) hi = 0x8F;
-    } else {
-        return -1;
-    }
-    const std::ptrdiff_t available = end - p - 1;
-    for (int k = 1; k <= need; ++k) {
-        if (k > available) return -k;
-        const std::uint8_t c = p[k];
-        const bool ok = k == 1 ? (c >= lo && c <= hi) : (c >= 0x80 && c <= 0xBF);
-        if (!ok) return -k;
-    }
-    return need + 1;
-}
+using kestro::utf8SequenceLength;
 
 /// Appends bytes to out as UTF-8, replacing ill-formed sequences with U+FFFD.
 inline void appendRepaired(std::string& out, std::string_view bytes) {
-    const auto* p = reinterpret_cast<const std::uint8_t*>(bytes.data());
-    const auto* const end = p + bytes.size();
-    const auto* run = p;
-    out.reserve(out.size() + bytes.size());
-    while (p < end) {
-        if (*p < 0x80) {
-            ++p;
-            continue;
-        }
-        const int length = utf8SequenceLength(p, end);
-        if (length > 0) {
-            p += length;
-            continue;
-        }
-        out.append(reinterpret_cast<const char*>(run), static_cast<std::size_t>(p - run));
-        out += "\xEF\xBF\xBD";
-        p += -length;
-        run = p;
-    }
-    out.append(reinterpret_cast<const char*>(run), static_cast<std::size_t>(p - run));
+    appendRepairedUTF8(out, bytes);
 }
 
 }  // namespace kestro::jsonview::internal

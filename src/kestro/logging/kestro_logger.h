@@ -17,7 +17,7 @@ KESTRO_API int journalPriority(OSLogType type);
 /// Where KestroLogger writes its system-log entries. The default sink is the systemd journal;
 /// tests and hosts without a journal install their own.
 class KESTRO_API SystemLogSink {
-public:
+  public:
     virtual ~SystemLogSink() = default;
     /// Whether entries of this type are written at all.
     virtual bool isEnabled(OSLogType type) const = 0;
@@ -41,9 +41,9 @@ KESTRO_API void setSystemLogSink(std::shared_ptr<SystemLogSink> sink);
 /// Each method takes its items and captures the caller's file and line; a first argument of
 /// type At passes them explicitly. Holds no mutable state; any thread; never throws.
 class KESTRO_API KestroLogger {
-public:
-    KestroLogger(std::string subsystem, std::string category)
-        : subsystem_(std::move(subsystem)), category_(std::move(category)) {}
+  public:
+    KestroLogger(TextRef subsystem, TextRef category)
+        : subsystem_(subsystem), category_(category) {}
 
     // l: the log type is the caller's; level text "log".
     void l(OSLogType type, std::source_location loc = std::source_location::current()) const {
@@ -69,18 +69,18 @@ public:
         send(OSLogType::info, true, "info", loc.file_name(), loc.line(), first, rest...);
     }
 
-#define KESTRO_LOGGER_METHOD(name, type, isPublic, levelText)                               \
-    void name(std::source_location loc = std::source_location::current()) const {          \
-        send(type, isPublic, levelText, loc.file_name(), loc.line());                       \
-    }                                                                                       \
-    template <typename... Rest>                                                             \
-    void name(LocatedItem first, const Rest&... rest) const {                               \
-        const auto loc = first.location();                                                  \
-        send(type, isPublic, levelText, loc.file_name(), loc.line(), first, rest...);       \
-    }                                                                                       \
-    template <typename... Items>                                                            \
-    void name(At at, const Items&... items) const {                                         \
-        send(type, isPublic, levelText, at.file, at.line, items...);                        \
+#define KESTRO_LOGGER_METHOD(name, type, isPublic, levelText)                         \
+    void name(std::source_location loc = std::source_location::current()) const {     \
+        send(type, isPublic, levelText, loc.file_name(), loc.line());                 \
+    }                                                                                 \
+    template <typename... Rest>                                                       \
+    void name(LocatedItem first, const Rest&... rest) const {                         \
+        const auto loc = first.location();                                            \
+        send(type, isPublic, levelText, loc.file_name(), loc.line(), first, rest...); \
+    }                                                                                 \
+    template <typename... Items>                                                      \
+    void name(At at, const Items&... items) const {                                   \
+        send(type, isPublic, levelText, at.file, at.line, items...);                  \
     }
 
     KESTRO_LOGGER_METHOD(i, OSLogType::info, true, "info")
@@ -96,7 +96,7 @@ public:
     const std::string& subsystem() const { return subsystem_; }
     const std::string& category() const { return category_; }
 
-private:
+  private:
     template <typename... Items>
     void send(OSLogType type, bool isPublic, std::string_view levelText, std::string_view file,
               std::int64_t line, const Items&... items) const noexcept {
@@ -106,10 +106,12 @@ private:
         } catch (...) {
             // The console line and the record below report the failure to format.
         }
-        PrintInterceptor::log(
-            {.level = levelText, .subsystem = subsystem_, .category = category_, .file = file,
-             .line = line},
-            items...);
+        PrintInterceptor::log({.level = levelText,
+                               .subsystem = subsystem_,
+                               .category = category_,
+                               .file = file,
+                               .line = line},
+                              items...);
     }
     void writeSystemLog(OSLogType type, bool isPublic, const std::string& message,
                         std::string_view file, std::int64_t line) const noexcept;

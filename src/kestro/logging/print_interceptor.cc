@@ -13,6 +13,7 @@
 #include "kestro/core/executor.h"
 #include "kestro/core/handler_slot.h"
 #include "kestro/core/time_text.h"
+#include "kestro/core/utf8.h"
 #include "kestro/core/uuid.h"
 
 namespace kestro {
@@ -44,12 +45,27 @@ struct PendingLog {
         for (int k = 0; k < i; ++k) at += lengths[k];
         return std::string_view(text).substr(at, lengths[i]);
     }
+    // Whether every part is well-formed UTF-8, with one check of the whole buffer: the parts are
+    // each well-formed exactly when the buffer is and no character runs across the boundary
+    // between two parts (the byte at each boundary is not a continuation byte). About 70
+    // instructions for a typical record; checking each of its texts on its own cost about 500.
+    bool partsAreValidUTF8() const {
+        if (!isValidUTF8(text)) return false;
+        std::size_t at = 0;
+        for (int i = 0; i < 4; ++i) {
+            at += lengths[i];
+            if (at < text.size() && (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80) {
+                return false;
+            }
+        }
+        return true;
+    }
 };
 
 // Bounded multi-producer queue on a ring of sequenced slots: producers claim a slot with one
 // compare-and-swap and never take a lock. One drainer at a time consumes.
 class CaptureQueue {
-public:
+  public:
     static constexpr std::size_t kCapacity = 1 << 14;
 
     CaptureQueue() : slots_(kCapacity) {
@@ -76,7 +92,9 @@ public:
             }
         }
     }
-    void publish(Slot* slot) { slot->sequence.store(slot->position + 1, std::memory_order_release); }
+    void publish(Slot* slot) {
+        slot->sequence.store(slot->position + 1, std::memory_order_release);
+    }
 
     // Single consumer: the next published slot, or nullptr. Only the current drainer calls
     // front() and release(); head_ is atomic because drainers take turns across threads.
@@ -98,7 +116,7 @@ public:
         PendingLog log;
     };
 
-private:
+  private:
     std::vector<Slot> slots_;
     alignas(64) std::atomic<std::size_t> tail_{0};
     alignas(64) std::atomic<std::size_t> head_{0};
@@ -160,6 +178,9 @@ RequestTypeLog buildRecord(PendingLog& p) {
     r.details.filePath = p.part(4);
     r.details.file = lastPathComponent(r.details.filePath);
     r.details.line = p.line;
+    // The caller's texts may hold any bytes; the record's are well-formed UTF-8. Checked here,
+    // off the caller's thread.
+    if (!p.partsAreValidUTF8()) repairUTF8(r);
     return r;
 }
 
@@ -241,8 +262,8 @@ void enqueue(const LogCall& call, std::string_view message, std::string_view fil
         c.waitingForRoom.fetch_add(1, std::memory_order_acq_rel);
         {
             std::unique_lock lock(c.roomMutex);
-            const auto deadline = std::chrono::steady_clock::now() +
-                                  std::chrono::milliseconds(gRoomWaitMs.load());
+            const auto deadline =
+                std::chrono::steady_clock::now() + std::chrono::milliseconds(gRoomWaitMs.load());
             while ((slot = c.queue.claim()) == nullptr) {
                 if (c.roomCv.wait_until(lock, deadline) == std::cv_status::timeout) {
                     slot = c.queue.claim();
@@ -267,8 +288,8 @@ void enqueue(const LogCall& call, std::string_view message, std::string_view fil
 }  // namespace
 
 void PrintInterceptor::emit(const LogCall& call, std::string_view message) {
-    const std::string_view file =
-        call.file.empty() ? std::string_view(call.location.file_name()) : call.file;
+    const std::string_view file = call.file.empty() ? std::string_view(call.location.file_name())
+                                                    : std::string_view(call.file);
     const std::int64_t line =
         call.file.empty() && call.line < 0 ? call.location.line() : (call.line < 0 ? 0 : call.line);
 
@@ -297,12 +318,12 @@ void PrintInterceptor::emit(const LogCall& call, std::string_view message) {
 
 void PrintInterceptor::reportFormatFailure(const LogCall& call, const char* what) noexcept {
     try {
-        const std::string_view file =
-            call.file.empty() ? std::string_view(call.location.file_name()) : call.file;
-        printI(fmt::format("❌ A log call at {}:{} could not be formatted: {}",
-                           lastPathComponent(file),
-                           call.file.empty() && call.line < 0 ? call.location.line() : call.line,
-                           what),
+        const std::string_view file = call.file.empty()
+                                          ? std::string_view(call.location.file_name())
+                                          : std::string_view(call.file);
+        printI(fmt::format(
+                   "❌ A log call at {}:{} could not be formatted: {}", lastPathComponent(file),
+                   call.file.empty() && call.line < 0 ? call.location.line() : call.line, what),
                LogLevel::error);
     } catch (...) {
     }

@@ -17,36 +17,36 @@ namespace kestro {
 /// caller's: `PrintInterceptor::log({.level = "warn"}, "disk at", 93, "%")`. An explicit
 /// `file` (and `line`) replaces the captured location.
 struct LogCall {
-    std::string_view level = "info";
-    std::string_view subsystem = {};
-    std::string_view category = {};
-    std::string_view separator = " ";    // accepted, not used: items are joined with one space
-    std::string_view terminator = "\n";  // accepted, not used: the console line ends with "\n"
-    std::string_view file = {};
+    TextRef level = "info";
+    TextRef subsystem = {};
+    TextRef category = {};
+    TextRef separator = " ";    // accepted, not used: items are joined with one space
+    TextRef terminator = "\n";  // accepted, not used: the console line ends with "\n"
+    TextRef file = {};
     std::int64_t line = -1;
     std::source_location location = std::source_location::current();
 };
 
 /// An explicit call site, for calls that pass their own file and line.
 struct At {
-    std::string_view file;
+    TextRef file;
     std::int64_t line;
 };
 
 /// The first item of a log call, with the caller's location captured where the call converts
 /// it: `void w(LocatedItem first, const Rest&... rest)` reports the line of `logger.w(...)`.
 class LocatedItem : public ItemRef {
-public:
+  public:
     // Log options are never items, so that `i(OSLogPrivacy::...)` and `l(OSLogType::...)`
     // resolve to the overloads that take them.
     template <typename T>
-        requires(!std::is_same_v<T, OSLogPrivacy> && !std::is_same_v<T, OSLogType> &&
-                 !std::is_same_v<T, At>)
-    LocatedItem(const T& value, std::source_location location = std::source_location::current())
+    requires(!std::is_same_v<T, OSLogPrivacy> && !std::is_same_v<T, OSLogType> &&
+             !std::is_same_v<T, At>)
+        LocatedItem(const T& value, std::source_location location = std::source_location::current())
         : ItemRef(value), location_(location) {}
     std::source_location location() const { return location_; }
 
-private:
+  private:
     std::source_location location_;
 };
 
@@ -69,7 +69,7 @@ struct LogCaptureStats {
 /// Records reach the handler in no guaranteed order; the handler must accept being called from
 /// worker threads. All members may be called from any thread; nothing here throws.
 class KESTRO_API PrintInterceptor {
-public:
+  public:
     using Handler = std::function<void(const RequestTypeLog&)>;
 
     PrintInterceptor() = default;
@@ -105,7 +105,7 @@ public:
     static bool flush(std::chrono::milliseconds timeout = std::chrono::seconds(5));
     static LogCaptureStats stats();
 
-private:
+  private:
     static void emit(const LogCall& call, std::string_view message);
     static void reportFormatFailure(const LogCall& call, const char* what) noexcept;
 };

@@ -1,11 +1,11 @@
 #include "kestro/records/records.h"
 
-#include <boost/json/serialize.hpp>
 #include <fmt/compile.h>
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <array>
+#include <boost/json/serialize.hpp>
 #include <cmath>
 #include <cstring>
 
@@ -18,7 +18,9 @@ namespace json = boost::json;
 
 // --- Reading: each helper gives nothing when the key is missing or of the wrong kind. -------
 
-const json::value* find(const JSONDictionary& d, std::string_view key) { return d.if_contains(key); }
+const json::value* find(const JSONDictionary& d, std::string_view key) {
+    return d.if_contains(key);
+}
 
 std::optional<std::string> text(const JSONDictionary& d, std::string_view key) {
     const json::value* v = find(d, key);
@@ -86,11 +88,10 @@ constexpr auto kNeedsEscape = [] {
 // Writes into a std::string through a raw cursor: room is reserved per piece (escaping grows a
 // byte to at most six), so the hot loops are plain stores with no per-character checks.
 class Writer {
-public:
+  public:
     // Writes from position at (the end of out by default) on; out may already be sized
     // beyond it, and is cut to what was written when the writer goes.
-    explicit Writer(std::string& out, bool atObjectStart = true,
-                    std::size_t at = std::string::npos)
+    explicit Writer(std::string& out, bool atObjectStart = true, std::size_t at = std::string::npos)
         : out_(out), pos_(at == std::string::npos ? out.size() : at), first_(atObjectStart) {}
     ~Writer() { out_.resize(pos_); }
     Writer(const Writer&) = delete;
@@ -154,13 +155,27 @@ public:
             }
             *p++ = '\\';
             switch (c) {
-                case '"': *p++ = '"'; break;
-                case '\\': *p++ = '\\'; break;
-                case '\n': *p++ = 'n'; break;
-                case '\r': *p++ = 'r'; break;
-                case '\t': *p++ = 't'; break;
-                case '\b': *p++ = 'b'; break;
-                case '\f': *p++ = 'f'; break;
+                case '"':
+                    *p++ = '"';
+                    break;
+                case '\\':
+                    *p++ = '\\';
+                    break;
+                case '\n':
+                    *p++ = 'n';
+                    break;
+                case '\r':
+                    *p++ = 'r';
+                    break;
+                case '\t':
+                    *p++ = 't';
+                    break;
+                case '\b':
+                    *p++ = 'b';
+                    break;
+                case '\f':
+                    *p++ = 'f';
+                    break;
                 default: {
                     static constexpr char kHex[] = "0123456789abcdef";
                     *p++ = 'u', *p++ = '0', *p++ = '0';
@@ -185,7 +200,7 @@ public:
         pos_ = static_cast<std::size_t>(end - out_.data());
     }
 
-private:
+  private:
     // True when no byte of v is a control, a quote or a backslash.
     static bool cleanWord(std::uint64_t v) {
         constexpr std::uint64_t kOnes = 0x0101010101010101ULL, kHighs = 0x8080808080808080ULL;
@@ -270,8 +285,8 @@ void writeRequestBody(Writer& w, const RequestTypeRequest& r) {
 // --- encode ---------------------------------------------------------------------------------
 
 JSONDictionary RequestTypeLogDetails::encode() const {
-    return {{"message", message}, {"subsystem", subsystem}, {"category", category},
-            {"filePath", filePath}, {"file", file},         {"line", line}};
+    return {{"message", message},   {"subsystem", subsystem}, {"category", category},
+            {"filePath", filePath}, {"file", file},           {"line", line}};
 }
 
 namespace {
@@ -374,8 +389,8 @@ std::size_t jsonSizeHint(const TextMap& m) {
 }
 std::size_t jsonSizeHint(const RequestTypeLog& r) {
     const auto& d = r.details;
-    return r.id.size() + r.type.size() + r.level.size() + d.message.size() +
-           d.subsystem.size() + d.category.size() + d.filePath.size() + d.file.size() + 220;
+    return r.id.size() + r.type.size() + r.level.size() + d.message.size() + d.subsystem.size() +
+           d.category.size() + d.filePath.size() + d.file.size() + 220;
 }
 std::size_t jsonSizeHint(const RequestTypeEvent& r) {
     return r.id.size() + r.type.size() + r.details.name.size() + r.details.category.size() +
@@ -385,8 +400,7 @@ std::size_t jsonSizeHint(const RequestTypeRequest& r) {
     std::size_t n = r.id.size() + r.type.size() + 160;
     if (const auto& q = r.details.request)
         n += q->url.size() + q->method.size() + jsonSizeHint(q->headers) + q->body.size() + 80;
-    if (const auto& s = r.details.response)
-        n += jsonSizeHint(s->headers) + s->body.size() + 80;
+    if (const auto& s = r.details.response) n += jsonSizeHint(s->headers) + s->body.size() + 80;
     return n;
 }
 
@@ -402,26 +416,16 @@ std::string RequestEventType::toJSON() const {
         std::visit(
             [&](const auto& r) {
                 using T = std::decay_t<decltype(r)>;
-                if constexpr (std::is_same_v<T, RequestTypeLog>) writeLogBody(w, r);
-                else if constexpr (std::is_same_v<T, RequestTypeEvent>) writeEventBody(w, r);
-                else writeRequestBody(w, r);
+                if constexpr (std::is_same_v<T, RequestTypeLog>)
+                    writeLogBody(w, r);
+                else if constexpr (std::is_same_v<T, RequestTypeEvent>)
+                    writeEventBody(w, r);
+                else
+                    writeRequestBody(w, r);
             },
             value_);
         w.close();
     }
-    return out;
-}
-
-std::string RequestEventType::toJSON(std::string_view extraKey,
-                                     const boost::json::value& extraValue) const {
-    std::string out = toJSON();
-    out.pop_back();  // the closing brace
-    {
-        Writer w(out, false);  // eventType always precedes the extra key
-        w.key(extraKey);
-    }
-    out += json::serialize(extraValue);
-    out.push_back('}');
     return out;
 }
 
@@ -435,8 +439,8 @@ std::optional<RequestTypeLogDetails> RequestTypeLogDetails::decode(const JSONDic
     auto file = text(d, "file");
     auto line = integer(d, "line");
     if (!message || !subsystem || !category || !filePath || !file || !line) return std::nullopt;
-    return RequestTypeLogDetails{std::move(*message), std::move(*subsystem), std::move(*category),
-                                 std::move(*filePath), std::move(*file), *line};
+    return RequestTypeLogDetails{std::move(*message),  std::move(*subsystem), std::move(*category),
+                                 std::move(*filePath), std::move(*file),      *line};
 }
 
 std::optional<RequestTypeLog> RequestTypeLog::decode(const JSONDictionary& d) {
@@ -535,9 +539,12 @@ std::optional<RequestEventType> RequestEventType::decode(const JSONDictionary& d
 
 const char* RequestEventType::eventTypeText() const {
     switch (kind()) {
-        case Kind::networkRequest: return "networkRequest";
-        case Kind::log: return "log";
-        case Kind::customEvent: return "customEvent";
+        case Kind::networkRequest:
+            return "networkRequest";
+        case Kind::log:
+            return "log";
+        case Kind::customEvent:
+            return "customEvent";
     }
     return "log";
 }
@@ -548,6 +555,97 @@ const std::string& RequestEventType::id() const {
 
 TimePoint RequestEventType::timestamp() const {
     return std::visit([](const auto& r) { return r.createdAt; }, value_);
+}
+
+// --- UTF-8 repair ---------------------------------------------------------------------------
+
+void repairUTF8(RequestTypeLog& r) {
+    for (std::string* text : {&r.id, &r.type, &r.level, &r.details.message, &r.details.subsystem,
+                              &r.details.category, &r.details.filePath, &r.details.file}) {
+        repairUTF8(*text);
+    }
+}
+
+void repairUTF8(RequestTypeEvent& r) {
+    for (std::string* text : {&r.id, &r.type, &r.details.name, &r.details.category}) {
+        repairUTF8(*text);
+    }
+    repairUTF8(r.details.payload);
+}
+
+namespace {
+void repairMapUTF8(TextMap& map) {
+    bool keysValid = true;
+    for (auto& [key, value] : map) {
+        repairUTF8(value);
+        keysValid = keysValid && isValidUTF8(key);
+    }
+    if (keysValid) return;
+    // Keys are constant inside the map: build it again with repaired keys.
+    TextMap repaired;
+    for (auto& [key, value] : map) {
+        std::string k = key;
+        repairUTF8(k);
+        repaired.emplace(std::move(k), std::move(value));
+    }
+    map = std::move(repaired);
+}
+}  // namespace
+
+void repairUTF8(RequestTypeRequest& r) {
+    repairUTF8(r.id);
+    repairUTF8(r.type);
+    if (auto& q = r.details.request) {
+        repairUTF8(q->url);
+        repairUTF8(q->method);
+        repairMapUTF8(q->headers);
+        repairUTF8(q->body);
+    }
+    if (auto& s = r.details.response) {
+        repairMapUTF8(s->headers);
+        repairUTF8(s->body);
+    }
+}
+
+void repairUTF8(json::value& value) {
+    switch (value.kind()) {
+        case json::kind::string: {
+            json::string& text = value.get_string();
+            if (!isValidUTF8(text)) {
+                std::string repaired;
+                appendRepairedUTF8(repaired, text);
+                text = repaired;
+            }
+            return;
+        }
+        case json::kind::array:
+            for (json::value& element : value.get_array()) repairUTF8(element);
+            return;
+        case json::kind::object:
+            repairUTF8(value.get_object());
+            return;
+        default:
+            return;
+    }
+}
+
+void repairUTF8(JSONDictionary& object) {
+    bool keysValid = true;
+    for (auto& member : object) {
+        repairUTF8(member.value());
+        keysValid = keysValid && isValidUTF8(member.key());
+    }
+    if (keysValid) return;
+    // Keys are constant inside the object: build it again with repaired keys, in order. Two
+    // keys that repair to the same text keep the first one's value.
+    JSONDictionary repaired(object.storage());
+    repaired.reserve(object.size());
+    for (auto& member : object) {
+        std::string key;
+        appendRepairedUTF8(key, member.key());
+        repaired.emplace(key, std::move(member.value()));
+    }
+    object = std::move(repaired);
 }
 
 std::string lastPathComponent(std::string_view path) {

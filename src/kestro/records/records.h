@@ -2,7 +2,6 @@
 
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
-
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -11,6 +10,7 @@
 
 #include "kestro/core/export.h"
 #include "kestro/core/time_text.h"
+#include "kestro/core/utf8.h"
 
 namespace kestro {
 
@@ -127,7 +127,7 @@ struct KESTRO_API CustomEvent {
 
 /// One captured item: a network exchange, a log line or a custom event.
 class KESTRO_API RequestEventType {
-public:
+  public:
     enum class Kind : std::uint8_t { networkRequest, log, customEvent };
 
     RequestEventType(RequestTypeRequest r) : value_(std::move(r)) {}
@@ -157,14 +157,24 @@ public:
     /// encode() serialised compactly, written directly without building the dictionary.
     /// Parses to a value equal to encode().
     std::string toJSON() const;
-    /// toJSON() with one more top-level key appended (the upload adds "device").
-    std::string toJSON(std::string_view extraKey, const boost::json::value& extraValue) const;
 
     bool operator==(const RequestEventType&) const = default;
 
-private:
+  private:
     std::variant<RequestTypeRequest, RequestTypeLog, RequestTypeEvent> value_;
 };
+
+/// Make every text of a record well-formed UTF-8, each ill-formed sequence becoming U+FFFD
+/// (repairUTF8 in core). Record texts are JSON strings in the store and in the upload, and JSON
+/// text is UTF-8: without this one stray byte in a log message or a file path lost the record.
+/// What builds records calls them (the log capture, the capture pipeline); texts that are
+/// already well-formed, the usual case, are only checked.
+KESTRO_API void repairUTF8(RequestTypeLog& record);
+KESTRO_API void repairUTF8(RequestTypeEvent& record);
+KESTRO_API void repairUTF8(RequestTypeRequest& record);
+/// Every string and object key inside a JSON value (an event's payload).
+KESTRO_API void repairUTF8(boost::json::value& value);
+KESTRO_API void repairUTF8(JSONDictionary& object);
 
 /// The last path component: the text after the last "/", a trailing "/" ignored; the whole
 /// text if there is no "/".

@@ -3,7 +3,6 @@
 #include <boost/json/serialize.hpp>
 #include <boost/url/parse.hpp>
 
-#include "kestro/core/console.h"
 #include "kestro/core/executor.h"
 #include "kestro/core/json_numbers.h"
 #include "kestro/network/url_protocol.h"
@@ -65,15 +64,6 @@ void sendToServer(std::string urlString, JSONDictionary data, std::string apiKey
             });
         task->resume();
     });
-}
-
-UploadCompletion printUploadFailure(std::string urlString) {
-    return [urlString = std::move(urlString)](UploadResult result) {
-        if (const URLError* error = result.error()) {
-            printI("❌ Error: " + error->localizedDescription() + " Url: " + urlString,
-                   LogLevel::error);
-        }
-    };
 }
 
 }  // namespace kestro

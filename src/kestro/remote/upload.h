@@ -53,11 +53,6 @@ inline constexpr const char* kUploadNoDataDomain = "No Data";
 KESTRO_API void sendToServer(std::string urlString, JSONDictionary data, std::string apiKey,
                              UploadCompletion completion = {});
 
-/// A completion that prints "❌ Error: " + the error's description + " Url: " + urlString at
-/// error level when the upload fails, and ignores success (the device registration's
-/// completion).
-KESTRO_API UploadCompletion printUploadFailure(std::string urlString);
-
 namespace remote::internal {
 
 /// The request sendToServer sends, or nothing when urlString is not an absolute URL.

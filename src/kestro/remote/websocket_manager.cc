@@ -1,7 +1,5 @@
 #include "kestro/remote/websocket_manager.h"
 
-#include "kestro/network/tls_runtime.h"
-
 #include <fmt/format.h>
 #include <openssl/crypto.h>
 #include <openssl/ssl.h>
@@ -27,6 +25,7 @@
 #include "kestro/core/executor.h"
 #include "kestro/core/main_queue.h"
 #include "kestro/core/notification_center.h"
+#include "kestro/network/tls_runtime.h"
 
 namespace kestro {
 namespace remote::internal {
@@ -91,7 +90,9 @@ class Connection {
   public:
     virtual ~Connection() = default;
     virtual void start() = 0;
-    /// Completes when the pong arrives, or fails after pingTimeout, or when the link fails.
+    /// Completes when the pong arrives, or fails when the link fails or pingTimeout after the
+    /// ping was asked for, however long it waited to be written (from the open, for a ping
+    /// asked for while the connection opens).
     virtual void ping(Completion done) = 0;
     virtual void send(std::string text, Completion done) = 0;
     /// Delivers the next frame (frames are kept in order until asked for).
@@ -136,6 +137,7 @@ class ConnectionImpl final : public Connection,
             if (self->phase_ == Phase::closed) return done(&self->error_);
             const std::uint64_t id = ++self->lastPingId_;
             self->pings_.emplace(id, PendingPing{std::move(done), nullptr});
+            if (self->phase_ != Phase::opening) self->armPingTimer(id);
             self->outbox_.push_back({Kind::ping, {}, id, 0, nullptr});
             self->pump();
         });
@@ -288,6 +290,10 @@ class ConnectionImpl final : public Connection,
         ws_->control_callback([this](websocket::frame_type kind, beast::string_view payload) {
             if (kind == websocket::frame_type::pong) pong(payload);
         });
+        // Pings asked for while opening have their time from now.
+        for (auto& [id, ping] : pings_) {
+            if (!ping.timer) armPingTimer(id);
+        }
         read();
         pump();
     }
@@ -362,10 +368,9 @@ class ConnectionImpl final : public Connection,
                 break;
             case Kind::ping:
                 ws_->async_ping(websocket::ping_data(std::to_string(current_.pingId)),
-                                [self, id = current_.pingId](error_code ec) {
+                                [self](error_code ec) {
                                     self->writing_ = false;
                                     if (ec) return self->fail(describe("Ping failed", ec));
-                                    self->armPingTimer(id);
                                     self->pump();
                                 });
                 break;
@@ -497,6 +502,14 @@ struct WebsocketManager::Impl : std::enable_shared_from_this<WebsocketManager::I
     std::atomic<bool> alive{true};
     std::int64_t reconnectAttempts = 0;
     std::vector<DelayedTask> timers;
+    // The current connection's first ping (sent by connect), which the first check after the
+    // connect takes as its own: a service that never answers is then found lost when that
+    // check is due, not one ping time-out later.
+    struct FirstPing {
+        bool answered = false;
+        std::optional<std::string> error;
+        bool checkWaiting = false;  // the first check is due and waits for the answer
+    } firstPing;
 
     void schedule(std::chrono::milliseconds delay, std::function<void()> job) {
         std::erase_if(timers, [](const DelayedTask& t) { return !t.active(); });
@@ -535,23 +548,32 @@ struct WebsocketManager::Impl : std::enable_shared_from_this<WebsocketManager::I
         task->start();
 
         std::weak_ptr<Impl> weak = weak_from_this();
-        task->ping([weak](const std::string* error) {
+        std::weak_ptr<Connection> pinged = task;
+        firstPing = {};
+        task->ping([weak, pinged](const std::string* error) {
+            std::optional<std::string> failure;
             if (error) {
                 printI("❌ WebSocket ping failed: " + *error, LogLevel::error);
-                return;
+                failure = *error;
             }
-            MainQueue::shared().post([weak] {
+            MainQueue::shared().post([weak, pinged, failure = std::move(failure)] {
                 auto self = weak.lock();
                 if (!self || !self->alive.load()) return;
-                self->connected.store(true);
-                if (self->onConnect) self->onConnect();
-                NotificationCenter::defaultCenter().post(kWebsocketConnectionChange,
-                                                         WebsocketConnectionStatus::connected);
-                printI("✅ WebSocket connection is established", LogLevel::verbose);
+                if (!failure) {
+                    self->connected.store(true);
+                    if (self->onConnect) self->onConnect();
+                    NotificationCenter::defaultCenter().post(kWebsocketConnectionChange,
+                                                             WebsocketConnectionStatus::connected);
+                    printI("✅ WebSocket connection is established", LogLevel::verbose);
+                }
+                if (!self->task || self->task != pinged.lock()) return;
+                self->firstPing.answered = true;
+                self->firstPing.error = failure;
+                if (self->firstPing.checkWaiting) self->checked(failure);
             });
         });
         listenForMessages(weak, task);
-        listenForDisconnect();
+        listenForDisconnect(task);
     }
 
     static void listenForMessages(std::weak_ptr<Impl> weak, const std::shared_ptr<Connection>& on) {
@@ -590,30 +612,45 @@ struct WebsocketManager::Impl : std::enable_shared_from_this<WebsocketManager::I
         });
     }
 
-    void listenForDisconnect() {
+    // The periodic check: checkInterval from now, ping whatever connection is current; an
+    // answer schedules the next check, a failure (an error, or no pong within pingTimeout of
+    // the check) reports the loss and reconnects. The first check after a connect, given the
+    // connection it was started for, takes that connection's first ping as its own.
+    void listenForDisconnect(std::weak_ptr<Connection> opened = {}) {
         std::weak_ptr<Impl> weak = weak_from_this();
-        schedule(options.timing.checkInterval, [weak] {
+        schedule(options.timing.checkInterval, [weak, opened] {
             auto self = weak.lock();
             if (!self || !self->alive.load() || !self->task) return;
+            if (!opened.expired() && self->task == opened.lock()) {
+                if (!self->firstPing.answered) {
+                    self->firstPing.checkWaiting = true;  // its answer or time-out decides
+                    return;
+                }
+                if (self->firstPing.error) return self->checked(self->firstPing.error);
+            }
             // The answer keeps the manager's state alive until it has been handled.
             self->task->ping([self](const std::string* error) {
                 std::optional<std::string> failure;
                 if (error) failure = *error;
                 MainQueue::shared().post([self, failure = std::move(failure)] {
-                    if (!self->alive.load()) return;
-                    if (!failure) {
-                        self->listenForDisconnect();
-                        return;
-                    }
-                    self->connected.store(false);
-                    NotificationCenter::defaultCenter().post(
-                        kWebsocketConnectionChange, WebsocketConnectionStatus::disconnected);
-                    printI("❌ WebSocket Disconnected: " + *failure, LogLevel::error);
-                    if (self->onDisconnect) self->onDisconnect();
-                    if (self->alive.load()) self->reconnect();
+                    if (self->alive.load()) self->checked(failure);
                 });
             });
         });
+    }
+
+    // The outcome of a check (on the main queue).
+    void checked(const std::optional<std::string>& failure) {
+        if (!failure) {
+            listenForDisconnect();
+            return;
+        }
+        connected.store(false);
+        NotificationCenter::defaultCenter().post(kWebsocketConnectionChange,
+                                                 WebsocketConnectionStatus::disconnected);
+        printI("❌ WebSocket Disconnected: " + *failure, LogLevel::error);
+        if (onDisconnect) onDisconnect();
+        if (alive.load()) reconnect();
     }
 
     void reconnect() {
@@ -663,12 +700,10 @@ void onMain(const std::shared_ptr<WebsocketManager::Impl>& impl, F f) {
 
 }  // namespace
 
-
 WebsocketManager::WebsocketManager(std::string apiKey, std::string deviceId, std::string endpoint,
                                    WebsocketOptions options)
-    : impl_((initTLSRuntime(),
-             std::make_shared<Impl>(std::move(apiKey), std::move(deviceId), std::move(endpoint),
-                                    std::move(options)))) {}
+    : impl_((initTLSRuntime(), std::make_shared<Impl>(std::move(apiKey), std::move(deviceId),
+                                                      std::move(endpoint), std::move(options)))) {}
 
 WebsocketManager::~WebsocketManager() {
     impl_->alive.store(false);

@@ -21,7 +21,8 @@ struct WebsocketTiming {
     std::chrono::milliseconds checkInterval{2000};
     /// Time from a failed check to the reconnection it starts.
     std::chrono::milliseconds reconnectDelay{5000};
-    /// A ping whose pong has not arrived this long after it was sent fails.
+    /// A ping whose pong has not arrived this long after it was asked for fails, however long
+    /// it waited to be written (a ping asked for while the connection opens: after the open).
     std::chrono::milliseconds pingTimeout{2000};
     /// Deadline for name resolution, TCP connect, TLS and the upgrade together.
     std::chrono::milliseconds openTimeout{10000};
@@ -40,7 +41,10 @@ struct WebsocketOptions {
 ///
 /// connect() opens "<endpoint>?api-key=<key>&device-id=<device id>" (ws or wss), confirms the
 /// link with a ping, reads frames until the link fails, and checks the link with a ping every
-/// checkInterval. A failed check reports the loss (isConnected false, the notification
+/// checkInterval (the first check after a connect takes the confirming ping as its own, so a
+/// service that never answers is found lost when that check is due). A check fails on an error
+/// or when no pong came within pingTimeout. A failed check reports the loss (isConnected false,
+/// the notification
 /// "websocketConnectionChange" with WebsocketConnectionStatus::disconnected, onDisconnect) and
 /// reconnects after reconnectDelay, at most maxReconnectAttempts times since the last
 /// connect(true). A confirmed connect sets isConnected, calls onConnect and posts the
