@@ -48,10 +48,20 @@ RequestTypeRequest sampleRequest() {
     return r;
 }
 
+// A cut exchange with its phase timings (fractional and whole milliseconds).
+RequestTypeRequest sampleCutRequest() {
+    RequestTypeRequest r = sampleRequest();
+    r.details.request->bodyTotalBytes = 3'000'000'000;
+    r.details.response->bodyTotalBytes = 1'048'577;
+    r.details.response->timings = RequestTypeRequestTimings{1.25, 0.5, 12.0, 40.125, 0};
+    return r;
+}
+
 std::vector<RequestEventType> samples() {
     RequestTypeRequest bare{"", "network", {}, at(0), at(0)};
     return {RequestEventType(sampleLog()), RequestEventType(sampleEvent()),
-            RequestEventType(sampleRequest()), RequestEventType(bare)};
+            RequestEventType(sampleRequest()), RequestEventType(sampleCutRequest()),
+            RequestEventType(bare)};
 }
 
 TEST(RecordsTest, EveryRecordRoundTripsThroughItsDictionaryAndItsText) {
@@ -128,6 +138,25 @@ TEST(RecordsTest, DecodingIsAllOrNothing) {
     EXPECT_TRUE(RequestEventType::decode(event));
     event["details"].as_object()["payload"] = "not an object";
     EXPECT_FALSE(RequestEventType::decode(event));
+}
+
+TEST(RecordsTest, CutBodiesAndTimingsAreWrittenOnlyWhenKnown) {
+    const json::object plain = RequestEventType(sampleRequest()).encode();
+    const auto& halves = plain.at("details").as_object();
+    EXPECT_FALSE(halves.at("request").as_object().contains("bodyTotalBytes"));
+    EXPECT_FALSE(halves.at("response").as_object().contains("bodyTotalBytes"));
+    EXPECT_FALSE(halves.at("response").as_object().contains("timings"));
+
+    json::object cut = RequestEventType(sampleCutRequest()).encode();
+    auto& response = cut["details"].as_object()["response"].as_object();
+    EXPECT_EQ(response.at("bodyTotalBytes"), 1048577);
+    EXPECT_EQ(response.at("timings").at("firstByte"), 40.125);
+    // Timings missing a phase are dropped, not the half.
+    response["timings"].as_object().erase("tls");
+    auto back = RequestEventType::decode(cut);
+    ASSERT_TRUE(back && back->asNetworkRequest()->details.response);
+    EXPECT_FALSE(back->asNetworkRequest()->details.response->timings);
+    EXPECT_EQ(back->asNetworkRequest()->details.response->bodyTotalBytes, 1048577);
 }
 
 TEST(RecordsTest, MalformedNetworkHalvesAreDroppedNotTheRecord) {

@@ -120,6 +120,7 @@ class Writer {
         pos_ += text.size();
     }
     void field(std::string_view k, TimePoint t) { key(k), real(secondsSince1970(t)); }
+    void field(std::string_view k, double d) { key(k), real(d); }
     void field(std::string_view k, const TextMap& m) {
         key(k);
         open();
@@ -264,6 +265,7 @@ void writeRequestBody(Writer& w, const RequestTypeRequest& r) {
         w.field("headers", q->headers);
         w.field("startedAt", q->startedAt);
         w.field("body", q->body);
+        if (q->bodyTotalBytes) w.field("bodyTotalBytes", *q->bodyTotalBytes);
         w.close();
     }
     if (const auto& s = r.details.response) {
@@ -273,6 +275,17 @@ void writeRequestBody(Writer& w, const RequestTypeRequest& r) {
         w.field("headers", s->headers);
         w.field("receivedAt", s->receivedAt);
         w.field("body", s->body);
+        if (s->bodyTotalBytes) w.field("bodyTotalBytes", *s->bodyTotalBytes);
+        if (const auto& t = s->timings) {
+            w.key("timings");
+            w.open();
+            w.field("nameLookup", t->nameLookup);
+            w.field("connect", t->connect);
+            w.field("tls", t->tls);
+            w.field("firstByte", t->firstByte);
+            w.field("transfer", t->transfer);
+            w.close();
+        }
         w.close();
     }
     w.close();
@@ -340,19 +353,32 @@ JSONDictionary RequestTypeEventDetails::encode() const {
 
 JSONDictionary RequestTypeEvent::encode() const { return encodeRecord(*this); }
 
+JSONDictionary RequestTypeRequestTimings::encode() const {
+    return {{"nameLookup", nameLookup},
+            {"connect", connect},
+            {"tls", tls},
+            {"firstByte", firstByte},
+            {"transfer", transfer}};
+}
+
 JSONDictionary RequestTypeRequestDetailsRequest::encode() const {
-    return {{"url", url},
-            {"method", method},
-            {"headers", encodeMap(headers)},
-            {"startedAt", secondsSince1970(startedAt)},
-            {"body", body}};
+    JSONDictionary o{{"url", url},
+                     {"method", method},
+                     {"headers", encodeMap(headers)},
+                     {"startedAt", secondsSince1970(startedAt)},
+                     {"body", body}};
+    if (bodyTotalBytes) o.emplace("bodyTotalBytes", *bodyTotalBytes);
+    return o;
 }
 
 JSONDictionary RequestTypeRequestDetailsResponse::encode() const {
-    return {{"statusCode", statusCode},
-            {"headers", encodeMap(headers)},
-            {"receivedAt", secondsSince1970(receivedAt)},
-            {"body", body}};
+    JSONDictionary o{{"statusCode", statusCode},
+                     {"headers", encodeMap(headers)},
+                     {"receivedAt", secondsSince1970(receivedAt)},
+                     {"body", body}};
+    if (bodyTotalBytes) o.emplace("bodyTotalBytes", *bodyTotalBytes);
+    if (timings) o.emplace("timings", timings->encode());
+    return o;
 }
 
 JSONDictionary RequestTypeRequestDetails::encode() const {
@@ -486,8 +512,20 @@ std::optional<RequestTypeRequestDetailsRequest> RequestTypeRequestDetailsRequest
     auto startedAt = time(d, "startedAt");
     auto body = text(d, "body");
     if (!url || !method || !headers || !startedAt || !body) return std::nullopt;
-    return RequestTypeRequestDetailsRequest{std::move(*url), std::move(*method),
-                                            std::move(*headers), *startedAt, std::move(*body)};
+    return RequestTypeRequestDetailsRequest{std::move(*url),     std::move(*method),
+                                            std::move(*headers), *startedAt,
+                                            std::move(*body),    integer(d, "bodyTotalBytes")};
+}
+
+std::optional<RequestTypeRequestTimings> RequestTypeRequestTimings::decode(
+    const JSONDictionary& d) {
+    auto nameLookup = number(d, "nameLookup");
+    auto connect = number(d, "connect");
+    auto tls = number(d, "tls");
+    auto firstByte = number(d, "firstByte");
+    auto transfer = number(d, "transfer");
+    if (!nameLookup || !connect || !tls || !firstByte || !transfer) return std::nullopt;
+    return RequestTypeRequestTimings{*nameLookup, *connect, *tls, *firstByte, *transfer};
 }
 
 std::optional<RequestTypeRequestDetailsResponse> RequestTypeRequestDetailsResponse::decode(
@@ -497,8 +535,11 @@ std::optional<RequestTypeRequestDetailsResponse> RequestTypeRequestDetailsRespon
     auto receivedAt = time(d, "receivedAt");
     auto body = text(d, "body");
     if (!statusCode || !headers || !receivedAt || !body) return std::nullopt;
-    return RequestTypeRequestDetailsResponse{*statusCode, std::move(*headers), *receivedAt,
-                                             std::move(*body)};
+    std::optional<RequestTypeRequestTimings> timings;
+    if (const JSONDictionary* t = object(d, "timings")) timings = RequestTypeRequestTimings::decode(*t);
+    return RequestTypeRequestDetailsResponse{*statusCode,      std::move(*headers),
+                                             *receivedAt,      std::move(*body),
+                                             integer(d, "bodyTotalBytes"), timings};
 }
 
 std::optional<RequestTypeRequestDetails> RequestTypeRequestDetails::decode(

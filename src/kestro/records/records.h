@@ -68,12 +68,33 @@ struct KESTRO_API RequestTypeEvent {
     bool operator==(const RequestTypeEvent&) const = default;
 };
 
+/// How long each phase of a real exchange took, in milliseconds, as the HTTP client measured
+/// it: name lookup, connecting (TCP), the TLS handshake, waiting from the request's being sent
+/// to the answer's first byte, and receiving the rest. A phase that did not happen (a reused
+/// connection's lookup and connect, TLS over plain HTTP) is 0. Mocked answers have none.
+struct KESTRO_API RequestTypeRequestTimings {
+    double nameLookup = 0;
+    double connect = 0;
+    double tls = 0;
+    double firstByte = 0;
+    double transfer = 0;
+
+    /// {"nameLookup", "connect", "tls", "firstByte", "transfer"}, each a number of ms.
+    JSONDictionary encode() const;
+    /// Nothing unless all five are numbers.
+    static std::optional<RequestTypeRequestTimings> decode(const JSONDictionary& from);
+    bool operator==(const RequestTypeRequestTimings&) const = default;
+};
+
 struct KESTRO_API RequestTypeRequestDetailsRequest {
     std::string url;
     std::string method;
     TextMap headers;
     TimePoint startedAt;
     std::string body;
+    /// When the body was cut to the capture limit: the size of the whole body in bytes (as the
+    /// application sent it). Key "bodyTotalBytes", written only when set.
+    std::optional<std::int64_t> bodyTotalBytes;
 
     JSONDictionary encode() const;
     static std::optional<RequestTypeRequestDetailsRequest> decode(const JSONDictionary& from);
@@ -85,6 +106,11 @@ struct KESTRO_API RequestTypeRequestDetailsResponse {
     TextMap headers;
     TimePoint receivedAt;
     std::string body;
+    /// When the body was cut to the capture limit: the size of the whole body in bytes (as the
+    /// application received it). Key "bodyTotalBytes", written only when set.
+    std::optional<std::int64_t> bodyTotalBytes;
+    /// The phases of a real exchange. Key "timings", written only when set.
+    std::optional<RequestTypeRequestTimings> timings;
 
     JSONDictionary encode() const;
     static std::optional<RequestTypeRequestDetailsResponse> decode(const JSONDictionary& from);
