@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "kestro/core/capture_policy.h"
 #include "kestro/core/export.h"
 
 namespace kestro {
@@ -30,6 +31,12 @@ struct KESTRO_API KestroConfig {
     bool events = false;
     LogLevel logLevel = LogLevel::debug;
     std::optional<std::string> environment;
+    /// What network records hide or skip (default: the credential headers).
+    RedactionPolicy redaction;
+    /// Captured bodies above this many bytes are cut in their record (0: never cut).
+    std::int64_t maxBodyBytes = kDefaultMaxBodyBytes;
+    /// The on-device store's limits.
+    StoreRetention retention;
 
     KestroConfig() = default;
     KestroConfig(bool logs, bool network, bool events, LogLevel logLevel,
