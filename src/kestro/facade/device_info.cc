@@ -137,14 +137,24 @@ bool isPlaceholderProductName(std::string_view name) {
     return false;
 }
 
-std::mutex gSharedMutex;
-std::optional<DeviceInfo> gInstance;  // guarded by gSharedMutex
+// The process-wide description lives for the whole process and is never destroyed: the
+// registration gathers it on the executor, which may still be at it while the process exits
+// and destroys its statics.
+struct SharedDeviceInfo {
+    std::mutex mutex;
+    std::optional<DeviceInfo> instance;  // guarded by mutex
+};
+SharedDeviceInfo& sharedDeviceInfo() {
+    static auto* shared = new SharedDeviceInfo;
+    return *shared;
+}
 
 }  // namespace
 
 void resetSharedDeviceInfo() {
-    std::lock_guard lock(gSharedMutex);
-    gInstance.reset();
+    auto& shared = sharedDeviceInfo();
+    std::lock_guard lock(shared.mutex);
+    shared.instance.reset();
 }
 
 }  // namespace facade::internal
@@ -254,25 +264,28 @@ DeviceInfo gatherDeviceInfo(const DeviceFactSources& sources, const std::string&
 void DeviceInfo::initialize() { initialize(DeviceFactSources{}, applicationId()); }
 
 void DeviceInfo::initialize(const DeviceFactSources& sources, const std::string& applicationId) {
+    auto& shared = sharedDeviceInfo();
     {
-        std::lock_guard lock(gSharedMutex);
-        if (gInstance) return;
+        std::lock_guard lock(shared.mutex);
+        if (shared.instance) return;
     }
     // Gathered outside the lock (it reads files); the first one stored wins.
     DeviceInfo gathered = gatherDeviceInfo(sources, applicationId);
-    std::lock_guard lock(gSharedMutex);
-    if (!gInstance) gInstance = std::move(gathered);
+    std::lock_guard lock(shared.mutex);
+    if (!shared.instance) shared.instance = std::move(gathered);
 }
 
 DeviceInfo DeviceInfo::shared() {
-    std::lock_guard lock(gSharedMutex);
-    if (gInstance) return *gInstance;
+    auto& shared = sharedDeviceInfo();
+    std::lock_guard lock(shared.mutex);
+    if (shared.instance) return *shared.instance;
     return DeviceInfo("NOT_SET", "", "", "", std::string(), false);
 }
 
 void DeviceInfo::setDeviceName(std::string name) {
-    std::lock_guard lock(gSharedMutex);
-    if (gInstance) gInstance->name = std::move(name);
+    auto& shared = sharedDeviceInfo();
+    std::lock_guard lock(shared.mutex);
+    if (shared.instance) shared.instance->name = std::move(name);
 }
 
 void registerDevice(const std::string& endpoint, const DeviceDictionary& body,
