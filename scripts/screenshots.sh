@@ -42,10 +42,13 @@ if [ -z "$port" ]; then
     exit 1
 fi
 
+# The demo uploads and links with a key the service knows (it refuses any other).
+key=$("$service" --port "$port" --data-dir "$work/service" keys add screenshots)
+
 rm -rf "$out"
 mkdir -p "$out"
 # The demo keeps its items in the temporary folder; the tour ends by itself (60 s at most).
-KESTRO_HOME="$work/home" KESTRO_DEV_HOST="127.0.0.1:$port" \
+KESTRO_HOME="$work/home" KESTRO_DEV_HOST="127.0.0.1:$port" KESTRO_API_KEY="$key" \
     timeout 120 xvfb-run -a -s "-screen 0 1280x900x24" "$demo" --screenshots "$out" \
     >"$work/demo.log" 2>&1 || { cat "$work/demo.log" >&2; echo "screenshots: the demo failed" >&2; exit 1; }
 grep "screenshot" "$work/demo.log" || true
