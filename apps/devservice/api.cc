@@ -145,21 +145,9 @@ Reply ApiRouter::route(const Request& request) const {
     const auto& seg = target.segments;
     const auto method = request.method();
 
+    // The page answers "/" and "/app/..." (the link's upgrade on "/" never reaches here).
     if (auto page = servePage(request)) return std::move(*page);
-    if (seg.empty()) {
-        if (method != http::verb::get && method != http::verb::head) {
-            return internal::methodNotAllowed("GET", "/", v);
-        }
-        return jsonReply(200,
-                         json::object{{"service", "kestro-devservice"},
-                                      {"version", SDK_VERSION},
-                                      {"uploads", json::array{"/v1/devices", "/v1/requests"}},
-                                      {"webSocket", "/?api-key=<key>&device-id=<id>"},
-                                      {"dashboardApi", "/api"},
-                                      {"pushChannel", "/api/live"},
-                                      {"sample", "/sample"}},
-                         v);
-    }
+    if (seg.empty()) return error(404, "no such endpoint: /", v);
     if (seg.size() == 2 && seg[0] == "v1" && (seg[1] == "devices" || seg[1] == "requests")) {
         if (method != http::verb::post) {
             return internal::methodNotAllowed("POST", "/v1/" + seg[1], v);
