@@ -9,6 +9,7 @@
 
 #include "inspector/inspector_fixture.h"
 #include "inspector/records.h"
+#include "kestro/imgui/colors.h"
 #include "kestro/imgui/image_textures.h"
 #include "kestro/imgui/kestro_sheet.h"
 #include "kestro/network/body_text.h"
@@ -130,6 +131,54 @@ TEST_F(InspectorScreensTest, ClickingARowOpensItsDetailsAndCopyingShowsTheToast)
     clock_.advance(1500ms);
     ui_->step();
     EXPECT_FALSE(drawn("Copied to clipboard"));
+}
+
+TEST_F(InspectorScreensTest, DetailsShowThePhaseWaterfallAndWhereABodyWasCut) {
+    auto real = jsonExchange("real", "https://api.test/download", R"({"part":)",
+                             {{"Content-Type", "application/json"}});
+    auto& response = *real.asNetworkRequest()->details.response;
+    response.bodyTotalBytes = 2 * 1024 * 1024;
+    response.timings = RequestTypeRequestTimings{10, 20, 30, 25, 15};
+    store_->add(real);
+    store_->add(jsonExchange("mocked", "https://api.test/mocked", "[]"));
+    openList();
+
+    clickItem("row:real");
+    const auto notice = ui_->findText("truncated: 2,097,152 bytes in all");
+    ASSERT_TRUE(notice);
+    EXPECT_EQ(notice->color, imgui::toImU32(colors::orange));
+    EXPECT_TRUE(drawn("Total 100.00 ms"));
+    // One bar per phase that happened, left to right in order, each as wide as its share.
+    const char* phases[] = {"Name lookup", "Connect", "TLS", "First byte", "Transfer"};
+    const double ms[] = {10, 20, 30, 25, 15};
+    std::optional<testing::Box> previous;
+    float track = 0;
+    for (int i = 0; i < 5; ++i) {
+        const auto bar = ui_->item(std::string("timing:") + phases[i]);
+        ASSERT_TRUE(bar) << phases[i];
+        EXPECT_TRUE(drawn(phases[i]));
+        EXPECT_FALSE(ui_->shapesIn(*bar).empty()) << phases[i];
+        if (previous) {
+            EXPECT_NEAR(bar->min.x, previous->max.x, 1.0) << phases[i];
+            EXPECT_GT(bar->min.y, previous->min.y) << phases[i];
+        }
+        track += bar->width();
+        previous = bar;
+    }
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_NEAR(ui_->item(std::string("timing:") + phases[i])->width(), track * ms[i] / 100,
+                    1.0)
+            << phases[i];
+    }
+    EXPECT_TRUE(drawn("30.00 ms"));
+    ui_->click(ui_->findText("Done")->box.center());
+
+    // A mocked answer has no phases: the screen says so and draws no bar.
+    ASSERT_TRUE(ui_->stepUntil([&] { return list().details() == nullptr; }, 10));
+    clickItem("row:mocked");
+    EXPECT_TRUE(drawn("no timings"));
+    EXPECT_TRUE(ui_->itemNames("timing:").empty());
+    EXPECT_FALSE(drawn("truncated:"));
 }
 
 TEST_F(InspectorScreensTest, AFoldIconFoldsTheObjectAndTheLineNumbersFollow) {

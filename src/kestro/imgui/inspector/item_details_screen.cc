@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "kestro/imgui/inspector/screens.h"
+#include "kestro/imgui/inspector/timing_waterfall_view.h"
 #include "kestro/imgui/inspector/widgets.h"
 #include "kestro/imgui/item_probe.h"
 #include "kestro/imgui/system_images.h"
@@ -101,6 +102,18 @@ void element(ItemDetailsModel& details, const DetailElement& e, std::size_t numb
             ImGui::EndChild();
             break;
         }
+        case Kind::notice:
+            wrappedText(TextStyle::footnote, e.text(), colors::orange);
+            break;
+        case Kind::timings:
+            Text(TextStyle::subheadline, e.label);
+            if (e.waterfall) {
+                drawTimingWaterfall(*e.waterfall, framedWidthAvail());
+            } else {
+                ImGui::SameLine();
+                Text(TextStyle::caption, e.text(), colors::secondary);
+            }
+            break;
         case Kind::image: {
             auto& preview = state.images[number];
             if (!preview) preview = std::make_unique<ImagePreview>(e.value);
