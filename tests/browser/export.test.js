@@ -94,6 +94,75 @@ test("the HAR export of the exchanges in view is valid HAR 1.2 and holds them", 
     assertNoErrors(page);
 });
 
+// HAR's rule: time is the sum of the phases that apply (not -1), ssl being part of connect.
+function harTimeAddsUp(entry) {
+    const { blocked, dns, connect, send, wait, receive } = entry.timings;
+    const sum = [blocked, dns, connect, send, wait, receive].filter((ms) => ms !== -1).reduce((a, b) => a + b, 0);
+    return Math.abs(entry.time - sum) < 1e-9;
+}
+
+test("an exchange's phases show as a waterfall, a cut body says so, and the HAR takes both", async () => {
+    const real = exchangeRecord({ url: "http://127.0.0.1/phases/download", method: "POST", status: 200, body: '{"part":', device });
+    real.details.request.body = "abc";
+    real.details.request.bodyTotalBytes = 2_000_000;
+    real.details.response.bodyTotalBytes = 5_242_880;
+    real.details.response.timings = { nameLookup: 10, connect: 20, tls: 30, firstByte: 25, transfer: 15 };
+    const reused = exchangeRecord({ url: "http://127.0.0.1/phases/reused", status: 204, device });
+    reused.details.response.timings = { nameLookup: 0, connect: 0, tls: 0, firstByte: 3.5, transfer: 0.5 };
+    const mocked = exchangeRecord({ url: "http://127.0.0.1/phases/mocked", status: 200, body: "{}", device });
+    for (const record of [real, reused, mocked]) await service.upload(key, record);
+
+    await search(page, "/phases/");
+    await openItem(page, "/phases/download");
+    const detail = page.locator("article.detail");
+    await detail.locator(".detail-title", { hasText: "POST" }).waitFor();
+    assert.deepEqual(await detail.locator(".truncated").allInnerTexts(),
+        ["truncated: 2,000,000 bytes in all", "truncated: 5,242,880 bytes in all"]);
+    assert.deepEqual(await detail.locator(".phase-label").allInnerTexts(), ["Name lookup", "Connect", "TLS", "First byte", "Transfer"]);
+    assert.deepEqual(await detail.locator(".phase-ms").allInnerTexts(), ["10.00 ms", "20.00 ms", "30.00 ms", "25.00 ms", "15.00 ms"]);
+    assert.equal(await detail.locator(".phase-total").innerText(), "Total 100.00 ms");
+    // Bars one after the other on one axis, each as wide as its share of the whole.
+    const bars = await detail.locator(".phase .bar").evaluateAll((els) => els.map((e) => e.getBoundingClientRect().toJSON()));
+    assert.equal(bars.length, 5);
+    const track = bars.reduce((sum, b) => sum + b.width, 0);
+    [10, 20, 30, 25, 15].forEach((ms, i) => {
+        assert.ok(Math.abs(bars[i].width - (track * ms) / 100) < 1.5, `bar ${i} width ${bars[i].width}`);
+        if (i > 0) assert.ok(Math.abs(bars[i].left - bars[i - 1].right) < 1.5, `bar ${i} starts where ${i - 1} ends`);
+    });
+    await screenshot(page, "detail-waterfall");
+
+    await openItem(page, "/phases/mocked");
+    await detail.locator(".detail-title", { hasText: "/phases/mocked" }).waitFor();
+    await detail.locator(".no-timings", { hasText: "no timings" }).waitFor();
+    assert.equal(await detail.locator(".phase .bar").count(), 0);
+    assert.equal(await detail.locator(".truncated").count(), 0);
+    await page.keyboard.press("Escape");
+
+    const [download] = await Promise.all([page.waitForEvent("download"), page.getByRole("button", { name: "Export HAR" }).click()]);
+    const har = JSON.parse(readFileSync(await download.path(), "utf8"));
+    const validate = harValidator();
+    assert.ok(validate(har), JSON.stringify(validate.errors, null, 2));
+    const byPath = Object.fromEntries(har.log.entries.map((e) => [new URL(e.request.url).pathname, e]));
+    const cut = byPath["/phases/download"];
+    assert.deepEqual(cut.timings, { blocked: -1, dns: 10, connect: 50, ssl: 30, send: 0, wait: 25, receive: 15 });
+    assert.equal(cut.time, 100);
+    assert.equal(cut.request.bodySize, 2_000_000);
+    assert.deepEqual(cut.request.postData, { mimeType: "", text: "abc", comment: "truncated: 2,000,000 bytes in all" });
+    assert.equal(cut.response.bodySize, 5_242_880);
+    assert.equal(cut.response.content.text, '{"part":');
+    assert.equal(cut.response.content.comment, "truncated: 5,242,880 bytes in all");
+    // A reused plain connection: no lookup, connect or TLS to speak of.
+    assert.deepEqual(byPath["/phases/reused"].timings, { blocked: -1, dns: -1, connect: -1, ssl: -1, send: 0, wait: 3.5, receive: 0.5 });
+    assert.equal(byPath["/phases/reused"].time, 4);
+    // Without phases the whole duration is waiting.
+    const answered = byPath["/phases/mocked"];
+    assert.ok(answered.timings.wait > 0 && answered.timings.dns === -1 && answered.timings.receive === 0);
+    assert.equal(answered.response.content.comment, undefined);
+    for (const entry of har.log.entries) assert.ok(harTimeAddsUp(entry), JSON.stringify(entry.timings));
+    await page.locator('input[name="q"]').fill("");
+    assertNoErrors(page);
+});
+
 test("copy as cURL gives a command that repeats the request", async () => {
     await search(page, "/sample/echo");
     await openItem(page, "/sample/echo");

@@ -11,13 +11,21 @@
 //    no pages.
 //  - startedDateTime: the request's startedAt (else the record's createdAt) as ISO 8601 in UTC
 //    with milliseconds.
-//  - time and timings: the whole duration goes to timings.wait (the SDK measures only request to
-//    response); send and receive are 0; blocked, dns, connect and ssl are -1 (not measured).
-//    time = durationMs, or 0 while the response is awaited.
+//  - timings of a real exchange come from the phases the SDK measured (the response's "timings"):
+//    blocked -1 (not measured), dns = nameLookup, connect = connect + tls (HAR counts TLS inside
+//    connect), ssl = tls, send 0 (sending is inside firstByte), wait = firstByte, receive =
+//    transfer; dns, connect and ssl are -1 where the phase did not happen (0: a reused
+//    connection, plain HTTP). time = the sum of the phases that are not -1, ssl left out.
+//  - without phases (a mocked answer, a record without them) the whole duration goes to
+//    timings.wait; send and receive are 0; blocked, dns, connect and ssl are -1. time =
+//    durationMs, or 0 while the response is awaited.
 //  - request: method, url, httpVersion "HTTP/1.1", headers as {name, value} sorted by name,
 //    queryString parsed from the URL, cookies [], headersSize -1, bodySize = the body's UTF-8
 //    size; postData {mimeType: its Content-Type or "", text: the body} only when the body is
 //    not empty.
+//  - a body cut at capture (its half has "bodyTotalBytes"): bodySize (and content.size) is the
+//    whole body's size, text holds what was captured, and postData or content has the comment
+//    "truncated: N bytes in all" (N with thousands separators), also when nothing was kept.
 //  - response: status (0 while awaited), statusText "" (not captured), httpVersion "HTTP/1.1",
 //    headers as above, cookies [], redirectURL = its Location header or "", headersSize -1,
 //    bodySize = content.size; content {size: the decoded byte count, mimeType: Content-Type or
@@ -33,6 +41,7 @@
 //    line of their own, after " \" and a newline, so that the command pastes as one.
 
 import { bodyEncoding, bodySize, header, utf8Size } from "./body.js";
+import { phaseDurations, truncatedText } from "./timings.js";
 
 function isoTime(seconds) {
     return new Date(Math.round(seconds * 1000)).toISOString();
@@ -53,6 +62,31 @@ function queryString(url) {
     }
 }
 
+// HAR timings and time: from the phases when the exchange has them, else the whole duration as
+// waiting.
+function harTimings(response, durationMs) {
+    const phases = phaseDurations(response?.timings);
+    if (!phases) {
+        const wait = response ? durationMs : 0;
+        return { time: wait, timings: { blocked: -1, dns: -1, connect: -1, ssl: -1, send: 0, wait, receive: 0 } };
+    }
+    const happened = (ms) => (ms > 0 ? ms : -1);
+    const timings = {
+        blocked: -1,
+        dns: happened(phases.nameLookup),
+        connect: happened(phases.connect + phases.tls),
+        ssl: happened(phases.tls),
+        send: 0,
+        wait: phases.firstByte,
+        receive: phases.transfer,
+    };
+    const time = ["blocked", "dns", "connect", "send", "wait", "receive"]
+        .map((name) => timings[name])
+        .filter((ms) => ms !== -1)
+        .reduce((sum, ms) => sum + ms, 0);
+    return { time, timings };
+}
+
 // One HAR entry from an Item (a row plus its record).
 export function harEntry(item) {
     const details = item.record?.details ?? {};
@@ -70,18 +104,23 @@ export function harEntry(item) {
         headers: headerList(request.headers),
         queryString: queryString(request.url ?? item.url ?? ""),
         headersSize: -1,
-        bodySize: utf8Size(requestBody),
+        bodySize: typeof request.bodyTotalBytes === "number" ? request.bodyTotalBytes : utf8Size(requestBody),
     };
-    if (requestBody) {
+    const requestCut = truncatedText(request);
+    if (requestBody || requestCut) {
         harRequest.postData = { mimeType: header(request.headers, "Content-Type") ?? "", text: requestBody };
+        if (requestCut) harRequest.postData.comment = requestCut;
     }
 
     let harResponse;
     if (response) {
         const body = typeof response.body === "string" ? response.body : "";
         const { encoding, contentType } = bodyEncoding(response, true);
-        const content = { size: bodySize(body, encoding), mimeType: contentType, text: body };
+        const total = response.bodyTotalBytes;
+        const content = { size: typeof total === "number" ? total : bodySize(body, encoding), mimeType: contentType, text: body };
         if (encoding === "base64") content.encoding = "base64";
+        const cut = truncatedText(response);
+        if (cut) content.comment = cut;
         harResponse = {
             status: Number.isInteger(response.statusCode) ? response.statusCode : 0,
             statusText: "",
@@ -100,13 +139,14 @@ export function harEntry(item) {
         };
     }
 
+    const { time, timings } = harTimings(response, duration);
     return {
         startedDateTime: isoTime(started),
-        time: response ? duration : 0,
+        time,
         request: harRequest,
         response: harResponse,
         cache: {},
-        timings: { blocked: -1, dns: -1, connect: -1, ssl: -1, send: 0, wait: response ? duration : 0, receive: 0 },
+        timings,
         _kestroId: item.id,
         _mocked: item.mocked === true,
         _waiting: !response,
