@@ -32,6 +32,12 @@ inline constexpr const char* kDeleteAPIKeyMessage =
     "This will remove your API key and you'll need to set up Kestro again. Are you sure?";
 inline constexpr const char* kDeleteLogsTitle = "Delete Logs?";
 inline constexpr const char* kDeleteLogsMessage = "This will delete all your logs. Are you sure?";
+inline constexpr const char* kRedaction = "Redaction";
+inline constexpr const char* kRedactSecrets = "Redact secrets";
+inline constexpr const char* kRedactionNote =
+    "Values of the headers, query items and JSON keys listed below are stored and sent as "
+    "\"<redacted>\"; exchanges with hosts or paths listed last are not captured at all. "
+    "Changes apply to what is captured from now on.";
 inline constexpr const char* kDelete = "Delete";
 inline constexpr const char* kCancel = "Cancel";
 }  // namespace settings_text
