@@ -294,8 +294,34 @@ void KestroInternal::setConfig(const KestroConfig& config) {
         impl_->config = config;
         impl_->state(RequestType::event).setEnabled(config.events);
     }
+    impl_->pipeline->setRedactionPolicy(config.redaction);
+    impl_->networkInterceptor.setMaxBodyBytes(config.maxBodyBytes);
     // Only the process-wide facade owns the console threshold.
     if (this == &Kestro()) setConsoleLevel(config.logLevel);
+}
+
+void KestroInternal::setRedactionPolicy(RedactionPolicy policy) {
+    {
+        std::lock_guard lock(impl_->mutex);
+        impl_->config.redaction = policy;
+    }
+    impl_->pipeline->setRedactionPolicy(std::move(policy));
+}
+
+RedactionPolicy KestroInternal::redactionPolicy() const {
+    return impl_->pipeline->redactionPolicy();
+}
+
+void KestroInternal::setMaxBodyBytes(std::int64_t maxBodyBytes) {
+    {
+        std::lock_guard lock(impl_->mutex);
+        impl_->config.maxBodyBytes = maxBodyBytes;
+    }
+    impl_->networkInterceptor.setMaxBodyBytes(maxBodyBytes);
+}
+
+std::int64_t KestroInternal::maxBodyBytes() const {
+    return impl_->networkInterceptor.maxBodyBytes();
 }
 
 bool KestroInternal::isEnabled() const {

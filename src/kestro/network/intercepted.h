@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -16,7 +17,9 @@ struct InterceptedRequest {
         std::optional<std::string> url;  // absolute text; absent when the request had none
         std::optional<std::string> method;
         std::map<std::string, std::string> headers;
-        std::optional<std::string> body;  // bytes
+        std::optional<std::string> body;  // bytes; the first ones only when cut
+        /// Set when the body was longer than the capture limit: the whole body's size.
+        std::optional<std::int64_t> bodyTotalBytes;
     };
     std::optional<Copy> request;
     std::optional<TimePoint> startedAt;
@@ -28,6 +31,11 @@ struct InterceptedResponse {
     std::map<std::string, std::string> headers;
     std::string body;  // text, base64 of the bytes, or "[non-utf8 text]"
     std::optional<TimePoint> receivedAt;
+    /// Set when the body was longer than the capture limit: the whole body's size; `body` is
+    /// then the captured form of its first bytes.
+    std::optional<std::int64_t> bodyTotalBytes;
+    /// The URL of the request it answers, as its start report gave it.
+    std::optional<std::string> url;
 };
 
 /// One report of the network interceptor: the start of a request (request half only) or its

@@ -4,6 +4,7 @@
 #include <mutex>
 #include <optional>
 
+#include "kestro/core/capture_policy.h"
 #include "kestro/core/console.h"
 #include "kestro/core/handler_slot.h"
 #include "kestro/core/uuid.h"
@@ -49,6 +50,7 @@ struct NetworkInterceptor::State : std::enable_shared_from_this<NetworkIntercept
         std::chrono::duration_cast<std::chrono::steady_clock::duration>(kBreakpointTimeout)
             .count()};
     std::atomic<bool> intercepting{false};
+    std::atomic<std::int64_t> maxBodyBytes{kDefaultMaxBodyBytes};
     std::shared_ptr<const URLProtocolClass> protocolClass;
     // The private session of real loads: it consults no handler classes, so a forwarded copy
     // is never offered to the interceptor again. It sets no limit of its own: the forwarded
@@ -144,6 +146,11 @@ std::pair<std::optional<MockCacheEntry>, bool> NetworkInterceptor::shouldBeMocke
 
 MockCache& NetworkInterceptor::mockCache() { return *state_->mockCache; }
 
+void NetworkInterceptor::setMaxBodyBytes(std::int64_t maxBodyBytes) {
+    state_->maxBodyBytes.store(maxBodyBytes);
+}
+std::int64_t NetworkInterceptor::maxBodyBytes() const { return state_->maxBodyBytes.load(); }
+
 void NetworkInterceptor::setBreakpointTimeout(std::chrono::steady_clock::duration timeout) {
     state_->breakpointTimeout.store(timeout.count());
 }
@@ -165,6 +172,10 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
     std::shared_ptr<URLProtocol> handler;
     URLRequest copy;
     UUID requestId;
+    // The URL the start report gave, repeated in the response report; and the capture limit,
+    // read once when the request starts.
+    std::optional<std::string> reportedURL;
+    std::int64_t maxBodyBytes = 0;
 
     std::mutex mutex;
     bool stopped = false;
@@ -205,7 +216,18 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
         URLProtocol::setProperty(requestId.string(), kRequestIdProperty, copy);
 
         InterceptedRequestWrapper started;
-        InterceptedRequest::Copy reported{copy.url, copy.httpMethod, {}, copy.httpBody};
+        maxBodyBytes = state->maxBodyBytes.load();
+        reportedURL = copy.url;
+        InterceptedRequest::Copy reported{copy.url, copy.httpMethod, {}, std::nullopt};
+        if (const auto& body = copy.httpBody) {
+            // Only the first bytes of a body past the limit are copied into the report.
+            if (maxBodyBytes > 0 && std::ssize(*body) > maxBodyBytes) {
+                reported.body = body->substr(0, static_cast<std::size_t>(maxBodyBytes));
+                reported.bodyTotalBytes = std::ssize(*body);
+            } else {
+                reported.body = body;
+            }
+        }
         reported.headers = NetworkInterceptorRequest::headersToMap(copy.allHTTPHeaderFields);
         started.request = InterceptedRequest{std::move(reported), std::chrono::system_clock::now()};
         started.requestId = requestId;
@@ -285,7 +307,11 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
                          : std::next(it);
             }
             reportedHeaders["Kestro-Intercepted"] = "true";
-            reportResponse(status, std::move(reportedHeaders), body);
+            // The rule's body is text; past the limit it is cut as text is.
+            const bool cut = maxBodyBytes > 0 && std::ssize(body) > maxBodyBytes;
+            reportResponse(status, std::move(reportedHeaders),
+                           cut ? capturedBody(body, std::ssize(body), "text/plain", maxBodyBytes)
+                               : CapturedBody{body, std::nullopt});
         }
         client->didFinishLoading(*handler);
         ended();
@@ -317,11 +343,13 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
 
     // The completion report of this request, under the id of its start report.
     void reportResponse(std::int64_t statusCode, std::map<std::string, std::string> headers,
-                        std::string body) {
+                        CapturedBody body) {
         InterceptedResponse reported;
         reported.statusCode = statusCode;
         reported.headers = std::move(headers);
-        reported.body = std::move(body);
+        reported.body = std::move(body.text);
+        reported.bodyTotalBytes = body.totalBytes;
+        reported.url = reportedURL;
         reported.receivedAt = std::chrono::system_clock::now();
         InterceptedRequestWrapper wrapper;
         wrapper.response = std::move(reported);
@@ -379,7 +407,7 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
 
             reportResponse(response->statusCode,
                            NetworkInterceptorRequest::headersToMap(response->allHeaderFields),
-                           capturedBodyText(*data, contentType));
+                           capturedBody(*data, std::ssize(*data), contentType, maxBodyBytes));
         }
         client->didFinishLoading(*handler);
         ended();
