@@ -181,6 +181,66 @@ TEST_F(InspectorScreensTest, DetailsShowThePhaseWaterfallAndWhereABodyWasCut) {
     EXPECT_FALSE(drawn("truncated:"));
 }
 
+TEST_F(InspectorScreensTest, ExportHARAndCopyAsCurlSayWhatTheyDid) {
+    store_->add(jsonExchange("a", "https://api.test/users?page=2", "[]"));
+    store_->add(test::log("b", "not an exchange"));
+    openList();
+    clickItem("list.exportHAR");
+    std::vector<std::filesystem::path> files;
+    for (const auto& entry : std::filesystem::directory_iterator(dir_)) {
+        if (entry.path().extension() == ".har") files.push_back(entry.path());
+    }
+    ASSERT_EQ(files.size(), 1u) << "written to the data directory";
+    EXPECT_TRUE(drawn("HAR saved to " + files[0].string()));
+
+    clickItem("row:a");
+    clickItem("details.copyCurl");
+    EXPECT_EQ(ui_->clipboard(), "curl 'https://api.test/users?page=2'");
+    EXPECT_TRUE(drawn("Copied to clipboard"));
+    ui_->click(ui_->findText("Done")->box.center());
+    ASSERT_TRUE(ui_->stepUntil([&] { return list().details() == nullptr; }, 10));
+    // A log's details have no request to repeat.
+    clickItem("row:b");
+    EXPECT_FALSE(ui_->item("details.copyCurl"));
+}
+
+TEST_F(InspectorScreensTest, RedactionListsAreEditedInTheSettingsForm) {
+    notifications_.post(kOpenKestroSheet);
+    ui_->step(2);
+    // The section sits below the switches: scroll the form down to it.
+    ASSERT_TRUE(ui_->item("sheet"));
+    for (int i = 0; i < 10 && !(ui_->item("redaction.headers.field") &&
+                                ui_->item("redaction.headers.field")->inside(*ui_->item("sheet")));
+         ++i) {
+        ui_->wheel(ui_->item("sheet")->center(), -10);
+        ui_->step();
+    }
+    for (const char* header : {"authorization", "cookie", "x-api-key"}) EXPECT_TRUE(drawn(header));
+    clickItem("redaction.headers.field");
+    ui_->typeText("X-Trace-Token");
+    ui_->pressKey(ImGuiKey_Enter);
+    ui_->step(2);
+    EXPECT_TRUE(drawn("x-trace-token"));
+    const auto& headers = facade_->redactionPolicy().headers;
+    EXPECT_NE(std::find(headers.begin(), headers.end(), "x-trace-token"), headers.end());
+
+    // A duplicate stays in the field with the reason under it.
+    clickItem("redaction.headers.field");
+    ui_->typeText("Cookie");
+    clickItem("redaction.headers.add");
+    ui_->step();
+    EXPECT_TRUE(drawn("\"cookie\" is already listed"));
+
+    clickItem("redaction.headers.remove:cookie");
+    ui_->step();
+    const auto& after = facade_->redactionPolicy().headers;
+    EXPECT_EQ(std::find(after.begin(), after.end(), "cookie"), after.end());
+    EXPECT_TRUE(facade_->redactionPolicy().enabled);
+    clickItem("redaction.enabled");
+    ui_->step();
+    EXPECT_FALSE(facade_->redactionPolicy().enabled);
+}
+
 TEST_F(InspectorScreensTest, AFoldIconFoldsTheObjectAndTheLineNumbersFollow) {
     store_->add(jsonExchange("a", "https://api.test/x", R"({"a":{"b":1,"c":2},"d":[3],"e":4})"));
     openList();

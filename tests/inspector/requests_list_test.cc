@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unicode/timezone.h>
 
+#include <boost/json.hpp>
+#include <fstream>
 #include <random>
 #include <set>
 
@@ -208,6 +210,52 @@ TEST_F(RequestsListTest, DetailsOfADeletedItemStayOpenAndSayItIsGone) {
     EXPECT_EQ(list.details()->item().id(), "b") << "the details keep their copy";
     list.dismissDetails();
     EXPECT_EQ(list.details(), nullptr);
+}
+
+TEST_F(RequestsListTest, ExportHARWritesTheExchangesInViewAndCopyAsCurlTheRequest) {
+    store_->add(network("old", "https://api.test/users?page=1", "GET", 200));
+    store_->add(log("l", "users loaded"));
+    store_->add(network("new", "https://api.test/users/7", "DELETE", 204));
+    store_->add(network("other", "https://other.test/", "GET", 200));
+    RequestsListModel list(*store_, clipboard_, toasts_);
+    list.setSearchText("api.test");
+    const auto path = list.exportHAR(dir_);
+    ASSERT_TRUE(path);
+    EXPECT_EQ(path->parent_path(), dir_);
+    EXPECT_TRUE(path->filename().string().starts_with("kestro-"));
+    EXPECT_EQ(path->extension(), ".har");
+    ASSERT_TRUE(toasts_.currentToast());
+    EXPECT_EQ(*toasts_.currentToast(), "HAR saved to " + path->string());
+    // The rows in view, oldest first; logs are not exchanges.
+    std::ifstream in(*path);
+    const auto har = boost::json::parse(std::string(std::istreambuf_iterator<char>(in), {}));
+    std::vector<std::string> exported;
+    for (const auto& entry : har.at("log").at("entries").as_array()) {
+        exported.emplace_back(entry.at("_kestroId").as_string());
+    }
+    EXPECT_EQ(exported, (std::vector<std::string>{"old", "new"}));
+
+    // Nothing to export, and a directory that cannot take the file: the toast says so.
+    list.setSearchText("users loaded");
+    EXPECT_FALSE(list.exportHAR(dir_));
+    EXPECT_EQ(*toasts_.currentToast(), "No exchanges in the list to export");
+    list.setSearchText("");
+    EXPECT_FALSE(list.exportHAR(dir_ / "missing"));
+    EXPECT_EQ(*toasts_.currentToast(), "The HAR file could not be written");
+
+    // Copy as cURL from the details of an exchange; a log has no request to repeat.
+    list.setSearchText("users/7");
+    list.select(0);
+    ASSERT_TRUE(list.details()->canCopyCurl());
+    list.details()->copyCurl();
+    EXPECT_EQ(clipboard_.string(), "curl -X 'DELETE' 'https://api.test/users/7'");
+    EXPECT_EQ(*toasts_.currentToast(), "Copied to clipboard");
+    list.setSearchText("users loaded");
+    list.select(0);
+    EXPECT_FALSE(list.details()->canCopyCurl());
+    const std::size_t copies = clipboard_.copies.size();
+    list.details()->copyCurl();
+    EXPECT_EQ(clipboard_.copies.size(), copies);
 }
 
 // Random adds, replacements and deletions, with and without a search: the index must always

@@ -8,6 +8,7 @@
 
 #include "kestro/core/local_time.h"
 #include "kestro/core/utf8.h"
+#include "kestro/export/curl.h"
 #include "kestro/inspector/json_text.h"
 #include "kestro/network/body_text.h"
 
@@ -225,6 +226,17 @@ void ItemDetailsModel::copyValue(const DetailElement& element) {
 void ItemDetailsModel::copyJSON(const DetailElement& element) {
     clipboard_.setString(element.jsonText());
     toasts_.show("JSON copied to clipboard");
+}
+
+bool ItemDetailsModel::canCopyCurl() const {
+    const auto* exchange = item_.asNetworkRequest();
+    return exchange && exchange->details.request;
+}
+
+void ItemDetailsModel::copyCurl() {
+    if (!canCopyCurl()) return;
+    clipboard_.setString(curlCommand(*item_.asNetworkRequest()));
+    toasts_.show("Copied to clipboard");
 }
 
 }  // namespace kestro

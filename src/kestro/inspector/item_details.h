@@ -93,6 +93,11 @@ class KESTRO_API ItemDetailsModel {
     void copyValue(const DetailElement& element);
     /// The "Copy" button of a JSON section: "JSON copied to clipboard".
     void copyJSON(const DetailElement& element);
+    /// Whether the item is an exchange with a request to repeat.
+    bool canCopyCurl() const;
+    /// "Copy as cURL": a shell command that repeats the request goes to the clipboard, and
+    /// "Copied to clipboard" shows.
+    void copyCurl();
 
   private:
     RequestEventType item_;

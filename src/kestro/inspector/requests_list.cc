@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "kestro/core/text_search.h"
+#include "kestro/export/har.h"
 
 namespace kestro {
 
@@ -174,6 +175,22 @@ std::vector<RequestEventType> RequestsListModel::filtered() const {
     out.reserve(rowCount());
     for (std::size_t row = 0; row < rowCount(); ++row) out.push_back(item(row));
     return out;
+}
+
+std::optional<std::filesystem::path> RequestsListModel::exportHAR(
+    const std::filesystem::path& directory) {
+    std::vector<RequestTypeRequest> exchanges;
+    for (std::size_t row = rowCount(); row-- > 0;) {
+        if (const auto* exchange = item(row).asNetworkRequest()) exchanges.push_back(*exchange);
+    }
+    if (exchanges.empty()) {
+        toasts_.show("No exchanges in the list to export");
+        return std::nullopt;
+    }
+    auto path = writeHARFile(exchanges, directory);
+    toasts_.show(path ? "HAR saved to " + path->string()
+                      : std::string("The HAR file could not be written"));
+    return path;
 }
 
 void RequestsListModel::deleteItem(const std::string& id) { store_.deleteById(id); }

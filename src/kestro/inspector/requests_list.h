@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "kestro/core/data_directory.h"
 #include "kestro/core/export.h"
 #include "kestro/inspector/clipboard.h"
 #include "kestro/inspector/item_details.h"
@@ -81,6 +83,12 @@ class KESTRO_API RequestsListModel {
     std::vector<RequestEventType> filtered() const;
     /// The store's item count (all items, whatever the search).
     std::size_t totalCount() const { return index_.size(); }
+
+    /// "Export HAR": the exchanges among the rows shown (oldest first, as a HAR's entries run)
+    /// written as a new HAR file in directory; a toast gives the file's path, or says that there
+    /// was nothing to export or that the file could not be written. The file's path, if any.
+    std::optional<std::filesystem::path> exportHAR(
+        const std::filesystem::path& directory = dataDirectory());
 
     /// Deletes the item with this id from the store; its row goes once the store says so.
     void deleteItem(const std::string& id);

@@ -5,6 +5,7 @@
 
 #include "kestro/core/export.h"
 #include "kestro/inspector/inspector_services.h"
+#include "kestro/inspector/redaction_settings.h"
 #include "kestro/inspector/requests_list.h"
 
 namespace kestro {
@@ -100,6 +101,10 @@ class KESTRO_API KestroSettingsForm {
     void confirmDeleteLogs();
     void cancelDeleteLogs() { showDeleteConfirmationForLogs_ = false; }
 
+    /// The redaction switch and lists, read from the facade when the form is made; each change
+    /// goes to the facade's setRedactionPolicy at once.
+    RedactionSettings& redaction() { return redaction_; }
+
     const InspectorServices& services() const { return services_; }
 
   private:
@@ -116,6 +121,7 @@ class KESTRO_API KestroSettingsForm {
     bool showDeleteConfirmation_ = false;
     bool showDeleteConfirmationForLogs_ = false;
     std::unique_ptr<RequestsListModel> logsList_;
+    RedactionSettings redaction_;
     ObserverToken connectionObserver_;
     std::shared_ptr<char> alive_ = std::make_shared<char>();  // held weakly by queued work
 };

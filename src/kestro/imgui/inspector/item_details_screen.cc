@@ -134,7 +134,12 @@ bool drawItemDetails(ItemDetailsModel& details, bool stillListed, DetailsState& 
         state.shown = &details;
     }
     bool done = false;
-    // The toolbar: "Done" at the trailing end.
+    // The toolbar: "Copy as cURL" for an exchange, "Done" at the trailing end.
+    if (details.canCopyCurl()) {
+        if (ImGui::Button("Copy as cURL")) details.copyCurl();
+        probeItem("details.copyCurl", ImGui::GetItemRectMin(), ImGui::GetItemRectMax());
+        ImGui::SameLine();
+    }
     ImGui::SetCursorPosX(ImGui::GetContentRegionMax().x - 70);
     if (ImGui::Button("Done", ImVec2(64, 0)) ||
         (ImGui::IsWindowFocused(ImGuiFocusedFlags_RootAndChildWindows) &&
