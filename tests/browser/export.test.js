@@ -164,6 +164,47 @@ test("an exchange's phases show as a waterfall, a cut body says so, and the HAR 
     assertNoErrors(page);
 });
 
+// The demo signs in every round with secrets in a header, a query item and the JSON both ways;
+// its redaction policy names each of them.
+const DEMO_SECRETS = ["demo-bearer-7f3a", "demo-session-7f3a", "demo-password-7f3a", "sample-token-of-demo"];
+
+function assertNoSecret(what, text) {
+    for (const secret of DEMO_SECRETS) assert.ok(!text.includes(secret), `${what} holds ${secret}`);
+}
+
+test("the demo's sign-in shows its secrets as <redacted> on the page and in both exports", async () => {
+    await search(page, "/sample/login");
+    await openItem(page, "/sample/login");
+    const detail = page.locator("article.detail");
+    await detail.locator(".detail-title", { hasText: "/sample/login" }).waitFor();
+    // The whole record too, as the page would show it when asked.
+    await detail.locator("details.raw summary").click();
+    await detail.locator("details.curl summary").click();
+    await detail.locator("details.raw .json").waitFor();
+    const text = await page.locator("body").innerText();
+    assert.match(text, /session=<redacted>/);
+    assert.ok(text.split("<redacted>").length - 1 >= 4, "URL, header, password and token are shown redacted");
+    assert.match(text, /"?demo"?/);
+    assertNoSecret("the page", text);
+    await screenshot(page, "detail-redacted");
+
+    await page.getByRole("button", { name: "Copy as cURL" }).click();
+    await page.locator(".notice", { hasText: "Copied the request as a cURL command" }).waitFor();
+    const command = await page.evaluate(() => navigator.clipboard.readText());
+    // The notice is closed, so that the next copy's is the only one.
+    await page.locator(".notice", { hasText: "Copied the request as a cURL command" }).locator("button").click();
+    assert.match(command, /-H 'Authorization: <redacted>'/);
+    assertNoSecret("the cURL command", command);
+    await page.keyboard.press("Escape");
+
+    const [download] = await Promise.all([page.waitForEvent("download"), page.getByRole("button", { name: "Export HAR" }).click()]);
+    const har = readFileSync(await download.path(), "utf8");
+    assert.ok(JSON.parse(har).log.entries.some((e) => e.request.url.includes("/sample/login")));
+    assertNoSecret("the HAR file", har);
+    await page.locator('input[name="q"]').fill("");
+    assertNoErrors(page);
+});
+
 test("copy as cURL gives a command that repeats the request", async () => {
     await search(page, "/sample/echo");
     await openItem(page, "/sample/echo");

@@ -37,6 +37,9 @@ const records = [
         { headers: { "Kestro-Intercepted": "true", "Content-Type": "application/octet-stream" }, body: "from a rule" }),
     // Still waiting, with an empty method; header names in byte order.
     exchange("waiting", { url: "http://127.0.0.1:1/slow", method: "", headers: { b: "2", A: "1", a: "3", "Z-é": "4" } }),
+    // A URL that is not a valid URI as captured: a redacted query item, a blank, a non-ASCII
+    // character, brackets outside the host, a second "#", a "%" without hex digits.
+    exchange("uri", { url: "http://[::1]:8080/caf\u00e9/x y?session=<redacted>&q=[1]&p=100%&e=%41#top#more", method: "GET" }, { statusCode: 200 }),
     // A cut text body.
     exchange("cut-text", { url: "http://127.0.0.1:1/log", method: "POST", headers: { "Content-Type": "application/json" }, body: '{"a":"é', bodyTotalBytes: 2048 },
         { headers: { "Content-Type": "application/json" }, body: "", bodyTotalBytes: 99 }),
@@ -61,4 +64,7 @@ test("the dashboard's HAR entries and curl commands are the SDK's", () => {
     assert.match(sdk.curl[3], /^printf '\\000\\001\\002\\377%%' \| curl -X 'POST'/);
     assert.match(sdk.curl[0], /-H 'X-Empty;'/);
     assert.match(sdk.curl[2], /^curl --head /);
+    const uri = sdk.har.log.entries.find((e) => e._kestroId === "uri").request;
+    assert.equal(uri.url, "http://[::1]:8080/caf%C3%A9/x%20y?session=%3Credacted%3E&q=%5B1%5D&p=100%25&e=%41#top%23more");
+    assert.deepEqual(uri.queryString.find((q) => q.name === "session"), { name: "session", value: "<redacted>" });
 });

@@ -21,7 +21,10 @@
 //    from the request's startedAt to the answer's receivedAt (in ms, to the microsecond; 0 while
 //    awaited or when the clocks disagree) is all wait; send and receive are 0; blocked, dns,
 //    connect and ssl are -1. time = that span.
-//  - request: method (GET when empty), url, httpVersion "HTTP/1.1", headers as {name, value} in
+//  - request: method (GET when empty), url (as a valid URI: every byte that may not stand
+//    where it is, such as the "<" and ">" of a redacted query item, a blank or a non-ASCII
+//    character, is percent-encoded; "[" and "]" may stand only in the host, "#" only once, "%"
+//    only before two hex digits), httpVersion "HTTP/1.1", headers as {name, value} in
 //    byte order of the names, queryString parsed from the URL, cookies [], headersSize -1,
 //    bodySize = the body's size in bytes (decoded when it is base64; the whole body's when it
 //    was cut); postData {mimeType: its Content-Type or "", text: the body as carried} only when
@@ -76,6 +79,37 @@ function headerList(headers) {
         .map(([name, value]) => ({ name, value }));
 }
 
+const URI_BYTES = new Set(Array.from("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~!$&'()*+,;=:@/?", (c) => c.charCodeAt(0)));
+const isHex = (c) => (c >= 0x30 && c <= 0x39) || (c >= 0x41 && c <= 0x46) || (c >= 0x61 && c <= 0x66);
+
+// The URL as a valid URI, by the rule above.
+export function uriText(url) {
+    const bytes = new TextEncoder().encode(url);
+    const scheme = /^[A-Za-z][A-Za-z0-9+.-]*:\/\//.exec(url);
+    let authorityEnd = -1;
+    if (scheme) {
+        authorityEnd = bytes.length;
+        for (let i = scheme[0].length; i < bytes.length; i++) {
+            if (bytes[i] === 0x2f || bytes[i] === 0x3f || bytes[i] === 0x23) {
+                authorityEnd = i;
+                break;
+            }
+        }
+    }
+    let out = "";
+    let fragment = false;
+    for (let i = 0; i < bytes.length; i++) {
+        const c = bytes[i];
+        const keep = URI_BYTES.has(c) ||
+            (c === 0x25 && i + 2 < bytes.length && isHex(bytes[i + 1]) && isHex(bytes[i + 2])) ||
+            ((c === 0x5b || c === 0x5d) && i < authorityEnd) ||
+            (c === 0x23 && !fragment);
+        if (c === 0x23) fragment = true;
+        out += keep ? String.fromCharCode(c) : `%${c.toString(16).toUpperCase().padStart(2, "0")}`;
+    }
+    return out;
+}
+
 function queryString(url) {
     try {
         return [...new URL(url).searchParams].map(([name, value]) => ({ name, value }));
@@ -118,7 +152,7 @@ export function harEntry(item) {
     const requestBody = typeof half.body === "string" ? half.body : "";
     const started = typeof half.startedAt === "number" ? half.startedAt : item.record?.createdAt ?? item.time ?? 0;
     const requestEncoding = bodyEncoding(half, false).encoding;
-    const url = half.url ?? item.url ?? "";
+    const url = uriText(half.url ?? item.url ?? "");
 
     const harRequest = {
         method: half.method || item.method || "GET",

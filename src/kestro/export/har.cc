@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/json/array.hpp>
 #include <boost/json/serialize.hpp>
 #include <boost/url/parse.hpp>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -34,6 +36,43 @@ array headerList(const TextMap& headers) {
     return out;
 }
 
+// The URL as a valid URI, as HAR requires: every byte that may not stand where it is (the "<"
+// and ">" of a redacted query item, a blank, a non-ASCII character) percent-encoded; "[" and
+// "]" may stand only in the host, "#" only once, "%" only before two hex digits.
+std::string uriText(std::string_view url) {
+    static constexpr std::string_view kKept =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~!$&'()*+,;=:@/?";
+    const auto hex = [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; };
+    std::size_t authorityEnd = 0;
+    const std::size_t colon = url.find("://");
+    const bool scheme = colon != std::string_view::npos && colon > 0 &&
+                        std::isalpha(static_cast<unsigned char>(url[0])) &&
+                        url.substr(0, colon).find_first_not_of(
+                            "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+.-") ==
+                            std::string_view::npos;
+    if (scheme) authorityEnd = std::min(url.find_first_of("/?#", colon + 3), url.size());
+    std::string out;
+    out.reserve(url.size());
+    bool fragment = false;
+    for (std::size_t i = 0; i < url.size(); ++i) {
+        const char c = url[i];
+        const bool keep = kKept.find(c) != std::string_view::npos ||
+                          (c == '%' && i + 2 < url.size() && hex(url[i + 1]) && hex(url[i + 2])) ||
+                          ((c == '[' || c == ']') && i < authorityEnd) || (c == '#' && !fragment);
+        if (c == '#') fragment = true;
+        if (keep) {
+            out += c;
+        } else {
+            static constexpr char kDigits[] = "0123456789ABCDEF";
+            const auto b = static_cast<unsigned char>(c);
+            out += '%';
+            out += kDigits[b >> 4];
+            out += kDigits[b & 15];
+        }
+    }
+    return out;
+}
+
 // The URL's query items, decoded ('+' as a space, as a form would send it), in order.
 array queryString(std::string_view url) {
     array out;
@@ -52,12 +91,13 @@ std::string cutComment(std::int64_t totalBytes) {
 object harRequest(const RequestTypeRequestDetailsRequest& request) {
     const BodyForm body = exporting::internal::requestBody(request);
     const std::int64_t size = request.bodyTotalBytes.value_or(body.size);
+    const std::string url = uriText(request.url);
     object out{{"method", request.method.empty() ? "GET" : request.method},
-               {"url", request.url},
+               {"url", url},
                {"httpVersion", "HTTP/1.1"},
                {"cookies", array{}},
                {"headers", headerList(request.headers)},
-               {"queryString", queryString(request.url)},
+               {"queryString", queryString(url)},
                {"headersSize", -1},
                {"bodySize", size}};
     if (!request.body.empty()) {
