@@ -37,6 +37,10 @@ RequestTypeRequest CapturePipeline::networkRecord(const InterceptedRequestWrappe
         const auto& r = *wrapper.response;
         record.details.response = RequestTypeRequestDetailsResponse{
             r.statusCode, r.headers, r.receivedAt.value_or(now), r.body};
+        if (const auto& t = r.timings) {
+            record.details.response->timings = RequestTypeRequestTimings{
+                t->nameLookup, t->connect, t->tls, t->firstByte, t->transfer};
+        }
     }
     repairUTF8(record);  // header fields may carry any bytes
     return record;

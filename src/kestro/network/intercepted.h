@@ -6,6 +6,7 @@
 
 #include "kestro/core/time_text.h"
 #include "kestro/core/uuid.h"
+#include "kestro/network/url_request.h"
 
 namespace kestro {
 
@@ -28,6 +29,8 @@ struct InterceptedResponse {
     std::map<std::string, std::string> headers;
     std::string body;  // text, base64 of the bytes, or "[non-utf8 text]"
     std::optional<TimePoint> receivedAt;
+    /// The phases of the real exchange; absent for mocked answers.
+    std::optional<URLSessionTaskMetrics> timings;
 };
 
 /// One report of the network interceptor: the start of a request (request half only) or its

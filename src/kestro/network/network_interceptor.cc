@@ -317,8 +317,10 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
 
     // The completion report of this request, under the id of its start report.
     void reportResponse(std::int64_t statusCode, std::map<std::string, std::string> headers,
-                        std::string body) {
+                        std::string body,
+                        std::optional<URLSessionTaskMetrics> timings = std::nullopt) {
         InterceptedResponse reported;
+        reported.timings = timings;
         reported.statusCode = statusCode;
         reported.headers = std::move(headers);
         reported.body = std::move(body);
@@ -379,7 +381,7 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
 
             reportResponse(response->statusCode,
                            NetworkInterceptorRequest::headersToMap(response->allHeaderFields),
-                           capturedBodyText(*data, contentType));
+                           capturedBodyText(*data, contentType), response->metrics);
         }
         client->didFinishLoading(*handler);
         ended();
