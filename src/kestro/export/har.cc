@@ -26,6 +26,12 @@ using boost::json::object;
 using exporting::internal::BodyForm;
 using exporting::internal::headerValue;
 
+// A phase as HAR writes it: the integer -1 when it did not happen, else milliseconds.
+boost::json::value phase(double value) {
+    if (value < 0) return -1;
+    return value;
+}
+
 // Milliseconds to the microsecond: enough for any phase, and short in the file.
 double ms(double value) { return std::round(value * 1000.0) / 1000.0; }
 
@@ -163,9 +169,9 @@ Timings harTimings(const RequestTypeRequestDetails& details) {
         const double wait = ms(std::max(t.firstByte, 0.0));
         const double receive = ms(std::max(t.transfer, 0.0));
         return {object{{"blocked", -1},
-                       {"dns", dns},
-                       {"connect", connect},
-                       {"ssl", ssl},
+                       {"dns", phase(dns)},
+                       {"connect", phase(connect)},
+                       {"ssl", phase(ssl)},
                        {"send", 0},
                        {"wait", wait},
                        {"receive", receive}},

@@ -57,6 +57,10 @@ std::optional<RequestTypeRequest> CapturePipeline::networkRecord(
                                                redactor.redactBody(r.body, exchangeURL)};
         half.bodyTotalBytes = r.bodyTotalBytes;
         redactor.redactHeaders(half.headers);
+        if (const auto& t = r.timings) {
+            half.timings = RequestTypeRequestTimings{t->nameLookup, t->connect, t->tls,
+                                                     t->firstByte, t->transfer};
+        }
         record.details.response = std::move(half);
     }
     repairUTF8(record);  // header fields may carry any bytes

@@ -7,6 +7,7 @@
 
 #include "kestro/core/time_text.h"
 #include "kestro/core/uuid.h"
+#include "kestro/network/url_request.h"
 
 namespace kestro {
 
@@ -36,6 +37,8 @@ struct InterceptedResponse {
     std::optional<std::int64_t> bodyTotalBytes;
     /// The URL of the request it answers, as its start report gave it.
     std::optional<std::string> url;
+    /// The phases of the real exchange; absent for mocked answers.
+    std::optional<URLSessionTaskMetrics> timings;
 };
 
 /// One report of the network interceptor: the start of a request (request half only) or its

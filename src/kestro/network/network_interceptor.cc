@@ -343,8 +343,10 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
 
     // The completion report of this request, under the id of its start report.
     void reportResponse(std::int64_t statusCode, std::map<std::string, std::string> headers,
-                        CapturedBody body) {
+                        CapturedBody body,
+                        std::optional<URLSessionTaskMetrics> timings = std::nullopt) {
         InterceptedResponse reported;
+        reported.timings = timings;
         reported.statusCode = statusCode;
         reported.headers = std::move(headers);
         reported.body = std::move(body.text);
@@ -407,7 +409,8 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
 
             reportResponse(response->statusCode,
                            NetworkInterceptorRequest::headersToMap(response->allHeaderFields),
-                           capturedBody(*data, std::ssize(*data), contentType, maxBodyBytes));
+                           capturedBody(*data, std::ssize(*data), contentType, maxBodyBytes),
+                           response->metrics);
         }
         client->didFinishLoading(*handler);
         ended();

@@ -435,6 +435,38 @@ void Loop::drop(TaskCore* core) {
     slotFreed(core->origin);
 }
 
+namespace {
+
+// The transfer's phases from libcurl's cumulative times (each from the transfer's start, in
+// microseconds). A reused connection made no new connection: its lookup, connect and TLS are 0
+// (libcurl may still report the instant it found the connection). What follows the handshake
+// up to the first byte of the answer (sending the request, the server's work) is the wait; the
+// pre-transfer stamp is not a phase of its own. Each phase is clamped at 0 so
+// that the five always add up to the whole time, whatever order libcurl's stamps come in.
+URLSessionTaskMetrics transferMetrics(CURL* easy) {
+    const auto at = [easy](CURLINFO info) {
+        curl_off_t us = 0;
+        curl_easy_getinfo(easy, info, &us);
+        return std::max<curl_off_t>(us, 0);
+    };
+    long connects = 0;
+    curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &connects);
+    const curl_off_t total = at(CURLINFO_TOTAL_TIME_T);
+    const curl_off_t started = std::min(at(CURLINFO_STARTTRANSFER_TIME_T), total);
+    curl_off_t lookup = 0, connected = 0, secured = 0;
+    if (connects > 0) {
+        lookup = std::min(at(CURLINFO_NAMELOOKUP_TIME_T), started);
+        connected = std::clamp(at(CURLINFO_CONNECT_TIME_T), lookup, started);
+        const curl_off_t app = at(CURLINFO_APPCONNECT_TIME_T);  // 0 without TLS
+        secured = app > 0 ? std::clamp(app, connected, started) : connected;
+    }
+    const auto ms = [](curl_off_t us) { return static_cast<double>(us) / 1000.0; };
+    return URLSessionTaskMetrics{ms(lookup), ms(connected - lookup), ms(secured - connected),
+                                 ms(started - secured), ms(total - started)};
+}
+
+}  // namespace
+
 void Loop::finish(TaskCore* core, CURLcode result) {
     std::optional<HTTPURLResponse> response;
     long status = 0;
@@ -446,6 +478,7 @@ void Loop::finish(TaskCore* core, CURLcode result) {
         curl_easy_getinfo(core->easy, CURLINFO_EFFECTIVE_URL, &url);
         response = HTTPURLResponse(url ? url : core->request.url.value_or(""), status,
                                    versionText(version), std::move(core->responseHeaders));
+        response->metrics = transferMetrics(core->easy);
     }
     std::optional<URLError> error;
     if (result != CURLE_OK) error = errorFor(result, *core);
