@@ -176,6 +176,9 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
     // read once when the request starts.
     std::optional<std::string> reportedURL;
     std::int64_t maxBodyBytes = 0;
+    // The answer's first bytes as far as the capture keeps them, and its size so far.
+    std::string capturedHead;
+    std::int64_t bodyBytes = 0;
 
     std::mutex mutex;
     bool stopped = false;
@@ -366,15 +369,22 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
         state->report(wrapper);
     }
 
+    // The private load hands the answer on as it arrives: the application's task gets every
+    // byte at once, and the capture keeps only the first maxBodyBytes and counts the rest, so
+    // a body of any size passes through in bounded memory.
     void load() {
         auto self = shared_from_this();
-        auto newTask = state->privateSession->dataTask(
-            copy, [self](std::optional<std::string> data, std::optional<HTTPURLResponse> response,
-                         std::optional<URLError> error) {
-                self->completed(std::move(data), std::move(response), std::move(error));
+        URLSessionStreamHandlers handlers;
+        handlers.response = [self](const HTTPURLResponse& head) { self->receivedHead(head); };
+        handlers.data = [self](std::string_view bytes) { self->receivedBytes(bytes); };
+        auto newTask = state->privateSession->streamingTask(
+            copy, std::move(handlers),
+            [self](std::optional<std::string>, std::optional<HTTPURLResponse> response,
+                   std::optional<URLError> error) {
+                self->completed(std::move(response), std::move(error));
             });
-        // The application's request is answered only when the private load is complete: the
-        // bytes the load receives meanwhile keep the request's idle time-out from firing.
+        // The bytes the load receives keep the application's request from its idle time-out,
+        // also while they wait for the application to take them.
         network::internal::relayActivity(*newTask, *client);
         {
             std::lock_guard lock(mutex);
@@ -384,8 +394,25 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
         newTask->resume();
     }
 
-    void completed(std::optional<std::string> data, std::optional<HTTPURLResponse> response,
-                   std::optional<URLError> error) {
+    // The private load's handlers run one at a time, so what they keep needs no lock.
+    void receivedHead(const HTTPURLResponse& head) {
+        if (auto handler = current()) {
+            client->didReceiveResponse(*handler, head, URLCacheStoragePolicy::notAllowed);
+        }
+    }
+    void receivedBytes(std::string_view bytes) {
+        auto handler = current();
+        if (!handler) return;
+        const auto room = maxBodyBytes > 0 ? static_cast<std::size_t>(maxBodyBytes) -
+                                                 std::min(capturedHead.size(),
+                                                          static_cast<std::size_t>(maxBodyBytes))
+                                           : bytes.size();
+        capturedHead.append(bytes.substr(0, std::min(room, bytes.size())));
+        bodyBytes += std::ssize(bytes);
+        client->didLoadData(*handler, bytes);
+    }
+
+    void completed(std::optional<HTTPURLResponse> response, std::optional<URLError> error) {
         std::shared_ptr<URLProtocol> handler;
         {
             std::lock_guard lock(mutex);
@@ -399,18 +426,16 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
             ended();
             return;
         }
-        if (response && data) {
-            client->didReceiveResponse(*handler, *response, URLCacheStoragePolicy::notAllowed);
-            client->didLoadData(*handler, *data);
-
+        if (response) {
             const auto type = response->allHeaderFields.find("Content-Type");
             const std::string contentType =
                 type == response->allHeaderFields.end() ? "" : lowercased(type->second);
-
+            CapturedBody captured =
+                capturedBody(capturedHead, bodyBytes, contentType, maxBodyBytes);
+            capturedHead = {};
             reportResponse(response->statusCode,
                            NetworkInterceptorRequest::headersToMap(response->allHeaderFields),
-                           capturedBody(*data, std::ssize(*data), contentType, maxBodyBytes),
-                           response->metrics);
+                           std::move(captured), response->metrics);
         }
         client->didFinishLoading(*handler);
         ended();

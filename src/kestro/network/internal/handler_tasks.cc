@@ -25,12 +25,18 @@ class TaskClient final : public URLProtocolClient {
     void didReceiveResponse(URLProtocol&, const HTTPURLResponse& response,
                             URLCacheStoragePolicy) override {
         core_->markActive(Clock::now());
+        if (core_->stream) core_->stream->setHead(response);
         std::lock_guard lock(mutex_);
         if (core_->done.load()) return;
         response_ = response;
     }
     void didLoadData(URLProtocol&, std::string_view data) override {
         core_->markActive(Clock::now());
+        if (core_->stream) {
+            // Handed on at once, on the handler's thread: nothing is collected.
+            if (!core_->done.load()) core_->stream->deliverHere(*core_, data);
+            return;
+        }
         bool over = false;
         {
             std::lock_guard lock(mutex_);
@@ -50,6 +56,7 @@ class TaskClient final : public URLProtocolClient {
     }
     void didFinishLoading(URLProtocol&) override {
         if (!core_->claim()) return;
+        if (core_->stream) return completeStream(std::nullopt);
         std::string data;
         {
             std::lock_guard lock(mutex_);
@@ -60,11 +67,22 @@ class TaskClient final : public URLProtocolClient {
     }
     void didFailWithError(URLProtocol&, const URLError& error) override {
         if (!core_->claim()) return;
+        if (core_->stream) return completeStream(error);
         core_->deliver(std::nullopt, takeResponse(), error);
         core_->releaseHandler(false);
     }
 
   private:
+    // A streamed task ends after the bytes handed on before.
+    void completeStream(std::optional<URLError> error) {
+        std::optional<HTTPURLResponse> response = takeResponse();
+        if (!core_->stream->completeAfterData(response, error)) {
+            std::optional<std::string> body;
+            if (!error) body.emplace();
+            core_->deliver(std::move(body), std::move(response), std::move(error));
+        }
+        core_->releaseHandler(false);
+    }
     std::optional<HTTPURLResponse> takeResponse() {
         std::lock_guard lock(mutex_);
         return std::move(response_);

@@ -71,6 +71,19 @@ class Loop {
         }
         push({Command::cancel, std::move(core)});
     }
+    void resume(std::shared_ptr<TaskCore> core) {
+        DeliveryBatch batch;
+        if (std::unique_lock lock = tryLock(); lock.owns_lock()) {
+            tHoldsLoop = true;
+            unpause(core.get());
+            settle();
+            passToOwner(batch);
+            wakeIfSleepingTooLong();
+            tHoldsLoop = false;
+            return;
+        }
+        push({Command::resume, std::move(core)});
+    }
     void timeHandled(std::shared_ptr<TaskCore> core) {
         const Clock::time_point deadline = core->deadline();
         if (tHoldsLoop) {
@@ -104,7 +117,7 @@ class Loop {
 
   private:
     struct Command {
-        enum Kind { add, cancel, timeHandled, stopTimingHandled } kind;
+        enum Kind { add, cancel, resume, timeHandled, stopTimingHandled } kind;
         std::shared_ptr<TaskCore> core;
     };
 
@@ -131,6 +144,7 @@ class Loop {
     std::shared_ptr<TaskCore> unhold(TaskCore* core);
     void finish(TaskCore* core, CURLcode result);
     void drop(TaskCore* core);
+    void unpause(TaskCore* core);
     void linkHandled(const std::shared_ptr<TaskCore>& core);
     void unlinkHandled(TaskCore* core);
     void checkIdle(Clock::time_point now);
@@ -467,6 +481,12 @@ URLSessionTaskMetrics transferMetrics(CURL* easy) {
 
 }  // namespace
 
+// A streamed task's handler has taken its buffer: the paused transfer goes on (libcurl hands
+// the bytes it held back to the write callback first).
+void Loop::unpause(TaskCore* core) {
+    if (core->held && core->easy) curl_easy_pause(core->easy, CURLPAUSE_CONT);
+}
+
 void Loop::finish(TaskCore* core, CURLcode result) {
     std::optional<HTTPURLResponse> response;
     long status = 0;
@@ -486,6 +506,8 @@ void Loop::finish(TaskCore* core, CURLcode result) {
     std::string body = std::move(core->body);
     drop(core);
     if (!keep->claim()) return;  // cancelled meanwhile: the cancellation already completed it
+    // A streamed task completes after its last bytes have been handed on.
+    if (keep->stream && keep->stream->completeAfterData(response, error)) return;
     if (error) {
         keep->deliver(std::nullopt, std::move(response), std::move(error));
     } else {
@@ -648,6 +670,9 @@ void Loop::run() {
                 case Command::cancel:
                     drop(c.core.get());  // already completed by cancel()
                     break;
+                case Command::resume:
+                    unpause(c.core.get());
+                    break;
                 case Command::timeHandled:
                     linkHandled(c.core);
                     break;
@@ -667,6 +692,8 @@ void Loop::run() {
 void loadOnNetwork(std::shared_ptr<TaskCore> core) { Loop::instance().add(std::move(core)); }
 
 void cancelOnNetwork(std::shared_ptr<TaskCore> core) { Loop::instance().cancel(std::move(core)); }
+
+void resumeOnNetwork(std::shared_ptr<TaskCore> core) { Loop::instance().resume(std::move(core)); }
 
 std::size_t heldTaskCount() { return Loop::instance().activeCount(); }
 

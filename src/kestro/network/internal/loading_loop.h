@@ -23,6 +23,9 @@ struct Deferred;
 void loadOnNetwork(std::shared_ptr<TaskCore> core);
 /// Lets go of a task the loop holds, after it has been completed by its cancellation. Any thread.
 void cancelOnNetwork(std::shared_ptr<TaskCore> core);
+/// Resumes the transfer of a streamed task that paused because its buffer was full. Any
+/// thread.
+void resumeOnNetwork(std::shared_ptr<TaskCore> core);
 /// Tasks the loop holds (waiting for a slot or transferring).
 std::size_t heldTaskCount();
 
