@@ -96,6 +96,12 @@ class KESTRO_API KestroInternal {
     /// are applied by the callers (initialize, stop); this only records the value.
     void setConfig(const KestroConfig& config);
 
+    /// The on-device store's limits (items, age, bytes on disk; 0 turns one off). Applied to
+    /// the store at once: a store past a limit is trimmed, oldest first, on a worker of the
+    /// global executor. initialize applies config.retention. Any thread.
+    void setStoreRetention(StoreRetention retention);
+    StoreRetention storeRetention() const;
+
     /// logs or network is on in the current configuration.
     bool isEnabled() const;
     std::string getVersion() const { return SDK_VERSION; }
