@@ -270,6 +270,8 @@ struct RequestStoreSQLite::Impl {
     bool announcing = false;
     std::optional<RequestList> coming;  // the list being announced
     std::deque<ListChange> deferred;
+    // Set by a trim's change while it is being applied: the ids it removes.
+    std::shared_ptr<const std::unordered_set<std::string>> removingIds;
 
     // Retention (queue only, except `trimScheduled`, read by trimPending()).
     StoreRetention limits = StoreRetention::unlimited();
@@ -326,7 +328,12 @@ struct RequestStoreSQLite::Impl {
         if (!change) return;
         coming = change->requests;
         observers->announce(*change);
-        editor.commit(*change);
+        if (removingIds) {
+            editor.commitRemovingAll(*change, *removingIds);
+            removingIds.reset();
+        } else {
+            editor.commit(*change);
+        }
         std::lock_guard lock(requestsMutex);
         requests = editor.current();
     }
@@ -562,23 +569,12 @@ struct RequestStoreSQLite::Impl {
         approxCount = std::max<std::int64_t>(0, facts.count - static_cast<std::int64_t>(deleted));
         refreshOldest();
 
-        std::unordered_set<std::string> gone(ids.begin(), ids.end());
-        changeList([this, &gone]() -> std::optional<RequestsChange> {
-            std::vector<RequestEventType> kept;
-            const RequestList& current = editor.current();
-            kept.reserve(current.size());
-            bool changed = false;
-            for (const RequestEventType& item : current) {
-                if (gone.contains(item.id())) {
-                    changed = true;
-                } else {
-                    kept.push_back(item);
-                }
-            }
-            if (!changed) return std::nullopt;
-            return RequestsChange{RequestsChange::Kind::replaced,
-                                  {},
-                                  store::internal::RequestListEditor::fromVector(std::move(kept))};
+        auto gone = std::make_shared<const std::unordered_set<std::string>>(ids.begin(), ids.end());
+        changeList([this, gone]() -> std::optional<RequestsChange> {
+            auto next = editor.removingAll(*gone);
+            if (!next) return std::nullopt;
+            removingIds = gone;
+            return RequestsChange{RequestsChange::Kind::replaced, {}, std::move(*next)};
         });
         if (verboseShown()) {
             const double ms = std::chrono::duration<double, std::milli>(

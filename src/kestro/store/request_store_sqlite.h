@@ -104,7 +104,7 @@ class KESTRO_API RequestStoreSQLite {
 
     /// Most items a trim batch removes: small enough that an add waiting behind a batch waits a
     /// few milliseconds at most.
-    static constexpr std::size_t kTrimBatchItems = 256;
+    static constexpr std::size_t kTrimBatchItems = 64;
 
     /// Sets the limits and, when the store is past one, starts a trim (returns at once).
     void setRetention(StoreRetention retention);
