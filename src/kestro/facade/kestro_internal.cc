@@ -288,6 +288,18 @@ KestroConfig KestroInternal::getConfig() const {
     return impl_->config;
 }
 
+void KestroInternal::setStoreRetention(StoreRetention retention) {
+    {
+        std::lock_guard lock(impl_->mutex);
+        impl_->config.retention = retention;
+    }
+    RequestStoreSQLite::shared().setRetention(retention);
+}
+
+StoreRetention KestroInternal::storeRetention() const {
+    return RequestStoreSQLite::shared().retention();
+}
+
 void KestroInternal::setConfig(const KestroConfig& config) {
     {
         std::lock_guard lock(impl_->mutex);
@@ -422,6 +434,7 @@ void KestroInternal::initialize(std::string_view apiKey, const KestroConfig& con
         }
     }
     setConfig(config);
+    setStoreRetention(config.retention);
     printI(LogLevel::verbose, "🐶 Kestro setup: " + std::string(apiKey) + " endpoint: " + endpoint +
                                   " deviceUUID: " + uuid);
     if (warnNoService) {

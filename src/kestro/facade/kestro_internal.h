@@ -106,6 +106,11 @@ class KESTRO_API KestroInternal {
     /// thread; applies to requests started after the call.
     void setMaxBodyBytes(std::int64_t maxBodyBytes);
     std::int64_t maxBodyBytes() const;
+    /// The on-device store's limits (items, age, bytes on disk; 0 turns one off). Applied to
+    /// the store at once: a store past a limit is trimmed, oldest first, on a worker of the
+    /// global executor. initialize applies config.retention. Any thread.
+    void setStoreRetention(StoreRetention retention);
+    StoreRetention storeRetention() const;
 
     /// logs or network is on in the current configuration.
     bool isEnabled() const;
