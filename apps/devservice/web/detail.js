@@ -369,12 +369,11 @@ function title(row) {
     return `${row.method ?? ""} ${status ?? ""} · ${shortURL(row.url)}`;
 }
 
+// The path and query as captured: a URL parser would percent-encode what a redacted query item
+// holds ("<redacted>" would read "%3Credacted%3E").
 function shortURL(url) {
-    try {
-        const u = new URL(url);
-        return `${u.pathname}${u.search}`;
-    } catch {
-        return url ?? "";
-    }
+    const text = url ?? "";
+    const origin = /^[a-z][a-z0-9+.-]*:\/\/[^/?#]*/i.exec(text);
+    return origin ? text.slice(origin[0].length) || "/" : text;
 }
 
