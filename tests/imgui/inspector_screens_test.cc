@@ -186,6 +186,8 @@ TEST_F(InspectorScreensTest, ExportHARAndCopyAsCurlSayWhatTheyDid) {
     store_->add(test::log("b", "not an exchange"));
     openList();
     clickItem("list.exportHAR");
+    // Written on a worker; the toast follows on the main queue.
+    ASSERT_TRUE(ui_->waitUntil([&] { return !list().isExporting(); }));
     std::vector<std::filesystem::path> files;
     for (const auto& entry : std::filesystem::directory_iterator(dir_)) {
         if (entry.path().extension() == ".har") files.push_back(entry.path());

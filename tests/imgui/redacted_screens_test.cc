@@ -149,6 +149,8 @@ TEST_F(RedactedScreensTest, SecretsShowAsRedactedAndAreNeitherDrawnCopiedNorExpo
     ui_->click(ui_->findText("Done")->box.center());
     ASSERT_TRUE(ui_->stepUntil([&] { return ui_->item("list.exportHAR").has_value(); }, 10));
     clickItem("list.exportHAR");
+    ASSERT_TRUE(
+        ui_->waitUntil([&] { return !modifier_->sheet()->form().logsList()->isExporting(); }));
     std::string har;
     for (const auto& entry : std::filesystem::directory_iterator(dir_)) {
         if (entry.path().extension() != ".har") continue;

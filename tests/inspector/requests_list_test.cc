@@ -13,6 +13,7 @@
 #include "kestro/core/local_time.h"
 #include "kestro/core/text_search.h"
 #include "kestro/inspector/request_row.h"
+#include "support/wait.h"
 
 namespace kestro {
 namespace {
@@ -219,7 +220,17 @@ TEST_F(RequestsListTest, ExportHARWritesTheExchangesInViewAndCopyAsCurlTheReques
     store_->add(network("other", "https://other.test/", "GET", 200));
     RequestsListModel list(*store_, clipboard_, toasts_);
     list.setSearchText("api.test");
-    const auto path = list.exportHAR(dir_);
+    // Written on a worker; the toast and the callback come on the main queue.
+    std::vector<std::optional<std::filesystem::path>> results;
+    const auto exportNow = [&](const std::filesystem::path& directory) {
+        const std::size_t before = results.size();
+        list.exportHAR(directory, [&](auto path) { results.push_back(std::move(path)); });
+        EXPECT_TRUE(MainQueue::shared().runUntil([&] { return results.size() > before; },
+                                                 std::chrono::seconds(30)));
+        EXPECT_FALSE(list.isExporting());
+        return results.size() > before ? results.back() : std::nullopt;
+    };
+    const auto path = exportNow(dir_);
     ASSERT_TRUE(path);
     EXPECT_EQ(path->parent_path(), dir_);
     EXPECT_TRUE(path->filename().string().starts_with("kestro-"));
@@ -237,11 +248,29 @@ TEST_F(RequestsListTest, ExportHARWritesTheExchangesInViewAndCopyAsCurlTheReques
 
     // Nothing to export, and a directory that cannot take the file: the toast says so.
     list.setSearchText("users loaded");
-    EXPECT_FALSE(list.exportHAR(dir_));
+    EXPECT_FALSE(exportNow(dir_));
     EXPECT_EQ(*toasts_.currentToast(), "No exchanges in the list to export");
     list.setSearchText("");
-    EXPECT_FALSE(list.exportHAR(dir_ / "missing"));
+    EXPECT_FALSE(exportNow(dir_ / "missing"));
     EXPECT_EQ(*toasts_.currentToast(), "The HAR file could not be written");
+
+    // A list closed while its file is written: the file is made, no toast is left behind.
+    toasts_.show("before");
+    std::optional<std::filesystem::path> written;
+    bool finished = false;
+    {
+        RequestsListModel closing(*store_, clipboard_, toasts_);
+        closing.exportHAR(dir_, [&](auto path) {
+            written = std::move(path);
+            finished = true;
+        });
+        EXPECT_TRUE(closing.isExporting());
+        closing.exportHAR(dir_, [&](auto) { ADD_FAILURE() << "one export at a time"; });
+    }
+    ASSERT_TRUE(MainQueue::shared().runUntil([&] { return finished; }, std::chrono::seconds(30)));
+    ASSERT_TRUE(written);
+    EXPECT_TRUE(std::filesystem::exists(*written));
+    EXPECT_EQ(*toasts_.currentToast(), "before");
 
     // Copy as cURL from the details of an exchange; a log has no request to repeat.
     list.setSearchText("users/7");

@@ -59,7 +59,9 @@ void searchBar(RequestsListModel& list, ListState& state) {
     }
     // The exchanges in view, to a file in the data directory; the toast gives its path.
     ImGui::SameLine();
+    ImGui::BeginDisabled(list.isExporting());
     if (ImGui::Button("Export HAR")) list.exportHAR();
+    ImGui::EndDisabled();
     probeItem("list.exportHAR", ImGui::GetItemRectMin(), ImGui::GetItemRectMax());
 }
 
