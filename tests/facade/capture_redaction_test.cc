@@ -12,6 +12,7 @@
 
 #include "kestro/core/utf8.h"
 #include "kestro/facade/capture_pipeline.h"
+#include "kestro/facade/kestro_internal.h"
 #include "kestro/network/body_text.h"
 #include "kestro/network/network_interceptor.h"
 #include "kestro/network/url_session.h"
@@ -283,6 +284,29 @@ TEST_F(CaptureRedactionTest, BodiesPastTheLimitAreCutAndMarkedWhileTheApplicatio
     stored = storedExchange();
     EXPECT_EQ(stored.details.response->bodyTotalBytes, 3 << 20);
     EXPECT_EQ(base64Decode(stored.details.response->body), expected.substr(0, 1000));
+}
+
+// The facade's settings reach the pipeline and the interceptor, from the configuration and at
+// run time, and the configuration keeps what is in force.
+TEST(FacadeCapturePolicyTest, TheConfigurationAndTheRunTimeCallsSetThePolicyAndTheLimit) {
+    KestroInternal k;
+    EXPECT_EQ(k.redactionPolicy(), RedactionPolicy{});
+    EXPECT_EQ(k.maxBodyBytes(), kDefaultMaxBodyBytes);
+
+    KestroConfig config;
+    config.redaction.jsonKeys = {"password"};
+    config.maxBodyBytes = 4096;
+    k.setConfig(config);
+    EXPECT_EQ(k.redactionPolicy(), config.redaction);
+    EXPECT_EQ(k.maxBodyBytes(), 4096);
+    EXPECT_EQ(k.getNetworkInterceptor().maxBodyBytes(), 4096);
+
+    k.setRedactionPolicy(RedactionPolicy::off());
+    k.setMaxBodyBytes(0);
+    EXPECT_FALSE(k.redactionPolicy().enabled);
+    EXPECT_FALSE(k.getConfig().redaction.enabled);
+    EXPECT_EQ(k.getConfig().maxBodyBytes, 0);
+    EXPECT_EQ(k.getNetworkInterceptor().maxBodyBytes(), 0);
 }
 
 }  // namespace

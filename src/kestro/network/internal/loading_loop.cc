@@ -112,6 +112,12 @@ class Loop {
         push({Command::stopTimingHandled, core.shared_from_this()}, false);
     }
     std::size_t activeCount() const { return activeCount_.load(); }
+    // Under mutex_ (from the write callback).
+    void noteStream(TaskCore& core) {
+        if (core.streamBytesNoted) return;
+        core.streamBytesNoted = true;
+        streamsWithBytes_.push_back(core.shared_from_this());
+    }
     void handOver(Deferred d);
     void handOverSoon(Deferred d);
 
@@ -168,6 +174,8 @@ class Loop {
 
     std::mutex commandMutex_;
     std::vector<Command> commands_;
+    // Streamed tasks that received bytes this round (under mutex_).
+    std::vector<std::shared_ptr<TaskCore>> streamsWithBytes_;
     bool wakeRequested_ = false;  // a wake-up was sent for commands_ since the loop took them
 
     // Guarded by mutex_.
@@ -588,6 +596,13 @@ void Loop::settle() {
         curl_easy_getinfo(msg->easy_handle, CURLINFO_PRIVATE, &priv);
         finish(static_cast<TaskCore*>(priv), msg->data.result);
     }
+    // Bytes of transfers still running go to a worker now; those of transfers that ended in
+    // this round go with their completion, which costs no hop of its own.
+    for (auto& core : streamsWithBytes_) {
+        core->streamBytesNoted = false;
+        if (!core->done.load()) core->stream->startDelivery(core);
+    }
+    streamsWithBytes_.clear();
 }
 
 // Drives the loop until the other loading thread takes it over.
@@ -694,6 +709,8 @@ void loadOnNetwork(std::shared_ptr<TaskCore> core) { Loop::instance().add(std::m
 void cancelOnNetwork(std::shared_ptr<TaskCore> core) { Loop::instance().cancel(std::move(core)); }
 
 void resumeOnNetwork(std::shared_ptr<TaskCore> core) { Loop::instance().resume(std::move(core)); }
+
+void noteStreamBytes(TaskCore& core) { Loop::instance().noteStream(core); }
 
 std::size_t heldTaskCount() { return Loop::instance().activeCount(); }
 

@@ -9,23 +9,28 @@
 
 namespace kestro::network::internal {
 
-bool StreamState::offer(TaskCore& core, std::string_view bytes) {
-    {
-        std::lock_guard lock(mutex_);
-        if (closed_) return true;  // dropped; the transfer is being let go
-        if (pending_.size() >= URLSession::kStreamBufferBytes) {
-            paused_ = true;
-            return false;
-        }
-        pending_.append(bytes);
-        if (draining_) return true;
-        draining_ = true;
+bool StreamState::offer(std::string_view bytes) {
+    std::lock_guard lock(mutex_);
+    if (closed_) return true;  // dropped; the transfer is being let go
+    if (pending_.size() >= URLSession::kStreamBufferBytes) {
+        paused_ = true;
+        return false;
     }
-    postTask([core = core.shared_from_this()] { core->stream->drain(core); });
+    pending_.append(bytes);
     return true;
 }
 
+void StreamState::startDelivery(const std::shared_ptr<TaskCore>& core) {
+    {
+        std::lock_guard lock(mutex_);
+        if (closed_ || draining_ || pending_.empty()) return;
+        draining_ = true;
+    }
+    postTask([core] { core->stream->drain(core); });
+}
+
 void StreamState::deliverHere(TaskCore& core, std::string_view bytes) {
+    if (bytes.empty()) return;
     std::optional<HTTPURLResponse> head;
     {
         std::lock_guard lock(mutex_);
@@ -59,22 +64,34 @@ bool StreamState::completeAfterData(std::optional<HTTPURLResponse>& response,
     return true;
 }
 
-void StreamState::headBeforeCompletion(const std::optional<HTTPURLResponse>& response) {
+void StreamState::beforeCompletion(const std::optional<HTTPURLResponse>& response) {
+    std::optional<HTTPURLResponse> head;
+    std::string bytes;
     {
         std::lock_guard lock(mutex_);
-        if (headGiven_ || cancelled_ || !response) return;
-        headGiven_ = true;
+        if (cancelled_ || draining_) return;
+        if (!headGiven_) {
+            head = response ? response : head_;
+            headGiven_ = true;
+        }
+        bytes.swap(pending_);
+        if (!head && bytes.empty()) return;
+        draining_ = true;
     }
-    if (handlers_.response) {
+    if (head && handlers_.response) {
         runReportingThrows("A streamed task's response handler",
-                           [&] { handlers_.response(*response); });
+                           [&] { handlers_.response(*head); });
     }
+    if (!bytes.empty() && handlers_.data) {
+        runReportingThrows("A streamed task's data handler", [&] { handlers_.data(bytes); });
+    }
+    std::lock_guard lock(mutex_);
+    draining_ = false;
 }
 
 void StreamState::close() {
     std::lock_guard lock(mutex_);
     closed_ = true;
-    pending_ = {};
 }
 
 void StreamState::cancel() {
@@ -107,6 +124,7 @@ void StreamState::drain(const std::shared_ptr<TaskCore>& core) {
             std::lock_guard lock(mutex_);
             if (pending_.empty() || closed_) {
                 draining_ = false;
+                if (closed_) pending_ = {};
                 if (!ended_) return;
                 ended_ = false;
                 complete = true;

@@ -65,7 +65,8 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
     std::string origin;
 
     // Network path: touched only under the loop's mutex.
-    bool held = false;  // the loop holds the task (waiting for a slot or transferring)
+    bool held = false;              // the loop holds the task (waiting for a slot or transferring)
+    bool streamBytesNoted = false;  // a streamed task's new bytes await the end of the round
     std::shared_ptr<TaskCore> heldRef;  // the loop's reference while held
     TaskCore* heldPrev = nullptr;       // neighbours in the loop's list of held tasks
     TaskCore* heldNext = nullptr;
@@ -142,7 +143,7 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
         auto data = std::move(resultData);
         auto response = std::move(resultResponse);
         auto error = std::move(resultError);
-        if (stream) stream->headBeforeCompletion(response);
+        if (stream) stream->beforeCompletion(response);
         if (!cb) return;
         runReportingThrows("A request's completion",
                            [&] { cb(std::move(data), std::move(response), std::move(error)); });

@@ -3,6 +3,7 @@
 #include <string>
 #include <string_view>
 
+#include "kestro/network/internal/loading_loop.h"
 #include "kestro/network/internal/task_core.h"
 #include "kestro/network/internal/transfer_errors.h"
 
@@ -33,9 +34,8 @@ std::size_t onResponseBody(char* data, std::size_t size, std::size_t n, void* us
             core->sizeChecked = true;
             core->stream->setHead(currentHead(*core));
         }
-        if (!core->stream->offer(*core, std::string_view(data, bytes))) {
-            return CURL_WRITEFUNC_PAUSE;
-        }
+        if (!core->stream->offer(std::string_view(data, bytes))) return CURL_WRITEFUNC_PAUSE;
+        noteStreamBytes(*core);
         core->markActive(Clock::now());
         return bytes;
     }
