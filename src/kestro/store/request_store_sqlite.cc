@@ -282,6 +282,8 @@ struct RequestStoreSQLite::Impl {
     // that finds nothing to do) and the oldest createdAt stored.
     std::int64_t approxCount = 0;
     double oldestCreatedAt = std::numeric_limits<double>::infinity();
+    std::uint64_t lastDiskBytes = 0;
+    std::uint32_t addsSinceStat = 0;
 
     // --- running on the queue ---------------------------------------------------------------
 
@@ -483,12 +485,17 @@ struct RequestStoreSQLite::Impl {
                 : std::numeric_limits<double>::infinity();
     }
 
-    // Whether the store may be past a limit: cheap enough to ask after every add.
-    bool mayNeedTrim() const {
+    // Whether the store may be past a limit: cheap enough to ask after every add. The bytes
+    // on disk are measured again every kAddsPerStat adds (and whenever the limits change):
+    // two stat calls per add would cost several per cent of an add, and a few rows beyond the
+    // byte limit are trimmed a moment later all the same.
+    static constexpr std::uint32_t kAddsPerStat = 16;
+    bool mayNeedTrim(bool measureBytes) {
         if (db == nullptr) return false;
+        if (limits.maxBytes > 0 && measureBytes) lastDiskBytes = diskBytes();
         const double now = secondsSince1970(std::chrono::system_clock::now());
         return store::internal::pastLimits(limits, approxCount, oldestCreatedAt, now,
-                                           limits.maxBytes > 0 ? diskBytes() : 0);
+                                           limits.maxBytes > 0 ? lastDiskBytes : 0);
     }
 
     void scheduleTrim() {
@@ -507,8 +514,8 @@ struct RequestStoreSQLite::Impl {
         });
     }
 
-    void maybeScheduleTrim() {
-        if (mayNeedTrim()) scheduleTrim();
+    void maybeScheduleTrim(bool measureBytes = true) {
+        if (mayNeedTrim(measureBytes)) scheduleTrim();
     }
 
     // Removes one batch of the oldest items past a limit. Gives whether it removed any (the
@@ -549,6 +556,7 @@ struct RequestStoreSQLite::Impl {
         }
         if (ids.empty()) {
             refreshOldest();
+            lastDiskBytes = diskBytes();
             return false;
         }
 
@@ -568,6 +576,7 @@ struct RequestStoreSQLite::Impl {
         if (limits.maxBytes > 0) reclaimSpace();
         approxCount = std::max<std::int64_t>(0, facts.count - static_cast<std::int64_t>(deleted));
         refreshOldest();
+        lastDiskBytes = diskBytes();
 
         auto gone = std::make_shared<const std::unordered_set<std::string>>(ids.begin(), ids.end());
         changeList([this, gone]() -> std::optional<RequestsChange> {
@@ -684,7 +693,7 @@ struct RequestStoreSQLite::Impl {
         }
         ++approxCount;
         oldestCreatedAt = std::min(oldestCreatedAt, rowFields(item).createdAt);
-        maybeScheduleTrim();
+        maybeScheduleTrim(++addsSinceStat % kAddsPerStat == 0);
         if (verboseShown()) {
             printI(fmt::format("✅ Request saved to db. ID: {} Type: {}. Total: {}", item.id(),
                                *rowFields(item).type, editor.current().size()),
