@@ -46,13 +46,13 @@ constexpr const char* kSelectUnordered =
     "SELECT id, type, level, details, createdAt, sentAt FROM requests";
 constexpr const char* kDeleteById = "DELETE FROM requests WHERE id = ?";
 constexpr const char* kDeleteAll = "DELETE FROM requests";
-// Trims take the oldest items first and the list loads newest first: both walk this index.
-constexpr const char* kCreateIndex =
-    "CREATE INDEX IF NOT EXISTS requests_createdAt ON requests (createdAt)";
 constexpr const char* kCount = "SELECT count(*) FROM requests";
-constexpr const char* kOldest = "SELECT min(createdAt) FROM requests";
+// Trims take rows in the order they were stored (rowid: a row replaced by INSERT OR REPLACE
+// gets a new one, as its item moves to the front of the list). The table's own order, so no
+// index is kept for it: a createdAt index cost an add about 15% more instructions.
+constexpr const char* kOldest = "SELECT createdAt FROM requests ORDER BY rowid ASC LIMIT 1";
 constexpr const char* kSelectOldest =
-    "SELECT id, createdAt FROM requests ORDER BY createdAt ASC LIMIT ?";
+    "SELECT id, createdAt FROM requests ORDER BY rowid ASC LIMIT ?";
 
 bool isCorruption(int rc) {
     const int primary = rc & 0xff;
@@ -279,7 +279,7 @@ struct RequestStoreSQLite::Impl {
     std::atomic<bool> trimScheduled{false};
     // What an add compares with the limits without asking the database: the row count (exact
     // after each trim, high by one after an add that replaced a row, which only costs a trim
-    // that finds nothing to do) and the oldest createdAt stored.
+    // that finds nothing to do) and the createdAt of the row stored first.
     std::int64_t approxCount = 0;
     double oldestCreatedAt = std::numeric_limits<double>::infinity();
     std::uint64_t lastDiskBytes = 0;
@@ -426,7 +426,6 @@ struct RequestStoreSQLite::Impl {
         const int crc = exec(kCreateTable);
         if (isCorruption(crc)) return Opened::corrupt;
         if (crc != SQLITE_OK) printI("❌ Table creation failed: " + errorText(), LogLevel::error);
-        exec(kCreateIndex);
         return Opened::ok;
     }
 
@@ -442,8 +441,7 @@ struct RequestStoreSQLite::Impl {
             loaded = _getAll(nullptr);
         }
         approxCount = static_cast<std::int64_t>(loaded.size());
-        oldestCreatedAt = loaded.empty() ? std::numeric_limits<double>::infinity()
-                                         : rowFields(loaded.back()).createdAt;
+        refreshOldest();
         changeList([&]() -> std::optional<RequestsChange> {
             return RequestsChange{
                 RequestsChange::Kind::replaced,
@@ -692,7 +690,7 @@ struct RequestStoreSQLite::Impl {
             return;
         }
         ++approxCount;
-        oldestCreatedAt = std::min(oldestCreatedAt, rowFields(item).createdAt);
+        if (approxCount == 1) refreshOldest();  // the first row is the oldest
         maybeScheduleTrim(++addsSinceStat % kAddsPerStat == 0);
         if (verboseShown()) {
             printI(fmt::format("✅ Request saved to db. ID: {} Type: {}. Total: {}", item.id(),
