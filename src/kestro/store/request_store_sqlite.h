@@ -33,7 +33,7 @@ namespace kestro {
 /// Retention: the store keeps at most `maxItems` items, none whose createdAt is older than
 /// `maxAge`, and at most `maxBytes` on disk (the database file and its write-ahead log). When
 /// an add or a change of the limits takes the store past one, a trim runs on the global
-/// executor, never on the adding thread: it removes the oldest items (by createdAt) in batches
+/// executor, never on the adding thread: it removes the items stored first in batches
 /// of at most kTrimBatchItems, each batch one operation on the queue, so an add waits for one
 /// batch at most. Deleted rows give their pages back to the file system (incremental vacuum).
 /// The list follows each batch as one `replaced` change. Instances made here start unlimited;

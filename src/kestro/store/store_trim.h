@@ -16,16 +16,19 @@ struct TrimFacts {
     double now = 0;
 };
 
-/// Whether a store with this many items, this oldest createdAt and this many bytes on disk is
-/// past any of the limits (0 turns a limit off). Cheap: asked after every add.
+/// Whether a store with this many items, whose first stored item has this createdAt, and this
+/// many bytes on disk is past any of the limits (0 turns a limit off). Cheap: asked after every
+/// add.
 bool pastLimits(const StoreRetention& limits, std::int64_t count, double oldestCreatedAt,
                 double now, std::uint64_t bytes);
 
-/// How many of the oldest items (their createdAt in `oldestFirst`, as many as one batch may
-/// take) to remove so that the store comes within the limits: the items beyond maxItems, those
-/// older than maxAge, and, over maxBytes, about as many as hold the excess bytes (at least one).
-/// The items removed are always a prefix of `oldestFirst`: an item is never removed while an
-/// older one stays. Items dated after `now` (a clock that was set back) are never too old.
+/// How many of the items stored first (their createdAt in `oldestFirst`, in the order they were
+/// stored, as many as one batch may take) to remove so that the store comes within the limits:
+/// the items beyond maxItems, those older than maxAge up to the first that is not, and, over
+/// maxBytes, about as many as hold the excess bytes (at least one). The items removed are always
+/// a prefix of `oldestFirst`: an item is never removed while one stored before it stays. Items
+/// dated after `now` (a clock that was set back) are never too old, and hold back the age limit
+/// for the items stored after them until they are.
 std::size_t itemsToTrim(const StoreRetention& limits, const TrimFacts& facts,
                         std::span<const double> oldestFirst);
 
