@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs the windowed demo under Xvfb against a development service of its own, walks the
-# inspector (settings, the list, a JSON response's details, a custom event's payload) and writes
+# inspector (settings, the list, a JSON response's details from the top with the answer's
+# timings and scrolled to its body, a custom event's payload) and writes
 # one PNG per screen into the given folder (default build/screenshots). Each PNG is then checked
 # to be a drawn window: enough distinct colours and enough pixels away from the background.
 #
@@ -100,5 +101,5 @@ for path in sys.argv[1:]:
     ok = len(counts) >= 64 and drawn >= 0.05
     failed |= not ok
     print(f"{path}: {w}x{h}, {len(counts)} colours, {drawn:.0%} drawn: {'ok' if ok else 'BLANK?'}")
-sys.exit(1 if failed or len(sys.argv) < 5 else 0)
+sys.exit(1 if failed or len(sys.argv) < 6 else 0)
 PY

@@ -8,7 +8,7 @@ set -euo pipefail
 PACKAGES=(
     cmake g++ make ninja-build pkg-config git ca-certificates openssl ccache iproute2
     clang clang-format libclang-rt-14-dev
-    libcurl4-openssl-dev libssl-dev libbrotli-dev zlib1g-dev
+    libcurl4-openssl-dev libssl-dev libbrotli-dev zlib1g-dev curl
     libsqlite3-dev sqlite3
     libboost1.81-dev libboost-json1.81-dev libboost-url1.81-dev
     libfmt-dev libicu-dev libsystemd-dev libavahi-client-dev

@@ -1,6 +1,7 @@
 // The Kestro demo host. It initialises Kestro against the development service, then every few
 // seconds logs through each logging call, calls the service's sample API through Kestro's
-// URL-loading layer and records a custom event. It prints what happens to it — answers, the
+// URL-loading layer (a sign-in among them, whose secrets its redaction policy hides) and records
+// a custom event. It prints what happens to it — answers, the
 // dashboard link going up and down, commands arriving — and runs until Ctrl+C (or for
 // --rounds rounds).
 //
@@ -124,7 +125,7 @@ class StopSignal {
 std::atomic<int> inFlight{0};
 
 void call(const std::string& base, const std::string& method, const std::string& path,
-          std::optional<boost::json::value> body = std::nullopt) {
+          std::optional<boost::json::value> body = std::nullopt, http::Options options = {}) {
     const auto started = Clock::now();
     inFlight.fetch_add(1);
     auto report = [method, path, started](http::Result r) {
@@ -137,9 +138,9 @@ void call(const std::string& base, const std::string& method, const std::string&
         inFlight.fetch_sub(1);
     };
     if (body) {
-        http::postJSON(base + path, *body, report);
+        http::postJSON(base + path, *body, report, std::move(options));
     } else {
-        http::get(base + path, report);
+        http::get(base + path, report, std::move(options));
     }
 }
 
@@ -168,12 +169,23 @@ void logEverywhere(long round) {
     logger.i("round", round, "of the structured logger");
 }
 
+// The demo's own secrets, kept out of everything Kestro stores and uploads by its policy.
+constexpr const char* kDemoBearer = "Bearer demo-bearer-7f3a";
+constexpr const char* kDemoSession = "demo-session-7f3a";
+constexpr const char* kDemoPassword = "demo-password-7f3a";
+
 void runRound(const std::string& base, long round) {
     logEverywhere(round);
     call(base, "GET", "/sample/users");
     call(base, "GET", "/sample/users/" + std::to_string(round % 5 + 1));
     call(base, "POST", "/sample/echo",
          boost::json::object{{"round", round}, {"items", boost::json::array{"apple", "pear"}}});
+    // A sign-in carrying secrets in a header, a query item and the JSON both ways; the demo's
+    // redaction policy hides each of them in what Kestro keeps and sends.
+    http::Options signIn;
+    signIn.headers["Authorization"] = kDemoBearer;
+    call(base, "POST", std::string("/sample/login?session=") + kDemoSession,
+         boost::json::object{{"user", "demo"}, {"password", kDemoPassword}}, std::move(signIn));
     if (round % 3 == 0) {
         call(base, "GET", "/sample/image.png");
         call(base, "GET", "/sample/status/404");
@@ -209,7 +221,12 @@ int main(int argc, char** argv) {
         [](const Notification&) { say("the dashboard asked to open the inspector"); });
 
     const LogLevel level = options.verbose ? LogLevel::verbose : LogLevel::info;
-    Kestro().initialize(options.key, KestroConfig(true, true, true, level, "dev"));
+    KestroConfig config(true, true, true, level, "dev");
+    // Beside the default credential headers: the sign-in's password and token, and the
+    // session query item.
+    config.redaction.jsonKeys = {"password", "token"};
+    config.redaction.queryItems = {"session"};
+    Kestro().initialize(options.key, config);
     const std::string base = Kestro().getAPIEndpoint();
     const std::string device = Kestro().deviceUUID();
     if (device.empty()) return 1;  // the key was refused; initialize said why

@@ -155,8 +155,9 @@ class ScreenshotTour {
     ScreenshotTour(std::filesystem::path dir, Activity& activity, std::string base)
         : dir_(std::move(dir)), activity_(activity), base_(std::move(base)) {}
 
-    // Called before ImGui::NewFrame(): scrolls the details down to the JSON body, as a wheel
-    // turned over them would.
+    // Called before ImGui::NewFrame(): once the top of the details (the request and the
+    // answer's timings) has been taken, scrolls them down to the JSON body, as a wheel turned
+    // over them would.
     void beforeNewFrame(ImGuiIO& io) {
         if (step_ == 4 && frame_ >= 20 && frame_ < 24) {
             io.MousePos = ImVec2(io.DisplaySize.x * 0.5f, io.DisplaySize.y * 0.5f);
@@ -193,6 +194,7 @@ class ScreenshotTour {
                 }
                 return true;
             case 4:
+                if (frame_ == 15) shoot(window, "inspector-timings.png");
                 // The JSON view lays its document out off the UI thread: a few frames.
                 if (frame_ > 40) {
                     shoot(window, "inspector-details.png");
@@ -210,7 +212,7 @@ class ScreenshotTour {
                 return false;
         }
     }
-    bool failed() const { return failed_ || shots_ != 4; }
+    bool failed() const { return failed_ || shots_ != 5; }
 
   private:
     void next(int step) {

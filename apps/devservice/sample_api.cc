@@ -56,6 +56,25 @@ Reply ApiRouter::sample(const Request& request) const {
         }
         return error(404, "no user with id " + seg[2], v);
     }
+    if (path == "/login") {
+        // A sign-in as applications make them: credentials in, a bearer token out. The token is
+        // made from the user's name, so that a demo's captured traffic can be checked for it.
+        if (request.method() != http::verb::post) {
+            return error(405, "only POST is allowed on /sample/login", v);
+        }
+        boost::system::error_code ec;
+        const json::value body = json::parse(request.body(), ec);
+        const json::object* o = ec ? nullptr : body.if_object();
+        const json::value* user = o ? o->if_contains("user") : nullptr;
+        const json::value* password = o ? o->if_contains("password") : nullptr;
+        if (!user || !user->is_string() || !password || !password->is_string() ||
+            password->as_string().empty()) {
+            return error(400, "/sample/login takes {\"user\": text, \"password\": text}", v);
+        }
+        const std::string name(user->as_string());
+        return jsonReply(200, json::object{{"user", name}, {"token", "sample-token-of-" + name}},
+                         v);
+    }
     if (path == "/echo") {
         json::object headers;
         for (const auto& field : request) {

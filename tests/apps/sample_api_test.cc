@@ -64,6 +64,19 @@ TEST_F(SampleApiTest, EchoReturnsWhatWasSent) {
     EXPECT_TRUE(text.json().at("json").is_null());
 }
 
+TEST_F(SampleApiTest, LoginTradesCredentialsForAToken) {
+    auto ok = httpRequest(port_, "POST", "/sample/login", R"({"user":"ann","password":"pw"})",
+                          {{"Content-Type", "application/json"}});
+    ASSERT_EQ(ok.status, 200u);
+    EXPECT_EQ(ok.json(), json::parse(R"({"user":"ann","token":"sample-token-of-ann"})"));
+    for (const char* body :
+         {R"({"user":"ann"})", R"({"user":"ann","password":""})", R"({"user":1,"password":"x"})",
+          "[]", "not json"}) {
+        EXPECT_EQ(httpRequest(port_, "POST", "/sample/login", body).status, 400u) << body;
+    }
+    EXPECT_EQ(get("/sample/login").status, 405u);
+}
+
 TEST_F(SampleApiTest, StatusAndSlowEndpoints) {
     auto teapot = get("/sample/status/418");
     EXPECT_EQ(teapot.status, 418u);

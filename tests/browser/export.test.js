@@ -94,6 +94,117 @@ test("the HAR export of the exchanges in view is valid HAR 1.2 and holds them", 
     assertNoErrors(page);
 });
 
+// HAR's rule: time is the sum of the phases that apply (not -1), ssl being part of connect.
+function harTimeAddsUp(entry) {
+    const { blocked, dns, connect, send, wait, receive } = entry.timings;
+    const sum = [blocked, dns, connect, send, wait, receive].filter((ms) => ms !== -1).reduce((a, b) => a + b, 0);
+    return Math.abs(entry.time - sum) < 1e-9;
+}
+
+test("an exchange's phases show as a waterfall, a cut body says so, and the HAR takes both", async () => {
+    const real = exchangeRecord({ url: "http://127.0.0.1/phases/download", method: "POST", status: 200, body: '{"part":', device });
+    real.details.request.body = "abc";
+    real.details.request.headers["Content-Type"] = "text/plain";
+    real.details.request.bodyTotalBytes = 2_000_000;
+    real.details.response.bodyTotalBytes = 5_242_880;
+    real.details.response.timings = { nameLookup: 10, connect: 20, tls: 30, firstByte: 25, transfer: 15 };
+    const reused = exchangeRecord({ url: "http://127.0.0.1/phases/reused", status: 204, device });
+    reused.details.response.timings = { nameLookup: 0, connect: 0, tls: 0, firstByte: 3.5, transfer: 0.5 };
+    const mocked = exchangeRecord({ url: "http://127.0.0.1/phases/mocked", status: 200, body: "{}", device });
+    for (const record of [real, reused, mocked]) await service.upload(key, record);
+
+    await search(page, "/phases/");
+    await openItem(page, "/phases/download");
+    const detail = page.locator("article.detail");
+    await detail.locator(".detail-title", { hasText: "POST" }).waitFor();
+    assert.deepEqual(await detail.locator(".truncated").allInnerTexts(),
+        ["truncated: 2,000,000 bytes in all", "truncated: 5,242,880 bytes in all"]);
+    assert.deepEqual(await detail.locator(".phase-label").allInnerTexts(), ["Name lookup", "Connect", "TLS", "First byte", "Transfer"]);
+    assert.deepEqual(await detail.locator(".phase-ms").allInnerTexts(), ["10.00 ms", "20.00 ms", "30.00 ms", "25.00 ms", "15.00 ms"]);
+    assert.equal(await detail.locator(".phase-total").innerText(), "Total 100.00 ms");
+    // Bars one after the other on one axis, each as wide as its share of the whole.
+    const bars = await detail.locator(".phase .bar").evaluateAll((els) => els.map((e) => e.getBoundingClientRect().toJSON()));
+    assert.equal(bars.length, 5);
+    const track = bars.reduce((sum, b) => sum + b.width, 0);
+    [10, 20, 30, 25, 15].forEach((ms, i) => {
+        assert.ok(Math.abs(bars[i].width - (track * ms) / 100) < 1.5, `bar ${i} width ${bars[i].width}`);
+        if (i > 0) assert.ok(Math.abs(bars[i].left - bars[i - 1].right) < 1.5, `bar ${i} starts where ${i - 1} ends`);
+    });
+    await screenshot(page, "detail-waterfall");
+
+    await openItem(page, "/phases/mocked");
+    await detail.locator(".detail-title", { hasText: "/phases/mocked" }).waitFor();
+    await detail.locator(".no-timings", { hasText: "no timings" }).waitFor();
+    assert.equal(await detail.locator(".phase .bar").count(), 0);
+    assert.equal(await detail.locator(".truncated").count(), 0);
+    await page.keyboard.press("Escape");
+
+    const [download] = await Promise.all([page.waitForEvent("download"), page.getByRole("button", { name: "Export HAR" }).click()]);
+    const har = JSON.parse(readFileSync(await download.path(), "utf8"));
+    const validate = harValidator();
+    assert.ok(validate(har), JSON.stringify(validate.errors, null, 2));
+    const byPath = Object.fromEntries(har.log.entries.map((e) => [new URL(e.request.url).pathname, e]));
+    const cut = byPath["/phases/download"];
+    assert.deepEqual(cut.timings, { blocked: -1, dns: 10, connect: 50, ssl: 30, send: 0, wait: 25, receive: 15 });
+    assert.equal(cut.time, 100);
+    assert.equal(cut.request.bodySize, 2_000_000);
+    assert.deepEqual(cut.request.postData, { mimeType: "text/plain", text: "abc", comment: "truncated: 2000000 bytes in all" });
+    assert.equal(cut.response.bodySize, 5_242_880);
+    assert.equal(cut.response.content.text, '{"part":');
+    assert.equal(cut.response.content.comment, "truncated: 5242880 bytes in all");
+    // A reused plain connection: no lookup, connect or TLS to speak of.
+    assert.deepEqual(byPath["/phases/reused"].timings, { blocked: -1, dns: -1, connect: -1, ssl: -1, send: 0, wait: 3.5, receive: 0.5 });
+    assert.equal(byPath["/phases/reused"].time, 4);
+    // Without phases the whole duration is waiting.
+    const answered = byPath["/phases/mocked"];
+    assert.ok(answered.timings.wait > 0 && answered.timings.dns === -1 && answered.timings.receive === 0);
+    assert.equal(answered.response.content.comment, undefined);
+    for (const entry of har.log.entries) assert.ok(harTimeAddsUp(entry), JSON.stringify(entry.timings));
+    await page.locator('input[name="q"]').fill("");
+    assertNoErrors(page);
+});
+
+// The demo signs in every round with secrets in a header, a query item and the JSON both ways;
+// its redaction policy names each of them.
+const DEMO_SECRETS = ["demo-bearer-7f3a", "demo-session-7f3a", "demo-password-7f3a", "sample-token-of-demo"];
+
+function assertNoSecret(what, text) {
+    for (const secret of DEMO_SECRETS) assert.ok(!text.includes(secret), `${what} holds ${secret}`);
+}
+
+test("the demo's sign-in shows its secrets as <redacted> on the page and in both exports", async () => {
+    await search(page, "/sample/login");
+    await openItem(page, "/sample/login");
+    const detail = page.locator("article.detail");
+    await detail.locator(".detail-title", { hasText: "/sample/login?session=<redacted>" }).waitFor();
+    // The whole record too, as the page would show it when asked.
+    await detail.locator("details.raw summary").click();
+    await detail.locator("details.curl summary").click();
+    await detail.locator("details.raw .json").waitFor();
+    const text = await page.locator("body").innerText();
+    assert.match(text, /session=<redacted>/);
+    assert.ok(text.split("<redacted>").length - 1 >= 4, "URL, header, password and token are shown redacted");
+    assert.match(text, /"?demo"?/);
+    assertNoSecret("the page", text);
+    await screenshot(page, "detail-redacted");
+
+    await page.getByRole("button", { name: "Copy as cURL" }).click();
+    await page.locator(".notice", { hasText: "Copied the request as a cURL command" }).waitFor();
+    const command = await page.evaluate(() => navigator.clipboard.readText());
+    // The notice is closed, so that the next copy's is the only one.
+    await page.locator(".notice", { hasText: "Copied the request as a cURL command" }).locator("button").click();
+    assert.match(command, /-H 'Authorization: <redacted>'/);
+    assertNoSecret("the cURL command", command);
+    await page.keyboard.press("Escape");
+
+    const [download] = await Promise.all([page.waitForEvent("download"), page.getByRole("button", { name: "Export HAR" }).click()]);
+    const har = readFileSync(await download.path(), "utf8");
+    assert.ok(JSON.parse(har).log.entries.some((e) => e.request.url.includes("/sample/login")));
+    assertNoSecret("the HAR file", har);
+    await page.locator('input[name="q"]').fill("");
+    assertNoErrors(page);
+});
+
 test("copy as cURL gives a command that repeats the request", async () => {
     await search(page, "/sample/echo");
     await openItem(page, "/sample/echo");
@@ -120,7 +231,7 @@ test("copy as cURL gives a command that repeats the request", async () => {
     await page.locator("details.curl summary").click();
     const shown = await page.locator("details.curl pre").innerText();
     const args = execFileSync("sh", ["-c", `set -- ${shown.replace(/^curl/, "").replaceAll("\\\n", " ")}; printf '%s\\n' "$@"`], { encoding: "utf8" });
-    assert.deepEqual(args.trimEnd().split("\n"), ["-X", "PUT", "http://127.0.0.1:1/it's", "-H", "Accept: */*", "-H", "X-Note: it's \"quoted\" $HOME", "--data-raw", "a'b"]);
+    assert.deepEqual(args.trimEnd().split("\n"), ["-X", "PUT", "http://127.0.0.1:1/it's", "-H", "Accept: */*", "-H", "X-Note: it's \"quoted\" $HOME", "-H", "Content-Type:", "--data-raw", "a'b"]);
     await page.locator('input[name="q"]').fill("");
     await page.keyboard.press("Escape");
     assertNoErrors(page);

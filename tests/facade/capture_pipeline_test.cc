@@ -81,6 +81,7 @@ InterceptedRequestWrapper responseReport(const std::optional<UUID>& id, std::int
                                      {{"Content-Type", "application/json"}},
                                      R"({"ok":1})",
                                      std::chrono::system_clock::now()};
+    w.response->timings = URLSessionTaskMetrics{0.5, 1.25, 3, 20.5, 2};
     w.requestId = id;
     return w;
 }
@@ -118,6 +119,8 @@ TEST_F(CapturePipelineTest, AnExchangeIsUploadedTwiceAndStoredOnceWithBothHalves
     EXPECT_EQ(stored->details.request->body, R"({"sku":"A"})");
     ASSERT_TRUE(stored->details.response);
     EXPECT_EQ(stored->details.response->statusCode, 201);
+    EXPECT_EQ(stored->details.response->timings,
+              (RequestTypeRequestTimings{0.5, 1.25, 3, 20.5, 2}));
 
     const std::string text = console.text();
     EXPECT_NE(text.find("✉️ SEND_REQ_TO_SERVER POST:https://api.example.com/orders ID: " +

@@ -148,6 +148,29 @@ TEST_F(LifecycleTest, ProductionWithoutAHostStoresButUploadsAndLinksNothing) {
     EXPECT_EQ(server_.requestCount(), 0u);
 }
 
+TEST_F(LifecycleTest, InitializeAppliesTheStoreLimitsAndTheyChangeAtRunTime) {
+    test::ScopedEnv noHost("KESTRO_PROD_HOST", "");
+    KestroInternal k;
+    facade::internal::setDeviceUpload(
+        k, [](const std::string&, const DeviceDictionary&, const std::string&,
+              std::function<void(RegistrationResult)> done) { done(std::nullopt); });
+    RequestStoreSQLite& store = RequestStoreSQLite::shared();
+    EXPECT_EQ(store.retention(), StoreRetention{});  // the defaults before any configuration
+
+    KestroConfig config(false, false, true, LogLevel::error, {});
+    config.retention = {3, std::chrono::seconds(0), 0};
+    k.initialize("kt-prod-limits", config);
+    EXPECT_EQ(k.storeRetention(), config.retention);
+    for (int i = 0; i < 6; ++i) k.logEvent("event-" + std::to_string(i), "test");
+    ASSERT_TRUE(waitUntil([&] { return !store.trimPending() && store.requests().size() == 3; }));
+    EXPECT_EQ(store.requests()[0].asCustomEvent()->details.name, "event-5");
+    EXPECT_EQ(store.requests()[2].asCustomEvent()->details.name, "event-3");
+
+    k.setStoreRetention(StoreRetention::unlimited());
+    EXPECT_EQ(k.storeRetention(), StoreRetention::unlimited());
+    EXPECT_EQ(k.getConfig().retention, StoreRetention::unlimited());
+}
+
 TEST_F(LifecycleTest, StopSwitchesOffOnlyWhatTheConfigurationTurnsOff) {
     KestroInternal k;
     test::ConsoleSilence quiet;

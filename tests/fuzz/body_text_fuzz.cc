@@ -1,11 +1,15 @@
 // Feeds arbitrary bodies to the captured body text. The first byte picks a content type. It
 // checks the UTF-8 test against ICU (a text is well-formed exactly when ICU converts it to
 // UTF-16 and back unchanged), that a text body is captured as itself or as the placeholder, and
-// that a binary body's base64 has the standard form and decodes back to the body.
+// that a binary body's base64 has the standard form and decodes back to the body. A body cut at
+// a limit picked by the first byte is the longest whole-character prefix of a text body within
+// the limit, or the base64 of exactly the first bytes. As a JSON body, its redaction agrees with
+// Boost.JSON on what is JSON, keeps it JSON, and redacting again changes nothing.
 
 #include <unicode/unistr.h>
 
 #include <array>
+#include <boost/json.hpp>
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
@@ -13,7 +17,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "kestro/core/redaction.h"
 #include "kestro/network/body_text.h"
 
 namespace {
@@ -56,6 +62,15 @@ std::optional<std::string> decodeBase64(std::string_view text) {
     return out;
 }
 
+bool hasSurrogateEscape(std::string_view s) {
+    for (auto at = s.find("\\u"); at != std::string_view::npos; at = s.find("\\u", at + 1)) {
+        if (at + 3 < s.size() && (s[at + 2] == 'd' || s[at + 2] == 'D') &&
+            std::string_view("89abcdefABCDEF").find(s[at + 3]) != std::string_view::npos)
+            return true;
+    }
+    return false;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -79,5 +94,45 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     // Any other text: the library decodes exactly what this reference decodes.
     if (kestro::base64Decode(body) != decodeBase64(body)) std::abort();
+
+    const std::int64_t total = std::ssize(body);
+    const std::int64_t limit = data[0] >> 3;  // 0 (no limit) to 31 bytes
+    const kestro::CapturedBody cut = kestro::capturedBody(body, total, contentType, limit);
+    if (limit == 0 || total <= limit) {
+        if (cut.totalBytes || cut.text != captured) std::abort();
+    } else if (cut.totalBytes != total) {
+        std::abort();
+    } else if (kestro::isTextRequest(lower)) {
+        // Valid text: a prefix within the limit, at most three bytes short of it, ending at a
+        // whole character; the placeholder when the bytes before the cut are not UTF-8.
+        const std::string_view head = body.substr(0, static_cast<std::size_t>(limit));
+        if (kestro::isValidUTF8(kestro::withoutCutSequence(head))) {
+            if (!body.starts_with(cut.text) || std::ssize(cut.text) > limit ||
+                std::ssize(cut.text) < limit - 3 || !kestro::isValidUTF8(cut.text))
+                std::abort();
+        } else if (cut.text != "[non-utf8 text]") {
+            std::abort();
+        }
+    } else if (kestro::base64Decode(cut.text) != body.substr(0, static_cast<std::size_t>(limit))) {
+        std::abort();
+    }
+
+    const std::vector<std::string> keys{"a", "password"};
+    const auto redacted = kestro::redactJSONKeys(body, keys);
+    if (redacted.has_value() != kestro::redactJSONKeys(body, {}).has_value()) std::abort();
+    if (redacted) {
+        if (kestro::redactJSONKeys(*redacted, keys) != redacted) std::abort();
+    }
+    if (valid) {
+        boost::json::parse_options options;
+        options.max_depth = 1 << 20;
+        boost::system::error_code ec;
+        boost::json::parse(body, ec, {}, options);
+        // A number whose exponent Boost.JSON cannot hold, or an escaped surrogate (which
+        // Boost.JSON rejects unless paired), is still JSON text by its grammar: kept as it is.
+        const bool grammarOnly =
+            ec == boost::json::error::exponent_overflow || hasSurrogateEscape(body);
+        if (!grammarOnly && !ec != redacted.has_value()) std::abort();
+    }
     return 0;
 }

@@ -9,6 +9,7 @@
 
 #include "inspector/inspector_fixture.h"
 #include "inspector/records.h"
+#include "kestro/imgui/colors.h"
 #include "kestro/imgui/image_textures.h"
 #include "kestro/imgui/kestro_sheet.h"
 #include "kestro/network/body_text.h"
@@ -130,6 +131,116 @@ TEST_F(InspectorScreensTest, ClickingARowOpensItsDetailsAndCopyingShowsTheToast)
     clock_.advance(1500ms);
     ui_->step();
     EXPECT_FALSE(drawn("Copied to clipboard"));
+}
+
+TEST_F(InspectorScreensTest, DetailsShowThePhaseWaterfallAndWhereABodyWasCut) {
+    auto real = jsonExchange("real", "https://api.test/download", R"({"part":)",
+                             {{"Content-Type", "application/json"}});
+    auto& response = *real.asNetworkRequest()->details.response;
+    response.bodyTotalBytes = 2 * 1024 * 1024;
+    response.timings = RequestTypeRequestTimings{10, 20, 30, 25, 15};
+    store_->add(real);
+    store_->add(jsonExchange("mocked", "https://api.test/mocked", "[]"));
+    openList();
+
+    clickItem("row:real");
+    const auto notice = ui_->findText("truncated: 2,097,152 bytes in all");
+    ASSERT_TRUE(notice);
+    EXPECT_EQ(notice->color, imgui::toImU32(colors::orange));
+    EXPECT_TRUE(drawn("Total 100.00 ms"));
+    // One bar per phase that happened, left to right in order, each as wide as its share.
+    const char* phases[] = {"Name lookup", "Connect", "TLS", "First byte", "Transfer"};
+    const double ms[] = {10, 20, 30, 25, 15};
+    std::optional<testing::Box> previous;
+    float track = 0;
+    for (int i = 0; i < 5; ++i) {
+        const auto bar = ui_->item(std::string("timing:") + phases[i]);
+        ASSERT_TRUE(bar) << phases[i];
+        EXPECT_TRUE(drawn(phases[i]));
+        EXPECT_FALSE(ui_->shapesIn(*bar).empty()) << phases[i];
+        if (previous) {
+            EXPECT_NEAR(bar->min.x, previous->max.x, 1.0) << phases[i];
+            EXPECT_GT(bar->min.y, previous->min.y) << phases[i];
+        }
+        track += bar->width();
+        previous = bar;
+    }
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_NEAR(ui_->item(std::string("timing:") + phases[i])->width(), track * ms[i] / 100,
+                    1.0)
+            << phases[i];
+    }
+    EXPECT_TRUE(drawn("30.00 ms"));
+    ui_->click(ui_->findText("Done")->box.center());
+
+    // A mocked answer has no phases: the screen says so and draws no bar.
+    ASSERT_TRUE(ui_->stepUntil([&] { return list().details() == nullptr; }, 10));
+    clickItem("row:mocked");
+    EXPECT_TRUE(drawn("no timings"));
+    EXPECT_TRUE(ui_->itemNames("timing:").empty());
+    EXPECT_FALSE(drawn("truncated:"));
+}
+
+TEST_F(InspectorScreensTest, ExportHARAndCopyAsCurlSayWhatTheyDid) {
+    store_->add(jsonExchange("a", "https://api.test/users?page=2", "[]"));
+    store_->add(test::log("b", "not an exchange"));
+    openList();
+    clickItem("list.exportHAR");
+    // Written on a worker; the toast follows on the main queue.
+    ASSERT_TRUE(ui_->waitUntil([&] { return !list().isExporting(); }));
+    std::vector<std::filesystem::path> files;
+    for (const auto& entry : std::filesystem::directory_iterator(dir_)) {
+        if (entry.path().extension() == ".har") files.push_back(entry.path());
+    }
+    ASSERT_EQ(files.size(), 1u) << "written to the data directory";
+    EXPECT_TRUE(drawn("HAR saved to " + files[0].string()));
+
+    clickItem("row:a");
+    clickItem("details.copyCurl");
+    EXPECT_EQ(ui_->clipboard(), "curl 'https://api.test/users?page=2'");
+    EXPECT_TRUE(drawn("Copied to clipboard"));
+    ui_->click(ui_->findText("Done")->box.center());
+    ASSERT_TRUE(ui_->stepUntil([&] { return list().details() == nullptr; }, 10));
+    // A log's details have no request to repeat.
+    clickItem("row:b");
+    EXPECT_FALSE(ui_->item("details.copyCurl"));
+}
+
+TEST_F(InspectorScreensTest, RedactionListsAreEditedInTheSettingsForm) {
+    notifications_.post(kOpenKestroSheet);
+    ui_->step(2);
+    // The section sits below the switches: scroll the form down to it.
+    ASSERT_TRUE(ui_->item("sheet"));
+    for (int i = 0; i < 10 && !(ui_->item("redaction.headers.field") &&
+                                ui_->item("redaction.headers.field")->inside(*ui_->item("sheet")));
+         ++i) {
+        ui_->wheel(ui_->item("sheet")->center(), -10);
+        ui_->step();
+    }
+    for (const char* header : {"authorization", "cookie", "x-api-key"}) EXPECT_TRUE(drawn(header));
+    clickItem("redaction.headers.field");
+    ui_->typeText("X-Trace-Token");
+    ui_->pressKey(ImGuiKey_Enter);
+    ui_->step(2);
+    EXPECT_TRUE(drawn("x-trace-token"));
+    const auto& headers = facade_->redactionPolicy().headers;
+    EXPECT_NE(std::find(headers.begin(), headers.end(), "x-trace-token"), headers.end());
+
+    // A duplicate stays in the field with the reason under it.
+    clickItem("redaction.headers.field");
+    ui_->typeText("Cookie");
+    clickItem("redaction.headers.add");
+    ui_->step();
+    EXPECT_TRUE(drawn("\"cookie\" is already listed"));
+
+    clickItem("redaction.headers.remove:cookie");
+    ui_->step();
+    const auto& after = facade_->redactionPolicy().headers;
+    EXPECT_EQ(std::find(after.begin(), after.end(), "cookie"), after.end());
+    EXPECT_TRUE(facade_->redactionPolicy().enabled);
+    clickItem("redaction.enabled");
+    ui_->step();
+    EXPECT_FALSE(facade_->redactionPolicy().enabled);
 }
 
 TEST_F(InspectorScreensTest, AFoldIconFoldsTheObjectAndTheLineNumbersFollow) {

@@ -4,6 +4,8 @@
 #include <unicode/timezone.h>
 
 #include <boost/json.hpp>
+#include <cmath>
+#include <limits>
 
 #include "inspector/inspector_fixture.h"
 #include "inspector/records.h"
@@ -97,11 +99,13 @@ std::vector<std::string> lines(const RequestEventType& item) {
     for (const auto& section : detailSections(item)) {
         out.push_back(section.framed ? "[framed]" : "[section]");
         for (const auto& e : section.elements) {
-            static const char* names[] = {"headline", "subheadline", "row",
-                                          "copyable", "json",        "image"};
+            static const char* names[] = {"headline", "subheadline", "row",    "copyable",
+                                          "json",     "image",       "notice", "timings"};
             std::string line = std::string(names[static_cast<int>(e.kind)]) + " " + e.label;
             if (e.kind == Kind::image) {
                 line += " (" + std::to_string(e.text().size()) + " bytes)";
+            } else if (e.waterfall) {
+                line += " = " + e.waterfall->totalText;
             } else if (e.kind != Kind::headline && e.kind != Kind::subheadline) {
                 line += " = " + e.text();
             }
@@ -135,7 +139,8 @@ TEST(DetailSectionsTest, EachKindListsItsRowsInOrder) {
                      "  copyable A = 1", "  copyable a = 3", "  copyable b = 2",
                      "copyable Body = " + std::string(1536, 'x'), "[framed]",
                      "headline Response 399 green", "copyable Duration = 123.46 ms",
-                     "copyable Received At = 2024-05-01T12:34:56.623+0000", "subheadline Headers",
+                     "copyable Received At = 2024-05-01T12:34:56.623+0000",
+                     "timings Timings = no timings", "subheadline Headers",
                      "  copyable Content-Type = application/json", "json Body = [1]"}));
 
     // No headers, no body: neither "Headers" nor "Body"; status 400 is red.
@@ -146,7 +151,8 @@ TEST(DetailSectionsTest, EachKindListsItsRowsInOrder) {
                                   "copyable Method = GET", "copyable Size = 0.00 KB",
                                   "copyable Started At = 1970-01-01T00:00:00.000+0000", "[framed]",
                                   "headline Response 400 red", "copyable Duration = 1.00 ms",
-                                  "copyable Received At = 1970-01-01T00:00:00.001+0000"}));
+                                  "copyable Received At = 1970-01-01T00:00:00.001+0000",
+                                  "timings Timings = no timings"}));
 
     // A response without its request half shows nothing.
     RequestTypeRequest orphan{"n", "network", {}, test::at(5), test::at(5)};
@@ -177,6 +183,101 @@ TEST(DetailSectionsTest, EachKindListsItsRowsInOrder) {
               R"(json Payload = {"total":42.5,"big":1e+300})");
 }
 
+TEST(DetailSectionsTest, CutBodiesAreMarkedAndRealExchangesShowTheirPhases) {
+    UTCZone utc;
+    using Lines = std::vector<std::string>;
+    RequestTypeRequest r{"n", "network", {}, test::at(5), test::at(5)};
+    r.details.request = RequestTypeRequestDetailsRequest{"u", "POST", {}, test::at(0), "abc"};
+    r.details.request->bodyTotalBytes = 1234567;
+    r.details.response = RequestTypeRequestDetailsResponse{200, {}, test::at(0.5), ""};
+    // Nothing of the body was kept (a limit of 0): the notice still says what there was.
+    r.details.response->bodyTotalBytes = 1073741824;
+    r.details.response->timings = RequestTypeRequestTimings{1, 2, 3, 4, 5.5};
+    EXPECT_EQ(
+        lines(r),
+        (Lines{"[framed]", "headline Request", "copyable URL = u", "copyable Method = POST",
+               "copyable Size = 0.00 KB", "copyable Started At = 1970-01-01T00:00:00.000+0000",
+               "notice Body = truncated: 1,234,567 bytes in all", "copyable Body = abc", "[framed]",
+               "headline Response 200 green", "copyable Duration = 500.00 ms",
+               "copyable Received At = 1970-01-01T00:00:00.500+0000",
+               "timings Timings = Total 15.50 ms",
+               "notice Body = truncated: 1,073,741,824 bytes in all"}));
+}
+
+TEST(TimingWaterfallTest, PhasesFollowOneAnotherOnOneAxis) {
+    struct Segment {
+        double offset, duration, offsetFraction, widthFraction;
+        std::string text;
+    };
+    struct Case {
+        const char* what;
+        RequestTypeRequestTimings timings;
+        std::vector<Segment> segments;
+        std::string total;
+    };
+    const double nan = std::nan(""), inf = std::numeric_limits<double>::infinity();
+    const std::vector<Case> cases = {
+        {"a new TLS connection",
+         {10, 20, 30, 25, 15},
+         {{0, 10, 0, 0.1, "10.00 ms"},
+          {10, 20, 0.1, 0.2, "20.00 ms"},
+          {30, 30, 0.3, 0.3, "30.00 ms"},
+          {60, 25, 0.6, 0.25, "25.00 ms"},
+          {85, 15, 0.85, 0.15, "15.00 ms"}},
+         "Total 100.00 ms"},
+        {"a reused plain connection: no lookup, connect or TLS",
+         {0, 0, 0, 3, 1},
+         {{0, 0, 0, 0, "0.00 ms"},
+          {0, 0, 0, 0, "0.00 ms"},
+          {0, 0, 0, 0, "0.00 ms"},
+          {0, 3, 0, 0.75, "3.00 ms"},
+          {3, 1, 0.75, 0.25, "1.00 ms"}},
+         "Total 4.00 ms"},
+        {"nothing measurable",
+         {0, 0, 0, 0, 0},
+         {{0, 0, 0, 0, "0.00 ms"},
+          {0, 0, 0, 0, "0.00 ms"},
+          {0, 0, 0, 0, "0.00 ms"},
+          {0, 0, 0, 0, "0.00 ms"},
+          {0, 0, 0, 0, "0.00 ms"}},
+         "Total 0.00 ms"},
+        {"values that are no durations count as none",
+         {-5, nan, inf, 2, -inf},
+         {{0, 0, 0, 0, "0.00 ms"},
+          {0, 0, 0, 0, "0.00 ms"},
+          {0, 0, 0, 0, "0.00 ms"},
+          {0, 2, 0, 1, "2.00 ms"},
+          {2, 0, 1, 0, "0.00 ms"}},
+         "Total 2.00 ms"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const TimingWaterfall w = timingWaterfall(c.timings);
+        ASSERT_EQ(w.segments.size(), 5u);
+        EXPECT_EQ(w.totalText, c.total);
+        const char* labels[] = {"Name lookup", "Connect", "TLS", "First byte", "Transfer"};
+        for (std::size_t i = 0; i < 5; ++i) {
+            const auto& s = w.segments[i];
+            EXPECT_EQ(s.label, labels[i]);
+            EXPECT_DOUBLE_EQ(s.offsetMs, c.segments[i].offset) << i;
+            EXPECT_DOUBLE_EQ(s.durationMs, c.segments[i].duration) << i;
+            EXPECT_NEAR(s.offsetFraction, c.segments[i].offsetFraction, 1e-12) << i;
+            EXPECT_NEAR(s.widthFraction, c.segments[i].widthFraction, 1e-12) << i;
+            EXPECT_LE(s.offsetFraction + s.widthFraction, 1 + 1e-12) << i;
+            EXPECT_EQ(s.durationText, c.segments[i].text) << i;
+        }
+    }
+    for (auto [bytes, text] : std::vector<std::pair<std::int64_t, std::string>>{
+             {0, "truncated: 0 bytes in all"},
+             {999, "truncated: 999 bytes in all"},
+             {1000, "truncated: 1,000 bytes in all"},
+             {1048577, "truncated: 1,048,577 bytes in all"},
+             {std::numeric_limits<std::int64_t>::min(),
+              "truncated: -9,223,372,036,854,775,808 bytes in all"}}) {
+        EXPECT_EQ(truncatedBodyText(bytes), text);
+    }
+}
+
 TEST(DetailSectionsTest, ImageBodiesGetAPreviewWhenTheyAreBase64) {
     auto response = [](std::string contentTypeKey, std::string type, std::string body) {
         RequestTypeRequest r{"n", "network", {}, test::at(5), test::at(5)};
@@ -188,8 +289,9 @@ TEST(DetailSectionsTest, ImageBodiesGetAPreviewWhenTheyAreBase64) {
     auto tail = [](const RequestEventType& item) {
         const auto sections = detailSections(item);
         const auto& e = sections.back().elements;
-        std::vector<std::string> out;  // after the headline, duration, date and the header
-        for (std::size_t i = 5; i < e.size(); ++i) out.push_back(e[i].label);
+        // After the headline, duration, date, timings and the header.
+        std::vector<std::string> out;
+        for (std::size_t i = 6; i < e.size(); ++i) out.push_back(e[i].label);
         return out;
     };
     using Labels = std::vector<std::string>;
@@ -202,7 +304,7 @@ TEST(DetailSectionsTest, ImageBodiesGetAPreviewWhenTheyAreBase64) {
     EXPECT_EQ(tail(response("Content-Type", "image/png", "not base64!")), (Labels{"Body"}));
     EXPECT_EQ(tail(response("content-type", "image/png", png)), (Labels{"Body"}));
     const auto sections = detailSections(response("Content-Type", "image/png", png));
-    EXPECT_EQ(sections.back().elements[6].text(), "\x89PNG\r\n\x1a\n");
+    EXPECT_EQ(sections.back().elements[7].text(), "\x89PNG\r\n\x1a\n");
 }
 
 TEST(DetailSectionsTest, HugeAndBrokenValuesAreShownInPart) {

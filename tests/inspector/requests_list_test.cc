@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unicode/timezone.h>
 
+#include <boost/json.hpp>
+#include <fstream>
 #include <random>
 #include <set>
 
@@ -11,6 +13,7 @@
 #include "kestro/core/local_time.h"
 #include "kestro/core/text_search.h"
 #include "kestro/inspector/request_row.h"
+#include "support/wait.h"
 
 namespace kestro {
 namespace {
@@ -208,6 +211,80 @@ TEST_F(RequestsListTest, DetailsOfADeletedItemStayOpenAndSayItIsGone) {
     EXPECT_EQ(list.details()->item().id(), "b") << "the details keep their copy";
     list.dismissDetails();
     EXPECT_EQ(list.details(), nullptr);
+}
+
+TEST_F(RequestsListTest, ExportHARWritesTheExchangesInViewAndCopyAsCurlTheRequest) {
+    store_->add(network("old", "https://api.test/users?page=1", "GET", 200));
+    store_->add(log("l", "users loaded"));
+    store_->add(network("new", "https://api.test/users/7", "DELETE", 204));
+    store_->add(network("other", "https://other.test/", "GET", 200));
+    RequestsListModel list(*store_, clipboard_, toasts_);
+    list.setSearchText("api.test");
+    // Written on a worker; the toast and the callback come on the main queue.
+    std::vector<std::optional<std::filesystem::path>> results;
+    const auto exportNow = [&](const std::filesystem::path& directory) {
+        const std::size_t before = results.size();
+        list.exportHAR(directory, [&](auto path) { results.push_back(std::move(path)); });
+        EXPECT_TRUE(MainQueue::shared().runUntil([&] { return results.size() > before; },
+                                                 std::chrono::seconds(30)));
+        EXPECT_FALSE(list.isExporting());
+        return results.size() > before ? results.back() : std::nullopt;
+    };
+    const auto path = exportNow(dir_);
+    ASSERT_TRUE(path);
+    EXPECT_EQ(path->parent_path(), dir_);
+    EXPECT_TRUE(path->filename().string().starts_with("kestro-"));
+    EXPECT_EQ(path->extension(), ".har");
+    ASSERT_TRUE(toasts_.currentToast());
+    EXPECT_EQ(*toasts_.currentToast(), "HAR saved to " + path->string());
+    // The rows in view, oldest first; logs are not exchanges.
+    std::ifstream in(*path);
+    const auto har = boost::json::parse(std::string(std::istreambuf_iterator<char>(in), {}));
+    std::vector<std::string> exported;
+    for (const auto& entry : har.at("log").at("entries").as_array()) {
+        exported.emplace_back(entry.at("_kestroId").as_string());
+    }
+    EXPECT_EQ(exported, (std::vector<std::string>{"old", "new"}));
+
+    // Nothing to export, and a directory that cannot take the file: the toast says so.
+    list.setSearchText("users loaded");
+    EXPECT_FALSE(exportNow(dir_));
+    EXPECT_EQ(*toasts_.currentToast(), "No exchanges in the list to export");
+    list.setSearchText("");
+    EXPECT_FALSE(exportNow(dir_ / "missing"));
+    EXPECT_EQ(*toasts_.currentToast(), "The HAR file could not be written");
+
+    // A list closed while its file is written: the file is made, no toast is left behind.
+    toasts_.show("before");
+    std::optional<std::filesystem::path> written;
+    bool finished = false;
+    {
+        RequestsListModel closing(*store_, clipboard_, toasts_);
+        closing.exportHAR(dir_, [&](auto path) {
+            written = std::move(path);
+            finished = true;
+        });
+        EXPECT_TRUE(closing.isExporting());
+        closing.exportHAR(dir_, [&](auto) { ADD_FAILURE() << "one export at a time"; });
+    }
+    ASSERT_TRUE(MainQueue::shared().runUntil([&] { return finished; }, std::chrono::seconds(30)));
+    ASSERT_TRUE(written);
+    EXPECT_TRUE(std::filesystem::exists(*written));
+    EXPECT_EQ(*toasts_.currentToast(), "before");
+
+    // Copy as cURL from the details of an exchange; a log has no request to repeat.
+    list.setSearchText("users/7");
+    list.select(0);
+    ASSERT_TRUE(list.details()->canCopyCurl());
+    list.details()->copyCurl();
+    EXPECT_EQ(clipboard_.string(), "curl -X 'DELETE' 'https://api.test/users/7'");
+    EXPECT_EQ(*toasts_.currentToast(), "Copied to clipboard");
+    list.setSearchText("users loaded");
+    list.select(0);
+    EXPECT_FALSE(list.details()->canCopyCurl());
+    const std::size_t copies = clipboard_.copies.size();
+    list.details()->copyCurl();
+    EXPECT_EQ(clipboard_.copies.size(), copies);
 }
 
 // Random adds, replacements and deletions, with and without a search: the index must always

@@ -132,6 +132,29 @@ TEST_F(SettingsFormTest, DeletingTheKeyGoesInItsOrderAndCancellingTouchesNothing
     EXPECT_FALSE(facade_->isConnectedToWs());
 }
 
+TEST_F(SettingsFormTest, RedactionSettingsStartFromTheFacadeAndApplyAtOnce) {
+    RedactionPolicy configured;
+    configured.jsonKeys = {"password"};
+    facade_->setRedactionPolicy(configured);
+    KestroSettingsForm form(services());
+    RedactionSettings& redaction = form.redaction();
+    EXPECT_EQ(redaction.policy(), configured);
+
+    redaction.draft(RedactionSettings::List::headers) = "X-Session";
+    ASSERT_TRUE(redaction.add(RedactionSettings::List::headers));
+    redaction.draft(RedactionSettings::List::notCaptured) = "*.ads.test";
+    ASSERT_TRUE(redaction.add(RedactionSettings::List::notCaptured));
+    redaction.remove(RedactionSettings::List::jsonKeys, 0);
+    RedactionPolicy expected = configured;
+    expected.headers.push_back("x-session");
+    expected.notCaptured = {"*.ads.test"};
+    expected.jsonKeys.clear();
+    EXPECT_EQ(facade_->redactionPolicy(), expected);
+    redaction.setEnabled(false);
+    EXPECT_FALSE(facade_->redactionPolicy().enabled);
+    EXPECT_EQ(facade_->redactionPolicy().headers, expected.headers);
+}
+
 TEST_F(SettingsFormTest, DeletingLogsEmptiesTheStoreAndTheCount) {
     store_->add(test::log("a", "one"));
     store_->add(test::event("b", "two"));

@@ -109,6 +109,9 @@ TEST_F(NetworkInterceptorTest, ReportsStartAndResponseUnderOneIdAndForwardsAClea
     EXPECT_EQ(done.response->body, R"({"id":7})");  // a JSON type is reported as text
     EXPECT_EQ(done.response->headers.at("Content-Type"), "Application/JSON; charset=utf-8");
     EXPECT_TRUE(done.response->receivedAt);
+    // A real exchange carries its phases; the wait for the answer is among them.
+    ASSERT_TRUE(done.response->timings);
+    EXPECT_GE(done.response->timings->firstByte, 0);
 
     // Only the application's own fields reached the server: properties never go on the wire.
     ASSERT_EQ(server.requestCount(), 1u);
@@ -302,6 +305,7 @@ TEST_F(NetworkInterceptorTest, MockRulesAnswerWithoutTheNetwork) {
     EXPECT_EQ(done.response->headers.at("Kestro-Intercepted"), "true");
     EXPECT_EQ(done.response->headers.at("X-Mock"), "yes");
     EXPECT_EQ(done.response->body, R"({"error":"gone"})");
+    EXPECT_FALSE(done.response->timings);  // nothing was measured
     EXPECT_NE(console.text().find("customStatusCode:: 404\n"), std::string::npos);
     EXPECT_NE(console.text().find("⚡ Should mock: true GET:" + server.url("/users/42") +
                                   "  hasSkip: -404"),

@@ -294,7 +294,8 @@ TEST(RequestStoreSharedTest, OneStoreInTheDataDirectoryCreatedOnceAcrossThreads)
     RequestStoreSQLite& shared = RequestStoreSQLite::shared();
     EXPECT_EQ(shared.databasePath(), home.path() / "data" / "requests.sqlite");
     EXPECT_TRUE(shared.isOpen());
-    shared.add(logRecord("shared", 1));
+    // Dated now: the shared store starts with the default limits, and 1970 is past 14 days.
+    shared.add(logRecord("shared", secondsSince1970(std::chrono::system_clock::now())));
     EXPECT_EQ(shared.getById("shared")->id(), "shared");
     EXPECT_TRUE(std::filesystem::exists(shared.databasePath()));
     shared.deleteAll();

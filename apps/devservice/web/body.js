@@ -1,6 +1,7 @@
 // How a captured body is carried, and what it is. The SDK sends a request body as its UTF-8
-// text (empty when it was not UTF-8); a response body as text when its content type is textual
-// (JSON, XML, SVG, text/…), else as standard base64 of its bytes. A response answered by a mock
+// text (base64 when it was cut at capture and its type is not textual); a response body as text
+// when its content type is textual (JSON, XML, SVG, text/…), else as standard base64 of its
+// bytes. A response answered by a mock
 // rule carries the rule's body as text whatever its type; the service marks such a response with
 // the header "Kestro-Intercepted: true".
 
@@ -19,12 +20,14 @@ export function isTextType(contentType) {
         .some((kind) => lower.includes(kind));
 }
 
-// {encoding: "text" | "base64", contentType, mocked}
+// {encoding: "text" | "base64", contentType, mocked}. A request body is text, except one cut at
+// capture (its half has "bodyTotalBytes") whose content type is not textual: that is the base64
+// of its first bytes.
 export function bodyEncoding(half, isResponse) {
     const contentType = header(half?.headers, "Content-Type") ?? "";
     const mocked = isResponse && header(half?.headers, "Kestro-Intercepted") === "true";
-    const encoding = isResponse && !mocked && !isTextType(contentType) ? "base64" : "text";
-    return { encoding, contentType, mocked };
+    const binary = !isTextType(contentType) && (isResponse ? !mocked : typeof half?.bodyTotalBytes === "number");
+    return { encoding: binary ? "base64" : "text", contentType, mocked };
 }
 
 export function utf8Size(text) {

@@ -7,6 +7,7 @@ import { base64ToBytes, bodyEncoding, looksLikeJSON } from "./body.js";
 import { curlCommand } from "./export.js";
 import { JsonTree } from "./json_tree.js";
 import { dateTime, duration, el, fromTemplate, size } from "./format.js";
+import { truncatedText, waterfall } from "./timings.js";
 
 // Texts are read up to 1 Mi characters (so that a JSON body up to that size becomes a tree) and
 // shown from their first 64 Ki characters: laying out a megabyte of wrapped text takes the page's
@@ -183,10 +184,40 @@ export class DetailScreen {
             more.append(el("p", "waiting-note", "Waiting for the response… It appears here when it arrives."));
         } else {
             const more = this.section(body, "Response");
+            this.timings(more, response.timings);
             this.headers(more, response.headers);
             this.body(more, response, true, item);
         }
         this.rawRecord(body, item);
+    }
+
+    // The phases on one axis: a row per phase with its bar placed by its offset and share of the
+    // whole, and the total under them.
+    timings(parent, timings) {
+        const phases = waterfall(timings);
+        const box = el("div", "timings");
+        box.append(el("h5", "", "Timings"));
+        if (!phases) {
+            box.append(el("p", "no-timings", "no timings"));
+            parent.append(box);
+            return;
+        }
+        const rows = el("div", "waterfall");
+        for (const segment of phases.segments) {
+            const row = el("div", "phase");
+            row.dataset.phase = segment.key;
+            const track = el("span", "track");
+            if (segment.duration > 0 && phases.total > 0) {
+                const bar = el("span", `bar bar-${segment.key}`);
+                bar.style.left = `${(100 * segment.offset) / phases.total}%`;
+                bar.style.width = `${(100 * segment.duration) / phases.total}%`;
+                track.append(bar);
+            }
+            row.append(el("span", "phase-label", segment.label), track, el("span", "phase-ms", `${segment.duration.toFixed(2)} ms`));
+            rows.append(row);
+        }
+        box.append(rows, el("p", "phase-total", `Total ${phases.total.toFixed(2)} ms`));
+        parent.append(box);
     }
 
     actionButton(label, action, name) {
@@ -206,6 +237,10 @@ export class DetailScreen {
         const which = isResponse ? "response" : "request";
         const cut = item._cut?.[which] ?? { length: text.length, size: text.length, shown: text.length };
         const { encoding, contentType } = bodyEncoding(half, isResponse);
+        // Cut where it was captured: said before the body, or where it would be when nothing of
+        // it was kept.
+        const truncated = truncatedText(half);
+        if (truncated) parent.append(el("p", "truncated", truncated));
         if (!cut.length) {
             parent.append(el("p", "no-body", "No body"));
             return;
@@ -334,12 +369,11 @@ function title(row) {
     return `${row.method ?? ""} ${status ?? ""} · ${shortURL(row.url)}`;
 }
 
+// The path and query as captured: a URL parser would percent-encode what a redacted query item
+// holds ("<redacted>" would read "%3Credacted%3E").
 function shortURL(url) {
-    try {
-        const u = new URL(url);
-        return `${u.pathname}${u.search}`;
-    } catch {
-        return url ?? "";
-    }
+    const text = url ?? "";
+    const origin = /^[a-z][a-z0-9+.-]*:\/\/[^/?#]*/i.exec(text);
+    return origin ? text.slice(origin[0].length) || "/" : text;
 }
 

@@ -15,7 +15,17 @@ constexpr const char* kRequestsPath = "/v1/requests";
 
 CapturePipeline::CapturePipeline(Dependencies deps) : deps_(std::move(deps)) {}
 
-RequestTypeRequest CapturePipeline::networkRecord(const InterceptedRequestWrapper& wrapper) {
+std::optional<RequestTypeRequest> CapturePipeline::networkRecord(
+    const InterceptedRequestWrapper& wrapper, const Redactor& redactor) {
+    // The URL the policy's globs are matched against; a response report repeats its request's.
+    std::string_view exchangeURL;
+    if (wrapper.request && wrapper.request->request && wrapper.request->request->url) {
+        exchangeURL = *wrapper.request->request->url;
+    } else if (wrapper.response && wrapper.response->url) {
+        exchangeURL = *wrapper.response->url;
+    }
+    if (!redactor.captures(exchangeURL)) return std::nullopt;
+
     const TimePoint now = std::chrono::system_clock::now();
     RequestTypeRequest record;
     record.id = wrapper.requestId ? wrapper.requestId->string() : std::string();
@@ -25,21 +35,49 @@ RequestTypeRequest CapturePipeline::networkRecord(const InterceptedRequestWrappe
     if (wrapper.request) {
         const auto& copy = wrapper.request->request;
         RequestTypeRequestDetailsRequest half;
-        half.url = copy && copy->url ? *copy->url : "Unknown";
+        half.url = copy && copy->url ? redactor.redactURL(*copy->url) : "Unknown";
         half.method = copy && copy->method ? *copy->method : "Unknown";
         half.headers = copy ? copy->headers : TextMap{};
-        // The body as text; bytes that are not UTF-8 are not shown at all.
-        half.body = copy && copy->body && isValidUTF8(*copy->body) ? *copy->body : "";
+        redactor.redactHeaders(half.headers);
+        if (copy && copy->body) {
+            // The body as text; bytes that are not UTF-8 are not shown at all. A cut body ends
+            // at the last whole character.
+            std::string_view text = *copy->body;
+            if (copy->bodyTotalBytes) text = withoutCutSequence(text);
+            half.body =
+                isValidUTF8(text) ? redactor.redactBody(std::string(text), exchangeURL) : "";
+            half.bodyTotalBytes = copy->bodyTotalBytes;
+        }
         half.startedAt = wrapper.request->startedAt.value_or(now);
         record.details.request = std::move(half);
     }
     if (wrapper.response) {
         const auto& r = *wrapper.response;
-        record.details.response = RequestTypeRequestDetailsResponse{
-            r.statusCode, r.headers, r.receivedAt.value_or(now), r.body};
+        RequestTypeRequestDetailsResponse half{r.statusCode, r.headers, r.receivedAt.value_or(now),
+                                               redactor.redactBody(r.body, exchangeURL)};
+        half.bodyTotalBytes = r.bodyTotalBytes;
+        redactor.redactHeaders(half.headers);
+        if (const auto& t = r.timings) {
+            half.timings = RequestTypeRequestTimings{t->nameLookup, t->connect, t->tls,
+                                                     t->firstByte, t->transfer};
+        }
+        record.details.response = std::move(half);
     }
     repairUTF8(record);  // header fields may carry any bytes
     return record;
+}
+
+void CapturePipeline::setRedactionPolicy(RedactionPolicy policy) {
+    auto next = std::make_shared<const Redactor>(std::move(policy));
+    std::lock_guard lock(redactorMutex_);
+    redactor_ = std::move(next);
+}
+
+RedactionPolicy CapturePipeline::redactionPolicy() const { return redactor()->policy(); }
+
+std::shared_ptr<const Redactor> CapturePipeline::redactor() const {
+    std::lock_guard lock(redactorMutex_);
+    return redactor_;
 }
 
 void CapturePipeline::upload(const RequestEventType& record) const {
@@ -51,7 +89,9 @@ void CapturePipeline::upload(const RequestEventType& record) const {
 }
 
 void CapturePipeline::handleNetworkReport(const InterceptedRequestWrapper& wrapper) const {
-    RequestTypeRequest record = networkRecord(wrapper);
+    std::optional<RequestTypeRequest> made = networkRecord(wrapper, *redactor());
+    if (!made) return;  // not captured: no record, no upload, nothing stored
+    RequestTypeRequest& record = *made;
     const std::string method = record.details.request ? record.details.request->method : "";
     const std::string url = record.details.request ? record.details.request->url : "";
     printI("✉️ SEND_REQ_TO_SERVER " + method + ":" + url +

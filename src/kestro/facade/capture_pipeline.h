@@ -2,9 +2,11 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "kestro/core/export.h"
+#include "kestro/core/redaction.h"
 #include "kestro/network/intercepted.h"
 #include "kestro/records/records.h"
 
@@ -15,9 +17,11 @@ class RequestStoreSQLite;
 /// Where every captured item goes: it becomes a record, is uploaded to the service with the
 /// device dictionary under "device", and is stored on the device.
 ///
-/// - A network report (start or response of one request) becomes a `RequestTypeRequest`; the
-///   second report of a request replaces the stored item but keeps the request half that was
-///   stored first. An id already used by a log line or an event is uploaded, not stored.
+/// - A network report (start or response of one request) becomes a `RequestTypeRequest`,
+///   redacted by the policy in force when the report arrives: an exchange the policy does not
+///   capture makes no record at all. The second report of a request replaces the stored item
+///   but keeps the request half that was stored first. An id already used by a log line or an
+///   event is uploaded, not stored.
 /// - A log record is uploaded and added as it is.
 /// - A custom event becomes a `RequestTypeEvent` with a new id.
 ///
@@ -48,12 +52,23 @@ class KESTRO_API CapturePipeline {
     RequestTypeEvent logEvent(const std::string& name, const std::string& category,
                               const JSONDictionary& payload) const;
 
-    /// The record a network report becomes (without touching the store).
-    static RequestTypeRequest networkRecord(const InterceptedRequestWrapper& wrapper);
+    /// The redaction policy applied to network reports from now on (the default policy until
+    /// set). Any thread; each report reads the policy once.
+    void setRedactionPolicy(RedactionPolicy policy);
+    RedactionPolicy redactionPolicy() const;
+
+    /// The record a network report becomes under `redactor` (without touching the store), or
+    /// nothing when the redactor does not capture the exchange.
+    static std::optional<RequestTypeRequest> networkRecord(const InterceptedRequestWrapper& wrapper,
+                                                           const Redactor& redactor);
 
   private:
     void upload(const RequestEventType& record) const;
+    std::shared_ptr<const Redactor> redactor() const;
     Dependencies deps_;
+    // The policy is swapped whole; a report holds the snapshot it took for as long as it needs.
+    mutable std::mutex redactorMutex_;
+    std::shared_ptr<const Redactor> redactor_ = std::make_shared<const Redactor>();
 };
 
 }  // namespace kestro

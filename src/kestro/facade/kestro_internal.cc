@@ -288,14 +288,52 @@ KestroConfig KestroInternal::getConfig() const {
     return impl_->config;
 }
 
+void KestroInternal::setStoreRetention(StoreRetention retention) {
+    {
+        std::lock_guard lock(impl_->mutex);
+        impl_->config.retention = retention;
+    }
+    RequestStoreSQLite::shared().setRetention(retention);
+}
+
+StoreRetention KestroInternal::storeRetention() const {
+    return RequestStoreSQLite::shared().retention();
+}
+
 void KestroInternal::setConfig(const KestroConfig& config) {
     {
         std::lock_guard lock(impl_->mutex);
         impl_->config = config;
         impl_->state(RequestType::event).setEnabled(config.events);
     }
+    impl_->pipeline->setRedactionPolicy(config.redaction);
+    impl_->networkInterceptor.setMaxBodyBytes(config.maxBodyBytes);
     // Only the process-wide facade owns the console threshold.
     if (this == &Kestro()) setConsoleLevel(config.logLevel);
+}
+
+void KestroInternal::setRedactionPolicy(RedactionPolicy policy) {
+    {
+        std::lock_guard lock(impl_->mutex);
+        impl_->config.redaction = policy;
+    }
+    impl_->pipeline->setRedactionPolicy(std::move(policy));
+}
+
+RedactionPolicy KestroInternal::redactionPolicy() const {
+    return impl_->pipeline->redactionPolicy();
+}
+
+void KestroInternal::setMaxBodyBytes(std::int64_t maxBodyBytes) {
+    {
+        std::lock_guard lock(impl_->mutex);
+        impl_->config.maxBodyBytes = maxBodyBytes;
+    }
+    impl_->networkInterceptor.setMaxBodyBytes(maxBodyBytes);
+}
+
+std::int64_t KestroInternal::maxBodyBytes() const {
+    return impl_->networkInterceptor.maxBodyBytes();
 }
 
 bool KestroInternal::isEnabled() const {
@@ -396,6 +434,7 @@ void KestroInternal::initialize(std::string_view apiKey, const KestroConfig& con
         }
     }
     setConfig(config);
+    setStoreRetention(config.retention);
     printI(LogLevel::verbose, "🐶 Kestro setup: " + std::string(apiKey) + " endpoint: " + endpoint +
                                   " deviceUUID: " + uuid);
     if (warnNoService) {

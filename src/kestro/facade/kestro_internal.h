@@ -92,9 +92,25 @@ class KESTRO_API KestroInternal {
 
     /// The current configuration (a copy).
     KestroConfig getConfig() const;
-    /// Stores a configuration and makes its logLevel the console threshold. Capture switches
-    /// are applied by the callers (initialize, stop); this only records the value.
+    /// Stores a configuration and makes its logLevel the console threshold; its redaction
+    /// policy and body limit apply to records made from then on. Capture switches are applied
+    /// by the callers (initialize, stop).
     void setConfig(const KestroConfig& config);
+
+    /// The redaction policy applied where network records are made (stored in the
+    /// configuration too). Any thread; records made after the call follow the new policy.
+    /// `setRedactionPolicy(RedactionPolicy::off())` turns redaction off for a debugging session.
+    void setRedactionPolicy(RedactionPolicy policy);
+    RedactionPolicy redactionPolicy() const;
+    /// The size above which a captured body is cut in its record (0 or less: never). Any
+    /// thread; applies to requests started after the call.
+    void setMaxBodyBytes(std::int64_t maxBodyBytes);
+    std::int64_t maxBodyBytes() const;
+    /// The on-device store's limits (items, age, bytes on disk; 0 turns one off). Applied to
+    /// the store at once: a store past a limit is trimmed, oldest first, on a worker of the
+    /// global executor. initialize applies config.retention. Any thread.
+    void setStoreRetention(StoreRetention retention);
+    StoreRetention storeRetention() const;
 
     /// logs or network is on in the current configuration.
     bool isEnabled() const;

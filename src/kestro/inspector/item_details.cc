@@ -8,6 +8,7 @@
 
 #include "kestro/core/local_time.h"
 #include "kestro/core/utf8.h"
+#include "kestro/export/curl.h"
 #include "kestro/inspector/json_text.h"
 #include "kestro/network/body_text.h"
 
@@ -42,6 +43,13 @@ void addHeaders(const TextMap& headers, std::vector<DetailElement>& out) {
     }
 }
 
+// Said before the body (or where it would be, when nothing of it was kept).
+void addTruncation(const std::optional<std::int64_t>& totalBytes, std::vector<DetailElement>& out) {
+    if (totalBytes) {
+        out.push_back(element(DetailElement::Kind::notice, "Body", truncatedBodyText(*totalBytes)));
+    }
+}
+
 DetailSection requestSection(const RequestTypeRequestDetailsRequest& r) {
     DetailSection s{.framed = true};
     auto& e = s.elements;
@@ -51,6 +59,7 @@ DetailSection requestSection(const RequestTypeRequestDetailsRequest& r) {
     e.push_back(element(DetailElement::Kind::copyable, "Size", sizeText(r.body)));
     e.push_back(element(DetailElement::Kind::copyable, "Started At", detailDateText(r.startedAt)));
     addHeaders(r.headers, e);
+    addTruncation(r.bodyTotalBytes, e);
     if (!r.body.empty()) {
         e.push_back(element(
             isJSON(r.body, &r.headers) ? DetailElement::Kind::json : DetailElement::Kind::copyable,
@@ -70,7 +79,13 @@ DetailSection responseSection(const RequestTypeRequestDetailsResponse& r, TimePo
         element(DetailElement::Kind::copyable, "Duration", durationText(startedAt, r.receivedAt)));
     e.push_back(
         element(DetailElement::Kind::copyable, "Received At", detailDateText(r.receivedAt)));
+    auto timings = element(DetailElement::Kind::timings, "Timings", r.timings ? "" : "no timings");
+    if (r.timings) {
+        timings.waterfall = std::make_shared<const TimingWaterfall>(timingWaterfall(*r.timings));
+    }
+    e.push_back(std::move(timings));
     addHeaders(r.headers, e);
+    addTruncation(r.bodyTotalBytes, e);
     if (r.body.empty()) return s;
     if (isJSON(r.body, &r.headers)) {
         e.push_back(element(DetailElement::Kind::json, "Body", r.body));
@@ -211,6 +226,17 @@ void ItemDetailsModel::copyValue(const DetailElement& element) {
 void ItemDetailsModel::copyJSON(const DetailElement& element) {
     clipboard_.setString(element.jsonText());
     toasts_.show("JSON copied to clipboard");
+}
+
+bool ItemDetailsModel::canCopyCurl() const {
+    const auto* exchange = item_.asNetworkRequest();
+    return exchange && exchange->details.request;
+}
+
+void ItemDetailsModel::copyCurl() {
+    if (!canCopyCurl()) return;
+    clipboard_.setString(curlCommand(*item_.asNetworkRequest()));
+    toasts_.show("Copied to clipboard");
 }
 
 }  // namespace kestro

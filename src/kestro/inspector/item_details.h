@@ -9,6 +9,7 @@
 #include "kestro/core/export.h"
 #include "kestro/inspector/clipboard.h"
 #include "kestro/inspector/color.h"
+#include "kestro/inspector/timing_waterfall.h"
 #include "kestro/inspector/toast_manager.h"
 #include "kestro/records/records.h"
 
@@ -38,6 +39,9 @@ struct DetailElement {
         copyable,     // a labelled value (secondary caption label), tap to copy
         json,         // a JSON section: title, "Copy" button and the JSON shown in the viewer
         image,        // image preview: the decoded bytes
+        notice,       // a remark about what follows, in orange: a body cut at capture
+        timings,      // "Timings" (subheadline) over the phase waterfall, or beside "no timings"
+                      // (value)
     };
     Kind kind = Kind::row;
     std::string label;
@@ -51,6 +55,8 @@ struct DetailElement {
     /// headline "Response": the status code and its colour (green below 400, red from 400).
     std::optional<std::int64_t> statusCode;
     Color statusColor;
+    /// timings: the waterfall, absent for a mocked answer or one whose phases are unknown.
+    std::shared_ptr<const TimingWaterfall> waterfall;
 
     const std::string& text() const;
     /// What the JSON section's "Copy" puts on the clipboard: the indented payload, else text().
@@ -87,6 +93,11 @@ class KESTRO_API ItemDetailsModel {
     void copyValue(const DetailElement& element);
     /// The "Copy" button of a JSON section: "JSON copied to clipboard".
     void copyJSON(const DetailElement& element);
+    /// Whether the item is an exchange with a request to repeat.
+    bool canCopyCurl() const;
+    /// "Copy as cURL": a shell command that repeats the request goes to the clipboard, and
+    /// "Copied to clipboard" shows.
+    void copyCurl();
 
   private:
     RequestEventType item_;

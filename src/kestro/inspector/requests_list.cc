@@ -2,7 +2,10 @@
 
 #include <algorithm>
 
+#include "kestro/core/executor.h"
+#include "kestro/core/main_queue.h"
 #include "kestro/core/text_search.h"
+#include "kestro/export/har.h"
 
 namespace kestro {
 
@@ -174,6 +177,39 @@ std::vector<RequestEventType> RequestsListModel::filtered() const {
     out.reserve(rowCount());
     for (std::size_t row = 0; row < rowCount(); ++row) out.push_back(item(row));
     return out;
+}
+
+void RequestsListModel::exportHAR(const std::filesystem::path& directory, ExportDone done) {
+    if (exporting_) return;
+    // Indexes into the snapshot, oldest first; the worker copies the exchanges out of it.
+    const RequestList snapshot = index_.list();
+    std::vector<std::uint32_t> picked;
+    updateRows();
+    for (std::size_t row = rowCount(); row-- > 0;) {
+        const std::uint32_t at = filtering_ ? rows_[row] : static_cast<std::uint32_t>(row);
+        if (snapshot[at].asNetworkRequest()) picked.push_back(at);
+    }
+    if (picked.empty()) {
+        toasts_.show("No exchanges in the list to export");
+        if (done) done(std::nullopt);
+        return;
+    }
+    exporting_ = true;
+    postTask([this, alive = std::weak_ptr<char>(alive_), snapshot, picked = std::move(picked),
+              directory, done = std::move(done)]() mutable {
+        std::vector<RequestTypeRequest> exchanges;
+        exchanges.reserve(picked.size());
+        for (const std::uint32_t at : picked) exchanges.push_back(*snapshot[at].asNetworkRequest());
+        auto path = writeHARFile(exchanges, directory);
+        MainQueue::shared().post([this, alive, path = std::move(path), done = std::move(done)] {
+            if (!alive.expired()) {
+                exporting_ = false;
+                toasts_.show(path ? "HAR saved to " + path->string()
+                                  : std::string("The HAR file could not be written"));
+            }
+            if (done) done(path);
+        });
+    });
 }
 
 void RequestsListModel::deleteItem(const std::string& id) { store_.deleteById(id); }

@@ -1,11 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "kestro/core/data_directory.h"
 #include "kestro/core/export.h"
 #include "kestro/inspector/clipboard.h"
 #include "kestro/inspector/item_details.h"
@@ -82,6 +85,17 @@ class KESTRO_API RequestsListModel {
     /// The store's item count (all items, whatever the search).
     std::size_t totalCount() const { return index_.size(); }
 
+    using ExportDone = std::function<void(std::optional<std::filesystem::path>)>;
+    /// "Export HAR": the exchanges among the rows shown (oldest first, as a HAR's entries run)
+    /// written as a new HAR file in directory. The file is made on a worker of the global
+    /// executor, from the list's snapshot (thousands of exchanges take too long for a frame);
+    /// then, on the main queue, a toast gives the file's path or says it could not be written
+    /// (unless the list is gone by then), and done (if any) gets the path. With no exchange in
+    /// view the toast says so at once.
+    /// One export at a time: a call while one is under way does nothing.
+    void exportHAR(const std::filesystem::path& directory = dataDirectory(), ExportDone done = {});
+    bool isExporting() const { return exporting_; }
+
     /// Deletes the item with this id from the store; its row goes once the store says so.
     void deleteItem(const std::string& id);
 
@@ -116,7 +130,9 @@ class KESTRO_API RequestsListModel {
     std::unique_ptr<ItemDetailsModel> details_;
     bool selectedListed_ = false;
     std::uint64_t revision_ = 0;
+    bool exporting_ = false;
     RequestsSubscription subscription_;
+    std::shared_ptr<char> alive_ = std::make_shared<char>();  // held weakly by queued work
 };
 
 }  // namespace kestro

@@ -27,7 +27,10 @@ KestroSettingsForm::KestroSettingsForm(InspectorServices services)
       isSDKEnabled_(services_.facade.isEnabled()),
       isLoggingEnabled_(services_.facade.getConfig().logs),
       isNetworkRequestsEnabled_(services_.facade.getConfig().network),
-      isCustomEventsEnabled_(services_.facade.getConfig().events) {
+      isCustomEventsEnabled_(services_.facade.getConfig().events),
+      redaction_(services_.facade.redactionPolicy(), [this](const RedactionPolicy& policy) {
+          services_.facade.setRedactionPolicy(policy);
+      }) {
     connectionObserver_ = services_.notifications.addObserver(
         kWebsocketConnectionChange, [this](const Notification& n) { onConnectionChange(n); });
 }

@@ -5,6 +5,7 @@
 
 #include "kestro/core/export.h"
 #include "kestro/inspector/inspector_services.h"
+#include "kestro/inspector/redaction_settings.h"
 #include "kestro/inspector/requests_list.h"
 
 namespace kestro {
@@ -32,6 +33,12 @@ inline constexpr const char* kDeleteAPIKeyMessage =
     "This will remove your API key and you'll need to set up Kestro again. Are you sure?";
 inline constexpr const char* kDeleteLogsTitle = "Delete Logs?";
 inline constexpr const char* kDeleteLogsMessage = "This will delete all your logs. Are you sure?";
+inline constexpr const char* kRedaction = "Redaction";
+inline constexpr const char* kRedactSecrets = "Redact secrets";
+inline constexpr const char* kRedactionNote =
+    "Values of the headers, query items and JSON keys listed below are stored and sent as "
+    "\"<redacted>\"; exchanges with hosts or paths listed last are not captured at all. "
+    "Changes apply to what is captured from now on.";
 inline constexpr const char* kDelete = "Delete";
 inline constexpr const char* kCancel = "Cancel";
 }  // namespace settings_text
@@ -94,6 +101,10 @@ class KESTRO_API KestroSettingsForm {
     void confirmDeleteLogs();
     void cancelDeleteLogs() { showDeleteConfirmationForLogs_ = false; }
 
+    /// The redaction switch and lists, read from the facade when the form is made; each change
+    /// goes to the facade's setRedactionPolicy at once.
+    RedactionSettings& redaction() { return redaction_; }
+
     const InspectorServices& services() const { return services_; }
 
   private:
@@ -110,6 +121,7 @@ class KESTRO_API KestroSettingsForm {
     bool showDeleteConfirmation_ = false;
     bool showDeleteConfirmationForLogs_ = false;
     std::unique_ptr<RequestsListModel> logsList_;
+    RedactionSettings redaction_;
     ObserverToken connectionObserver_;
     std::shared_ptr<char> alive_ = std::make_shared<char>();  // held weakly by queued work
 };

@@ -24,6 +24,30 @@ std::string capturedBodyText(std::string_view bytes, std::string_view contentTyp
     return std::string(bytes);
 }
 
+std::string_view withoutCutSequence(std::string_view bytes) {
+    // Back over at most three continuation bytes to the sequence's lead byte.
+    std::size_t lead = bytes.size();
+    while (lead > 0 && bytes.size() - lead < 4 &&
+           (static_cast<unsigned char>(bytes[lead - 1]) & 0xC0) == 0x80)
+        --lead;
+    if (lead == 0) return bytes;
+    const auto b = static_cast<unsigned char>(bytes[lead - 1]);
+    const std::size_t length = b >= 0xF0 ? 4 : b >= 0xE0 ? 3 : b >= 0xC0 ? 2 : 1;
+    return lead - 1 + length > bytes.size() ? bytes.substr(0, lead - 1) : bytes;
+}
+
+CapturedBody capturedBody(std::string_view kept, std::int64_t totalBytes,
+                          std::string_view contentType, std::int64_t maxBytes) {
+    const bool cut = maxBytes > 0 && totalBytes > maxBytes;
+    if (!cut) return {capturedBodyText(kept, contentType), std::nullopt};
+    std::string_view head = kept.substr(0, static_cast<std::size_t>(maxBytes));
+    std::string lower(contentType);
+    std::transform(lower.begin(), lower.end(), lower.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    if (isTextRequest(lower)) head = withoutCutSequence(head);
+    return {capturedBodyText(head, lower), totalBytes};
+}
+
 std::string base64Encode(std::string_view bytes) {
     static constexpr char kAlphabet[] =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";

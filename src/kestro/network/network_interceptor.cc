@@ -4,6 +4,7 @@
 #include <mutex>
 #include <optional>
 
+#include "kestro/core/capture_policy.h"
 #include "kestro/core/console.h"
 #include "kestro/core/handler_slot.h"
 #include "kestro/core/uuid.h"
@@ -49,6 +50,7 @@ struct NetworkInterceptor::State : std::enable_shared_from_this<NetworkIntercept
         std::chrono::duration_cast<std::chrono::steady_clock::duration>(kBreakpointTimeout)
             .count()};
     std::atomic<bool> intercepting{false};
+    std::atomic<std::int64_t> maxBodyBytes{kDefaultMaxBodyBytes};
     std::shared_ptr<const URLProtocolClass> protocolClass;
     // The private session of real loads: it consults no handler classes, so a forwarded copy
     // is never offered to the interceptor again. It sets no limit of its own: the forwarded
@@ -144,6 +146,11 @@ std::pair<std::optional<MockCacheEntry>, bool> NetworkInterceptor::shouldBeMocke
 
 MockCache& NetworkInterceptor::mockCache() { return *state_->mockCache; }
 
+void NetworkInterceptor::setMaxBodyBytes(std::int64_t maxBodyBytes) {
+    state_->maxBodyBytes.store(maxBodyBytes);
+}
+std::int64_t NetworkInterceptor::maxBodyBytes() const { return state_->maxBodyBytes.load(); }
+
 void NetworkInterceptor::setBreakpointTimeout(std::chrono::steady_clock::duration timeout) {
     state_->breakpointTimeout.store(timeout.count());
 }
@@ -165,6 +172,13 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
     std::shared_ptr<URLProtocol> handler;
     URLRequest copy;
     UUID requestId;
+    // The URL the start report gave, repeated in the response report; and the capture limit,
+    // read once when the request starts.
+    std::optional<std::string> reportedURL;
+    std::int64_t maxBodyBytes = 0;
+    // The answer's first bytes as far as the capture keeps them, and its size so far.
+    std::string capturedHead;
+    std::int64_t bodyBytes = 0;
 
     std::mutex mutex;
     bool stopped = false;
@@ -205,7 +219,18 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
         URLProtocol::setProperty(requestId.string(), kRequestIdProperty, copy);
 
         InterceptedRequestWrapper started;
-        InterceptedRequest::Copy reported{copy.url, copy.httpMethod, {}, copy.httpBody};
+        maxBodyBytes = state->maxBodyBytes.load();
+        reportedURL = copy.url;
+        InterceptedRequest::Copy reported{copy.url, copy.httpMethod, {}, std::nullopt};
+        if (const auto& body = copy.httpBody) {
+            // Only the first bytes of a body past the limit are copied into the report.
+            if (maxBodyBytes > 0 && std::ssize(*body) > maxBodyBytes) {
+                reported.body = body->substr(0, static_cast<std::size_t>(maxBodyBytes));
+                reported.bodyTotalBytes = std::ssize(*body);
+            } else {
+                reported.body = body;
+            }
+        }
         reported.headers = NetworkInterceptorRequest::headersToMap(copy.allHTTPHeaderFields);
         started.request = InterceptedRequest{std::move(reported), std::chrono::system_clock::now()};
         started.requestId = requestId;
@@ -285,7 +310,11 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
                          : std::next(it);
             }
             reportedHeaders["Kestro-Intercepted"] = "true";
-            reportResponse(status, std::move(reportedHeaders), body);
+            // The rule's body is text; past the limit it is cut as text is.
+            const bool cut = maxBodyBytes > 0 && std::ssize(body) > maxBodyBytes;
+            reportResponse(status, std::move(reportedHeaders),
+                           cut ? capturedBody(body, std::ssize(body), "text/plain", maxBodyBytes)
+                               : CapturedBody{body, std::nullopt});
         }
         client->didFinishLoading(*handler);
         ended();
@@ -317,11 +346,15 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
 
     // The completion report of this request, under the id of its start report.
     void reportResponse(std::int64_t statusCode, std::map<std::string, std::string> headers,
-                        std::string body) {
+                        CapturedBody body,
+                        std::optional<URLSessionTaskMetrics> timings = std::nullopt) {
         InterceptedResponse reported;
+        reported.timings = timings;
         reported.statusCode = statusCode;
         reported.headers = std::move(headers);
-        reported.body = std::move(body);
+        reported.body = std::move(body.text);
+        reported.bodyTotalBytes = body.totalBytes;
+        reported.url = reportedURL;
         reported.receivedAt = std::chrono::system_clock::now();
         InterceptedRequestWrapper wrapper;
         wrapper.response = std::move(reported);
@@ -336,15 +369,22 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
         state->report(wrapper);
     }
 
+    // The private load hands the answer on as it arrives: the application's task gets every
+    // byte at once, and the capture keeps only the first maxBodyBytes and counts the rest, so
+    // a body of any size passes through in bounded memory.
     void load() {
         auto self = shared_from_this();
-        auto newTask = state->privateSession->dataTask(
-            copy, [self](std::optional<std::string> data, std::optional<HTTPURLResponse> response,
-                         std::optional<URLError> error) {
-                self->completed(std::move(data), std::move(response), std::move(error));
+        URLSessionStreamHandlers handlers;
+        handlers.response = [self](const HTTPURLResponse& head) { self->receivedHead(head); };
+        handlers.data = [self](std::string_view bytes) { self->receivedBytes(bytes); };
+        auto newTask = state->privateSession->streamingTask(
+            copy, std::move(handlers),
+            [self](std::optional<std::string>, std::optional<HTTPURLResponse> response,
+                   std::optional<URLError> error) {
+                self->completed(std::move(response), std::move(error));
             });
-        // The application's request is answered only when the private load is complete: the
-        // bytes the load receives meanwhile keep the request's idle time-out from firing.
+        // The bytes the load receives keep the application's request from its idle time-out,
+        // also while they wait for the application to take them.
         network::internal::relayActivity(*newTask, *client);
         {
             std::lock_guard lock(mutex);
@@ -354,8 +394,25 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
         newTask->resume();
     }
 
-    void completed(std::optional<std::string> data, std::optional<HTTPURLResponse> response,
-                   std::optional<URLError> error) {
+    // The private load's handlers run one at a time, so what they keep needs no lock.
+    void receivedHead(const HTTPURLResponse& head) {
+        if (auto handler = current()) {
+            client->didReceiveResponse(*handler, head, URLCacheStoragePolicy::notAllowed);
+        }
+    }
+    void receivedBytes(std::string_view bytes) {
+        auto handler = current();
+        if (!handler) return;
+        const auto room = maxBodyBytes > 0 ? static_cast<std::size_t>(maxBodyBytes) -
+                                                 std::min(capturedHead.size(),
+                                                          static_cast<std::size_t>(maxBodyBytes))
+                                           : bytes.size();
+        capturedHead.append(bytes.substr(0, std::min(room, bytes.size())));
+        bodyBytes += std::ssize(bytes);
+        client->didLoadData(*handler, bytes);
+    }
+
+    void completed(std::optional<HTTPURLResponse> response, std::optional<URLError> error) {
         std::shared_ptr<URLProtocol> handler;
         {
             std::lock_guard lock(mutex);
@@ -369,17 +426,16 @@ struct NetworkInterceptorRequest::Flow : std::enable_shared_from_this<Flow> {
             ended();
             return;
         }
-        if (response && data) {
-            client->didReceiveResponse(*handler, *response, URLCacheStoragePolicy::notAllowed);
-            client->didLoadData(*handler, *data);
-
+        if (response) {
             const auto type = response->allHeaderFields.find("Content-Type");
             const std::string contentType =
                 type == response->allHeaderFields.end() ? "" : lowercased(type->second);
-
+            CapturedBody captured =
+                capturedBody(capturedHead, bodyBytes, contentType, maxBodyBytes);
+            capturedHead = {};
             reportResponse(response->statusCode,
                            NetworkInterceptorRequest::headersToMap(response->allHeaderFields),
-                           capturedBodyText(*data, contentType));
+                           std::move(captured), response->metrics);
         }
         client->didFinishLoading(*handler);
         ended();

@@ -76,6 +76,12 @@ class KESTRO_API NetworkInterceptor {
     /// The mock cache the interceptor answers from.
     MockCache& mockCache();
 
+    /// The size above which a captured body (request or response) is cut: the reports carry
+    /// its first bytes and its whole size. 0 or less: no limit. Applies to requests started
+    /// after the call; the application's request and answer are never cut.
+    void setMaxBodyBytes(std::int64_t maxBodyBytes);
+    std::int64_t maxBodyBytes() const;
+
     /// Replaces the time a held request waits before it gives up (tests shorten it).
     void setBreakpointTimeout(std::chrono::steady_clock::duration timeout);
 

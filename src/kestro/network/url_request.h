@@ -78,6 +78,21 @@ struct KESTRO_API URLRequest {
     bool operator==(const URLRequest&) const = default;
 };
 
+/// How long each phase of one transfer took, in milliseconds, as libcurl measured it: name
+/// lookup, TCP connect, TLS handshake, from the connection's being ready to the answer's first
+/// byte (sending the request and the server's work), and receiving the rest. A phase that did
+/// not happen (lookup and connect on a reused connection, TLS over plain HTTP) is 0. The five
+/// add up to the transfer's whole time.
+struct KESTRO_API URLSessionTaskMetrics {
+    double nameLookup = 0;
+    double connect = 0;
+    double tls = 0;
+    double firstByte = 0;
+    double transfer = 0;
+
+    bool operator==(const URLSessionTaskMetrics&) const = default;
+};
+
 /// The head of an HTTP response: final URL (after redirects), status, header fields in
 /// canonical capitalisation, and the protocol version ("HTTP/1.1", "HTTP/2", ...). A plain
 /// value; handlers may build one themselves (mock answers).
@@ -90,6 +105,9 @@ struct KESTRO_API HTTPURLResponse {
     std::int64_t statusCode = 0;
     std::string httpVersion = "HTTP/1.1";
     HTTPHeaderFields allHeaderFields;
+    /// The phases of the transfer that brought this response, when the session's loop made it
+    /// (absent in responses that handlers build, such as mock answers).
+    std::optional<URLSessionTaskMetrics> metrics;
 
     std::optional<std::string> value(std::string_view field) const;
     /// The "Content-Length" field as a number, or -1 when absent or not a number.

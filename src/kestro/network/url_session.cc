@@ -131,6 +131,7 @@ void URLSessionDataTask::resume() {
 void URLSessionDataTask::cancel() {
     if (!core_->claim()) return;
     core_->state.store(TaskState::canceling);
+    if (core_->stream) core_->stream->cancel();
     core_->deliver(std::nullopt, std::nullopt, URLError::make(URLErrorCode::cancelled));
     if (core_->onLoop.load()) {
         network::internal::cancelOnNetwork(core_);
@@ -171,6 +172,15 @@ std::shared_ptr<URLSessionDataTask> URLSession::dataTask(URLRequest request,
     core->session = state_;
     core->completion = std::move(completion);
     return std::shared_ptr<URLSessionDataTask>(new URLSessionDataTask(std::move(core)));
+}
+
+std::shared_ptr<URLSessionDataTask> URLSession::streamingTask(URLRequest request,
+                                                              URLSessionStreamHandlers handlers,
+                                                              CompletionHandler completion) {
+    auto task = dataTask(std::move(request), std::move(completion));
+    network::internal::TaskAccess::core(*task)->stream =
+        std::make_unique<network::internal::StreamState>(std::move(handlers));
+    return task;
 }
 
 std::shared_ptr<URLSessionDataTask> URLSession::dataTask(std::string url,

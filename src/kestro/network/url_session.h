@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kestro/core/export.h"
@@ -96,6 +97,15 @@ class KESTRO_API URLSessionDataTask {
     std::shared_ptr<network::internal::TaskCore> core_;
 };
 
+/// What a streamed task hands on while its answer arrives (see URLSession::streamingTask).
+struct KESTRO_API URLSessionStreamHandlers {
+    /// The final response head, once, before the first bytes of its body; for an empty body,
+    /// just before the completion. May be empty.
+    std::function<void(const HTTPURLResponse&)> response;
+    /// The body bytes (after content decoding), in order, in pieces of any size.
+    std::function<void(std::string_view)> data;
+};
+
 /// A source of data tasks with one configuration.
 ///
 /// Every session's transfers run on one shared loop (libcurl's multi interface, driven by one
@@ -125,6 +135,19 @@ class KESTRO_API URLSession {
     /// A suspended task for the request; call resume() on it.
     std::shared_ptr<URLSessionDataTask> dataTask(URLRequest request, CompletionHandler completion);
     std::shared_ptr<URLSessionDataTask> dataTask(std::string url, CompletionHandler completion);
+
+    /// A suspended task whose answer is handed on as it arrives instead of being collected, for
+    /// bodies of any size: the body goes to `handlers` and the completion gets an empty body
+    /// (maximumResponseBodySize does not apply). The handlers run one call at a time, in order,
+    /// on workers of the global executor (or on the thread of a protocol handler's client call),
+    /// never while the layer holds a lock: they may start, cancel and wait for other tasks.
+    /// The completion comes after the last of them; after cancel() none is called again.
+    /// While more than kStreamBufferBytes wait for a slow handler, the transfer is paused, so
+    /// the bytes held for the task stay within that bound.
+    std::shared_ptr<URLSessionDataTask> streamingTask(URLRequest request,
+                                                      URLSessionStreamHandlers handlers,
+                                                      CompletionHandler completion);
+    static constexpr std::size_t kStreamBufferBytes = 512 * 1024;
 
     /// Transfers currently held by the loop, for all sessions (diagnostics, tests).
     static std::size_t activeTransferCount();

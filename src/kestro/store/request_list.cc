@@ -196,6 +196,46 @@ std::optional<RequestList> RequestListEditor::removing(std::string_view id) cons
     return RequestList(std::move(next), size);
 }
 
+std::optional<RequestList> RequestListEditor::removingAll(
+    const std::unordered_set<std::string>& ids) const {
+    constexpr std::size_t C = RequestChunk::kCapacity;
+    const std::size_t n = current_.size_;
+    if (n == 0 || ids.empty()) return std::nullopt;
+    const RequestList::Table& table = *current_.table_;
+    const auto at = [&](std::size_t p) -> const std::shared_ptr<const RequestEventType>& {
+        return table[p / C]->slots[p % C];
+    };
+    // Position 0 is the oldest: trims remove from there, so the first match is found early.
+    std::size_t first = 0;
+    while (first < n && !ids.contains(at(first)->id())) ++first;
+    if (first == n) return std::nullopt;
+
+    const std::size_t keptChunks = first / C;
+    auto next = std::make_shared<RequestList::Table>(
+        table.begin(), table.begin() + static_cast<std::ptrdiff_t>(keptChunks));
+    std::size_t size = keptChunks * C;
+    // Once every listed item of the ids is passed, the rest is only moved: no more look-ups.
+    std::size_t left = 0;
+    for (const std::string& id : ids) {
+        if (const auto it = idCounts_.find(id); it != idCounts_.end()) left += it->second;
+    }
+    std::shared_ptr<RequestChunk> chunk;
+    for (std::size_t p = keptChunks * C; p < n; ++p) {
+        const auto& item = at(p);
+        if (left > 0 && ids.contains(item->id())) {
+            --left;
+            continue;
+        }
+        if (size % C == 0) {
+            chunk = std::make_shared<RequestChunk>();
+            next->push_back(chunk);
+        }
+        chunk->slots[size % C] = item;
+        ++size;
+    }
+    return RequestList(std::move(next), size);
+}
+
 RequestList RequestListEditor::fromVector(std::vector<RequestEventType> newestFirst) {
     constexpr std::size_t C = RequestChunk::kCapacity;
     const std::size_t n = newestFirst.size();
@@ -223,6 +263,12 @@ void RequestListEditor::commit(const RequestsChange& change) {
             for (const auto& item : change.requests) ++idCounts_[item.id()];
             break;
     }
+    current_ = change.requests;
+}
+
+void RequestListEditor::commitRemovingAll(const RequestsChange& change,
+                                          const std::unordered_set<std::string>& ids) {
+    for (const std::string& id : ids) idCounts_.erase(id);
     current_ = change.requests;
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "kestro/core/export.h"
@@ -170,10 +171,17 @@ class RequestListEditor {
     RequestList pushingFront(std::shared_ptr<const RequestEventType> item) const;
     /// Nothing when no item has this id.
     std::optional<RequestList> removing(std::string_view id) const;
+    /// Without every item whose id is in `ids`; nothing when none is listed. Items are shared,
+    /// not copied, and the chunks older than the oldest removed item are kept as they are.
+    std::optional<RequestList> removingAll(const std::unordered_set<std::string>& ids) const;
     static RequestList fromVector(std::vector<RequestEventType> newestFirst);
 
     /// Makes next current; the change tells the editor how its id counts move.
     void commit(const RequestsChange& change);
+    /// Makes current a list made by removingAll(ids): only the removed ids' counts change,
+    /// where commit() would count every id of a replaced list again.
+    void commitRemovingAll(const RequestsChange& change,
+                           const std::unordered_set<std::string>& ids);
 
   private:
     RequestList current_;

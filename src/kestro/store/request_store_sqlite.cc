@@ -6,6 +6,7 @@
 #include <unicode/utext.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <boost/json/monotonic_resource.hpp>
 #include <boost/json/parser.hpp>
 #include <chrono>
@@ -13,14 +14,18 @@
 #include <ctime>
 #include <deque>
 #include <exception>
+#include <limits>
 #include <mutex>
 #include <system_error>
+#include <unordered_set>
 
 #include "kestro/core/console.h"
 #include "kestro/core/data_directory.h"
+#include "kestro/core/executor.h"
 #include "kestro/core/json_numbers.h"
 #include "kestro/core/utf8.h"
 #include "kestro/store/serial_queue.h"
+#include "kestro/store/store_trim.h"
 
 namespace kestro {
 namespace {
@@ -41,6 +46,13 @@ constexpr const char* kSelectUnordered =
     "SELECT id, type, level, details, createdAt, sentAt FROM requests";
 constexpr const char* kDeleteById = "DELETE FROM requests WHERE id = ?";
 constexpr const char* kDeleteAll = "DELETE FROM requests";
+constexpr const char* kCount = "SELECT count(*) FROM requests";
+// Trims take rows in the order they were stored (rowid: a row replaced by INSERT OR REPLACE
+// gets a new one, as its item moves to the front of the list). The table's own order, so no
+// index is kept for it: a createdAt index cost an add about 15% more instructions.
+constexpr const char* kOldest = "SELECT createdAt FROM requests ORDER BY rowid ASC LIMIT 1";
+constexpr const char* kSelectOldest =
+    "SELECT id, createdAt FROM requests ORDER BY rowid ASC LIMIT ?";
 
 bool isCorruption(int rc) {
     const int primary = rc & 0xff;
@@ -228,8 +240,18 @@ std::filesystem::path sharedDatabasePath() {
 }  // namespace
 
 struct RequestStoreSQLite::Impl {
+    // What a scheduled trim batch reaches the store through. The store's destructor clears
+    // `impl` under the mutex, which a batch holds while it runs, so a batch never outlives the
+    // store.
+    struct TrimControl {
+        std::mutex mutex;
+        Impl* impl = nullptr;
+    };
+
     Impl(std::filesystem::path path, std::uint64_t maxBytes)
-        : databasePath(std::move(path)), maxDatabaseBytes(maxBytes) {}
+        : databasePath(std::move(path)), maxDatabaseBytes(maxBytes) {
+        trimControl->impl = this;
+    }
 
     const std::filesystem::path databasePath;
     const std::uint64_t maxDatabaseBytes;
@@ -248,6 +270,20 @@ struct RequestStoreSQLite::Impl {
     bool announcing = false;
     std::optional<RequestList> coming;  // the list being announced
     std::deque<ListChange> deferred;
+    // Set by a trim's change while it is being applied: the ids it removes.
+    std::shared_ptr<const std::unordered_set<std::string>> removingIds;
+
+    // Retention (queue only, except `trimScheduled`, read by trimPending()).
+    StoreRetention limits = StoreRetention::unlimited();
+    std::shared_ptr<TrimControl> trimControl = std::make_shared<TrimControl>();
+    std::atomic<bool> trimScheduled{false};
+    // What an add compares with the limits without asking the database: the row count (exact
+    // after each trim, high by one after an add that replaced a row, which only costs a trim
+    // that finds nothing to do) and the createdAt of the row stored first.
+    std::int64_t approxCount = 0;
+    double oldestCreatedAt = std::numeric_limits<double>::infinity();
+    std::uint64_t lastDiskBytes = 0;
+    std::uint32_t addsSinceStat = 0;
 
     // --- running on the queue ---------------------------------------------------------------
 
@@ -294,7 +330,12 @@ struct RequestStoreSQLite::Impl {
         if (!change) return;
         coming = change->requests;
         observers->announce(*change);
-        editor.commit(*change);
+        if (removingIds) {
+            editor.commitRemovingAll(*change, *removingIds);
+            removingIds.reset();
+        } else {
+            editor.commit(*change);
+        }
         std::lock_guard lock(requestsMutex);
         requests = editor.current();
     }
@@ -368,6 +409,20 @@ struct RequestStoreSQLite::Impl {
             exec(fmt::format("PRAGMA max_page_count={}", pages).c_str());
         }
 
+        // Deleted rows must give their pages back to the file system, or the byte limit could
+        // never be kept: incremental auto-vacuum lets a trim return free pages in steps. A file
+        // made without it is rebuilt once with it (VACUUM copies every live row).
+        int vrc = SQLITE_OK;
+        if (pragmaText("PRAGMA auto_vacuum", vrc) != "2" && vrc == SQLITE_OK) {
+            exec("PRAGMA auto_vacuum=INCREMENTAL");
+            if (const int rc = exec("VACUUM"); rc != SQLITE_OK) {
+                if (isCorruption(rc)) return Opened::corrupt;
+                printI("⚠️ The database could not be set up to give deleted space back: " +
+                           errorText(),
+                       LogLevel::warning);
+            }
+        }
+
         const int crc = exec(kCreateTable);
         if (isCorruption(crc)) return Opened::corrupt;
         if (crc != SQLITE_OK) printI("❌ Table creation failed: " + errorText(), LogLevel::error);
@@ -385,12 +440,159 @@ struct RequestStoreSQLite::Impl {
             recover(loaded);
             loaded = _getAll(nullptr);
         }
+        approxCount = static_cast<std::int64_t>(loaded.size());
+        refreshOldest();
         changeList([&]() -> std::optional<RequestsChange> {
             return RequestsChange{
                 RequestsChange::Kind::replaced,
                 {},
                 store::internal::RequestListEditor::fromVector(std::move(loaded))};
         });
+    }
+
+    // --- retention (on the queue) -----------------------------------------------------------
+
+    std::uint64_t diskBytes() const {
+        std::error_code ec;
+        std::uint64_t bytes = 0;
+        for (const char* suffix : {"", "-wal"}) {
+            const auto size = std::filesystem::file_size(databasePath.string() + suffix, ec);
+            if (!ec) bytes += size;
+        }
+        return bytes;
+    }
+
+    std::int64_t scalar(const char* sql, std::int64_t fallback = 0) {
+        Statement s(db, sql);
+        if (!s.prepared() || s.step() != SQLITE_ROW) return fallback;
+        return sqlite3_column_int64(s.get(), 0);
+    }
+
+    // Returns free pages to the file system and folds the write-ahead log into the database,
+    // truncating it, so that the bytes on disk are those the rows need.
+    void reclaimSpace() {
+        exec("PRAGMA incremental_vacuum");
+        exec("PRAGMA wal_checkpoint(TRUNCATE)");
+    }
+
+    void refreshOldest() {
+        Statement s(db, kOldest);
+        oldestCreatedAt =
+            s.prepared() && s.step() == SQLITE_ROW && sqlite3_column_type(s.get(), 0) != SQLITE_NULL
+                ? sqlite3_column_double(s.get(), 0)
+                : std::numeric_limits<double>::infinity();
+    }
+
+    // Whether the store may be past a limit: cheap enough to ask after every add. The bytes
+    // on disk are measured again every kAddsPerStat adds (and whenever the limits change):
+    // two stat calls per add would cost several per cent of an add, and a few rows beyond the
+    // byte limit are trimmed a moment later all the same.
+    static constexpr std::uint32_t kAddsPerStat = 16;
+    bool mayNeedTrim(bool measureBytes) {
+        if (db == nullptr) return false;
+        if (limits.maxBytes > 0 && measureBytes) lastDiskBytes = diskBytes();
+        const double now = secondsSince1970(std::chrono::system_clock::now());
+        return store::internal::pastLimits(limits, approxCount, oldestCreatedAt, now,
+                                           limits.maxBytes > 0 ? lastDiskBytes : 0);
+    }
+
+    void scheduleTrim() {
+        if (trimScheduled.exchange(true)) return;
+        postTask([control = trimControl] {
+            std::lock_guard lock(control->mutex);
+            Impl* self = control->impl;
+            if (self == nullptr) return;
+            self->run("Trimming the request store", [self] {
+                // Still "scheduled" while the batch runs, so that trimPending() never reads
+                // false between two batches of one trim.
+                const bool more = self->_trimBatch();
+                self->trimScheduled.store(false);
+                if (more) self->scheduleTrim();
+            });
+        });
+    }
+
+    void maybeScheduleTrim(bool measureBytes = true) {
+        if (mayNeedTrim(measureBytes)) scheduleTrim();
+    }
+
+    // Removes one batch of the oldest items past a limit. Gives whether it removed any (the
+    // next batch then looks again).
+    bool _trimBatch() {
+        if (db == nullptr || limits == StoreRetention::unlimited()) return false;
+        const auto started = std::chrono::steady_clock::now();
+        store::internal::TrimFacts facts;
+        facts.count = scalar(kCount);
+        approxCount = facts.count;
+        if (limits.maxBytes > 0) {
+            facts.bytes = diskBytes();
+            if (facts.bytes > static_cast<std::uint64_t>(limits.maxBytes)) {
+                reclaimSpace();  // free pages and the log may be all there is to give back
+                facts.bytes = diskBytes();
+            }
+            facts.rowBytes = static_cast<std::uint64_t>(scalar("PRAGMA page_count") -
+                                                        scalar("PRAGMA freelist_count")) *
+                             static_cast<std::uint64_t>(scalar("PRAGMA page_size", 4096));
+        }
+        facts.now = secondsSince1970(std::chrono::system_clock::now());
+
+        std::vector<std::string> ids;
+        {
+            Statement s(db, kSelectOldest);
+            if (!s.prepared()) return false;
+            sqlite3_bind_int64(s.get(), 1, static_cast<sqlite3_int64>(kTrimBatchItems));
+            std::vector<double> createdAt;
+            std::vector<std::string> oldest;
+            while (s.step() == SQLITE_ROW) {
+                bool isNull = false;
+                oldest.emplace_back(columnText(s.get(), 0, isNull));
+                createdAt.push_back(sqlite3_column_double(s.get(), 1));
+            }
+            const std::size_t n = store::internal::itemsToTrim(limits, facts, createdAt);
+            oldest.resize(n);
+            ids = std::move(oldest);
+        }
+        if (ids.empty()) {
+            refreshOldest();
+            lastDiskBytes = diskBytes();
+            return false;
+        }
+
+        exec("BEGIN");
+        std::size_t deleted = 0;
+        for (const std::string& id : ids) {
+            Statement s(db, kDeleteById);
+            if (!s.prepared()) continue;
+            s.bindText(1, id);
+            if (s.step() == SQLITE_DONE) ++deleted;
+        }
+        if (exec("COMMIT") != SQLITE_OK) {
+            printI("❌ Trimming the request store failed: " + errorText(), LogLevel::error);
+            exec("ROLLBACK");
+            return false;
+        }
+        if (limits.maxBytes > 0) reclaimSpace();
+        approxCount = std::max<std::int64_t>(0, facts.count - static_cast<std::int64_t>(deleted));
+        refreshOldest();
+        lastDiskBytes = diskBytes();
+
+        auto gone = std::make_shared<const std::unordered_set<std::string>>(ids.begin(), ids.end());
+        changeList([this, gone]() -> std::optional<RequestsChange> {
+            auto next = editor.removingAll(*gone);
+            if (!next) return std::nullopt;
+            removingIds = gone;
+            return RequestsChange{RequestsChange::Kind::replaced, {}, std::move(*next)};
+        });
+        if (verboseShown()) {
+            const double ms = std::chrono::duration<double, std::milli>(
+                                  std::chrono::steady_clock::now() - started)
+                                  .count();
+            printI(
+                fmt::format("🧹 Trimmed {} stored items in {:.1f} ms ({} left, {} bytes on disk)",
+                            deleted, ms, approxCount, diskBytes()),
+                LogLevel::verbose);
+        }
+        return deleted > 0;
     }
 
     // The file cannot be read as a database: keep it for inspection under another name and
@@ -487,6 +689,9 @@ struct RequestStoreSQLite::Impl {
             printI("❌ Insert failed: " + errorText(), LogLevel::error);
             return;
         }
+        ++approxCount;
+        if (approxCount == 1) refreshOldest();  // the first row is the oldest
+        maybeScheduleTrim(++addsSinceStat % kAddsPerStat == 0);
         if (verboseShown()) {
             printI(fmt::format("✅ Request saved to db. ID: {} Type: {}. Total: {}", item.id(),
                                *rowFields(item).type, editor.current().size()),
@@ -560,6 +765,8 @@ struct RequestStoreSQLite::Impl {
                 s.bindText(1, id);
                 if (s.step() != SQLITE_DONE)
                     printI("❌ Delete failed: " + errorText(), LogLevel::verbose);
+                else
+                    approxCount = std::max<std::int64_t>(0, approxCount - sqlite3_changes(db));
             }
         }
         changeList([this, id]() -> std::optional<RequestsChange> {
@@ -574,6 +781,8 @@ struct RequestStoreSQLite::Impl {
             Statement s(db, kDeleteAll);
             if (s.prepared() && s.step() != SQLITE_DONE)
                 printI("❌ Delete all failed: " + errorText(), LogLevel::verbose);
+            approxCount = scalar(kCount);
+            refreshOldest();
         }
         changeList([this]() -> std::optional<RequestsChange> {
             if (editor.current().empty()) return std::nullopt;
@@ -609,7 +818,11 @@ struct RequestStoreSQLite::Impl {
 
 RequestStoreSQLite& RequestStoreSQLite::shared() {
     // Never destroyed: any thread may still be storing while the process exits.
-    static RequestStoreSQLite* store = new RequestStoreSQLite(sharedDatabasePath());
+    static RequestStoreSQLite* store = [] {
+        auto* s = new RequestStoreSQLite(sharedDatabasePath());
+        s->setRetention(StoreRetention{});
+        return s;
+    }();
     return *store;
 }
 
@@ -620,6 +833,11 @@ RequestStoreSQLite::RequestStoreSQLite(std::filesystem::path databasePath,
 }
 
 RequestStoreSQLite::~RequestStoreSQLite() {
+    {
+        // Waits for a trim batch in progress; later ones find no store and do nothing.
+        std::lock_guard lock(impl_->trimControl->mutex);
+        impl_->trimControl->impl = nullptr;
+    }
     impl_->dbQueue.sync([&] {
         sqlite3_close_v2(impl_->db);
         impl_->db = nullptr;
@@ -683,6 +901,23 @@ void RequestStoreSQLite::deleteById(const std::string& id) {
 
 void RequestStoreSQLite::deleteAll() {
     impl_->run("deleteAll", [&] { impl_->_deleteAll(); });
+}
+
+void RequestStoreSQLite::setRetention(StoreRetention retention) {
+    impl_->run("Setting the store's limits", [&] {
+        impl_->limits = retention;
+        impl_->maybeScheduleTrim();
+    });
+}
+
+StoreRetention RequestStoreSQLite::retention() const {
+    return impl_->dbQueue.sync([&] { return impl_->limits; });
+}
+
+bool RequestStoreSQLite::trimPending() const { return impl_->trimScheduled.load(); }
+
+std::uint64_t RequestStoreSQLite::bytesOnDisk() const {
+    return impl_->dbQueue.sync([&] { return impl_->diskBytes(); });
 }
 
 const std::filesystem::path& RequestStoreSQLite::databasePath() const {

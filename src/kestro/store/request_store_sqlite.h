@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "kestro/core/capture_policy.h"
 #include "kestro/core/export.h"
 #include "kestro/records/records.h"
 #include "kestro/store/request_list.h"
@@ -28,6 +29,15 @@ namespace kestro {
 /// a time in the order the calls arrived, on the calling thread; the caller blocks until its
 /// operation is done. A call made from inside store work (for example from an observer told on
 /// the queue) runs at once instead of waiting for itself.
+///
+/// Retention: the store keeps at most `maxItems` items, none whose createdAt is older than
+/// `maxAge`, and at most `maxBytes` on disk (the database file and its write-ahead log). When
+/// an add or a change of the limits takes the store past one, a trim runs on the global
+/// executor, never on the adding thread: it removes the items stored first in batches
+/// of at most kTrimBatchItems, each batch one operation on the queue, so an add waits for one
+/// batch at most. Deleted rows give their pages back to the file system (incremental vacuum).
+/// The list follows each batch as one `replaced` change. Instances made here start unlimited;
+/// shared() starts with the default limits.
 ///
 /// Failures never throw: each is reported as a console line and leaves what was stored as it
 /// was. A database file that SQLite cannot read as a database is moved aside as
@@ -91,6 +101,18 @@ class KESTRO_API RequestStoreSQLite {
     void deleteById(const std::string& id);
     /// Deletes every row and empties the list.
     void deleteAll();
+
+    /// Most items a trim batch removes: small enough that an add waiting behind a batch waits a
+    /// few milliseconds at most.
+    static constexpr std::size_t kTrimBatchItems = 64;
+
+    /// Sets the limits and, when the store is past one, starts a trim (returns at once).
+    void setRetention(StoreRetention retention);
+    StoreRetention retention() const;
+    /// Whether a trim is scheduled or running (for tests and diagnostics).
+    bool trimPending() const;
+    /// The bytes the store takes on disk: the database file and its write-ahead log.
+    std::uint64_t bytesOnDisk() const;
 
     /// The database file this store opened (or tried to open).
     const std::filesystem::path& databasePath() const;

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "kestro/imgui/inspector/screens.h"
+#include "kestro/imgui/inspector/timing_waterfall_view.h"
 #include "kestro/imgui/inspector/widgets.h"
 #include "kestro/imgui/item_probe.h"
 #include "kestro/imgui/system_images.h"
@@ -101,6 +102,18 @@ void element(ItemDetailsModel& details, const DetailElement& e, std::size_t numb
             ImGui::EndChild();
             break;
         }
+        case Kind::notice:
+            wrappedText(TextStyle::footnote, e.text(), colors::orange);
+            break;
+        case Kind::timings:
+            Text(TextStyle::subheadline, e.label);
+            if (e.waterfall) {
+                drawTimingWaterfall(*e.waterfall, framedWidthAvail());
+            } else {
+                ImGui::SameLine();
+                Text(TextStyle::caption, e.text(), colors::secondary);
+            }
+            break;
         case Kind::image: {
             auto& preview = state.images[number];
             if (!preview) preview = std::make_unique<ImagePreview>(e.value);
@@ -121,7 +134,12 @@ bool drawItemDetails(ItemDetailsModel& details, bool stillListed, DetailsState& 
         state.shown = &details;
     }
     bool done = false;
-    // The toolbar: "Done" at the trailing end.
+    // The toolbar: "Copy as cURL" for an exchange, "Done" at the trailing end.
+    if (details.canCopyCurl()) {
+        if (ImGui::Button("Copy as cURL")) details.copyCurl();
+        probeItem("details.copyCurl", ImGui::GetItemRectMin(), ImGui::GetItemRectMax());
+        ImGui::SameLine();
+    }
     ImGui::SetCursorPosX(ImGui::GetContentRegionMax().x - 70);
     if (ImGui::Button("Done", ImVec2(64, 0)) ||
         (ImGui::IsWindowFocused(ImGuiFocusedFlags_RootAndChildWindows) &&

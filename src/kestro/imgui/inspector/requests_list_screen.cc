@@ -41,7 +41,10 @@ void searchBar(RequestsListModel& list, ListState& state) {
                     ImGui::GetColorU32(ImGuiCol_WindowBg));
     ImGui::SameLine();
     const bool clearable = !state.searchField.empty();
-    ImGui::SetNextItemWidth(ImGui::GetContentRegionAvail().x - (clearable ? icon + 8 : 0));
+    const float exportWidth =
+        ImGui::CalcTextSize("Export HAR").x + ImGui::GetStyle().FramePadding.x * 2 + 8;
+    ImGui::SetNextItemWidth(ImGui::GetContentRegionAvail().x - (clearable ? icon + 8 : 0) -
+                            exportWidth);
     state.searchField = list.searchText();
     if (ImGui::InputTextWithHint("##search", "Search", &state.searchField)) {
         list.setSearchText(state.searchField);
@@ -54,6 +57,12 @@ void searchBar(RequestsListModel& list, ListState& state) {
             list.setSearchText("");
         }
     }
+    // The exchanges in view, to a file in the data directory; the toast gives its path.
+    ImGui::SameLine();
+    ImGui::BeginDisabled(list.isExporting());
+    if (ImGui::Button("Export HAR")) list.exportHAR();
+    ImGui::EndDisabled();
+    probeItem("list.exportHAR", ImGui::GetItemRectMin(), ImGui::GetItemRectMax());
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include "kestro/imgui/inspector/image_preview.h"
 #include "kestro/imgui/json_viewer_view.h"
 #include "kestro/inspector/item_details.h"
+#include "kestro/inspector/redaction_settings.h"
 #include "kestro/inspector/request_row.h"
 #include "kestro/inspector/requests_list.h"
 #include "kestro/inspector/settings_form.h"
@@ -24,6 +25,8 @@ namespace kestro::imgui::inspector {
 
 /// The control sheet's settings form, with its two confirmation dialogs.
 void drawSettingsForm(KestroSettingsForm& form);
+/// The redaction switch and lists, inside the settings form.
+void drawRedactionSettings(RedactionSettings& settings);
 
 struct ListState {
     std::string focusedId;  // the row the Delete key acts on

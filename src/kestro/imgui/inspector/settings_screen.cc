@@ -120,6 +120,11 @@ void drawSettingsForm(KestroSettingsForm& form) {
     if (destructiveButton(text::kDeleteLogs, "delete-logs")) form.tapDeleteLogs();
     Text(TextStyle::footnote, form.sdkVersionText());
 
+    // 4. "Redaction".
+    ImGui::Spacing();
+    sectionHeader(text::kRedaction);
+    drawRedactionSettings(form.redaction());
+
     confirmation(
         text::kDeleteAPIKeyTitle, text::kDeleteAPIKeyMessage, form.showDeleteConfirmation(),
         [](void* f) { static_cast<KestroSettingsForm*>(f)->confirmDeleteAPIKey(); },

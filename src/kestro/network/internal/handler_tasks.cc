@@ -1,5 +1,6 @@
 #include "kestro/network/internal/handler_tasks.h"
 
+#include <cstdlib>
 #include <exception>
 #include <mutex>
 #include <optional>
@@ -25,12 +26,30 @@ class TaskClient final : public URLProtocolClient {
     void didReceiveResponse(URLProtocol&, const HTTPURLResponse& response,
                             URLCacheStoragePolicy) override {
         core_->markActive(Clock::now());
+        if (core_->stream) core_->stream->setHead(response);
         std::lock_guard lock(mutex_);
         if (core_->done.load()) return;
         response_ = response;
+        // A declared length within the limit is reserved in one piece, as the network path
+        // does: a large body then grows without copies (and without a peak of one and a half
+        // times its size while the last copy is made).
+        if (!core_->stream && data_.empty()) {
+            const auto length = response.allHeaderFields.find("Content-Length");
+            if (length != response.allHeaderFields.end()) {
+                const std::uint64_t declared = std::strtoull(length->second.c_str(), nullptr, 10);
+                if (declared > 0 &&
+                    declared <= core_->session->configuration.maximumResponseBodySize)
+                    data_.reserve(static_cast<std::size_t>(declared));
+            }
+        }
     }
     void didLoadData(URLProtocol&, std::string_view data) override {
         core_->markActive(Clock::now());
+        if (core_->stream) {
+            // Handed on at once, on the handler's thread: nothing is collected.
+            if (!core_->done.load()) core_->stream->deliverHere(*core_, data);
+            return;
+        }
         bool over = false;
         {
             std::lock_guard lock(mutex_);
@@ -50,6 +69,7 @@ class TaskClient final : public URLProtocolClient {
     }
     void didFinishLoading(URLProtocol&) override {
         if (!core_->claim()) return;
+        if (core_->stream) return completeStream(std::nullopt);
         std::string data;
         {
             std::lock_guard lock(mutex_);
@@ -60,11 +80,22 @@ class TaskClient final : public URLProtocolClient {
     }
     void didFailWithError(URLProtocol&, const URLError& error) override {
         if (!core_->claim()) return;
+        if (core_->stream) return completeStream(error);
         core_->deliver(std::nullopt, takeResponse(), error);
         core_->releaseHandler(false);
     }
 
   private:
+    // A streamed task ends after the bytes handed on before.
+    void completeStream(std::optional<URLError> error) {
+        std::optional<HTTPURLResponse> response = takeResponse();
+        if (!core_->stream->completeAfterData(response, error)) {
+            std::optional<std::string> body;
+            if (!error) body.emplace();
+            core_->deliver(std::move(body), std::move(response), std::move(error));
+        }
+        core_->releaseHandler(false);
+    }
     std::optional<HTTPURLResponse> takeResponse() {
         std::lock_guard lock(mutex_);
         return std::move(response_);

@@ -71,6 +71,19 @@ class Loop {
         }
         push({Command::cancel, std::move(core)});
     }
+    void resume(std::shared_ptr<TaskCore> core) {
+        DeliveryBatch batch;
+        if (std::unique_lock lock = tryLock(); lock.owns_lock()) {
+            tHoldsLoop = true;
+            unpause(core.get());
+            settle();
+            passToOwner(batch);
+            wakeIfSleepingTooLong();
+            tHoldsLoop = false;
+            return;
+        }
+        push({Command::resume, std::move(core)});
+    }
     void timeHandled(std::shared_ptr<TaskCore> core) {
         const Clock::time_point deadline = core->deadline();
         if (tHoldsLoop) {
@@ -99,12 +112,18 @@ class Loop {
         push({Command::stopTimingHandled, core.shared_from_this()}, false);
     }
     std::size_t activeCount() const { return activeCount_.load(); }
+    // Under mutex_ (from the write callback).
+    void noteStream(TaskCore& core) {
+        if (core.streamBytesNoted) return;
+        core.streamBytesNoted = true;
+        streamsWithBytes_.push_back(core.shared_from_this());
+    }
     void handOver(Deferred d);
     void handOverSoon(Deferred d);
 
   private:
     struct Command {
-        enum Kind { add, cancel, timeHandled, stopTimingHandled } kind;
+        enum Kind { add, cancel, resume, timeHandled, stopTimingHandled } kind;
         std::shared_ptr<TaskCore> core;
     };
 
@@ -131,6 +150,7 @@ class Loop {
     std::shared_ptr<TaskCore> unhold(TaskCore* core);
     void finish(TaskCore* core, CURLcode result);
     void drop(TaskCore* core);
+    void unpause(TaskCore* core);
     void linkHandled(const std::shared_ptr<TaskCore>& core);
     void unlinkHandled(TaskCore* core);
     void checkIdle(Clock::time_point now);
@@ -154,6 +174,8 @@ class Loop {
 
     std::mutex commandMutex_;
     std::vector<Command> commands_;
+    // Streamed tasks that received bytes this round (under mutex_).
+    std::vector<std::shared_ptr<TaskCore>> streamsWithBytes_;
     bool wakeRequested_ = false;  // a wake-up was sent for commands_ since the loop took them
 
     // Guarded by mutex_.
@@ -435,6 +457,44 @@ void Loop::drop(TaskCore* core) {
     slotFreed(core->origin);
 }
 
+namespace {
+
+// The transfer's phases from libcurl's cumulative times (each from the transfer's start, in
+// microseconds). A reused connection made no new connection: its lookup, connect and TLS are 0
+// (libcurl may still report the instant it found the connection). What follows the handshake
+// up to the first byte of the answer (sending the request, the server's work) is the wait; the
+// pre-transfer stamp is not a phase of its own. Each phase is clamped at 0 so
+// that the five always add up to the whole time, whatever order libcurl's stamps come in.
+URLSessionTaskMetrics transferMetrics(CURL* easy) {
+    const auto at = [easy](CURLINFO info) {
+        curl_off_t us = 0;
+        curl_easy_getinfo(easy, info, &us);
+        return std::max<curl_off_t>(us, 0);
+    };
+    long connects = 0;
+    curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &connects);
+    const curl_off_t total = at(CURLINFO_TOTAL_TIME_T);
+    const curl_off_t started = std::min(at(CURLINFO_STARTTRANSFER_TIME_T), total);
+    curl_off_t lookup = 0, connected = 0, secured = 0;
+    if (connects > 0) {
+        lookup = std::min(at(CURLINFO_NAMELOOKUP_TIME_T), started);
+        connected = std::clamp(at(CURLINFO_CONNECT_TIME_T), lookup, started);
+        const curl_off_t app = at(CURLINFO_APPCONNECT_TIME_T);  // 0 without TLS
+        secured = app > 0 ? std::clamp(app, connected, started) : connected;
+    }
+    const auto ms = [](curl_off_t us) { return static_cast<double>(us) / 1000.0; };
+    return URLSessionTaskMetrics{ms(lookup), ms(connected - lookup), ms(secured - connected),
+                                 ms(started - secured), ms(total - started)};
+}
+
+}  // namespace
+
+// A streamed task's handler has taken its buffer: the paused transfer goes on (libcurl hands
+// the bytes it held back to the write callback first).
+void Loop::unpause(TaskCore* core) {
+    if (core->held && core->easy) curl_easy_pause(core->easy, CURLPAUSE_CONT);
+}
+
 void Loop::finish(TaskCore* core, CURLcode result) {
     std::optional<HTTPURLResponse> response;
     long status = 0;
@@ -446,6 +506,7 @@ void Loop::finish(TaskCore* core, CURLcode result) {
         curl_easy_getinfo(core->easy, CURLINFO_EFFECTIVE_URL, &url);
         response = HTTPURLResponse(url ? url : core->request.url.value_or(""), status,
                                    versionText(version), std::move(core->responseHeaders));
+        response->metrics = transferMetrics(core->easy);
     }
     std::optional<URLError> error;
     if (result != CURLE_OK) error = errorFor(result, *core);
@@ -453,6 +514,8 @@ void Loop::finish(TaskCore* core, CURLcode result) {
     std::string body = std::move(core->body);
     drop(core);
     if (!keep->claim()) return;  // cancelled meanwhile: the cancellation already completed it
+    // A streamed task completes after its last bytes have been handed on.
+    if (keep->stream && keep->stream->completeAfterData(response, error)) return;
     if (error) {
         keep->deliver(std::nullopt, std::move(response), std::move(error));
     } else {
@@ -533,6 +596,13 @@ void Loop::settle() {
         curl_easy_getinfo(msg->easy_handle, CURLINFO_PRIVATE, &priv);
         finish(static_cast<TaskCore*>(priv), msg->data.result);
     }
+    // Bytes of transfers still running go to a worker now; those of transfers that ended in
+    // this round go with their completion, which costs no hop of its own.
+    for (auto& core : streamsWithBytes_) {
+        core->streamBytesNoted = false;
+        if (!core->done.load()) core->stream->startDelivery(core);
+    }
+    streamsWithBytes_.clear();
 }
 
 // Drives the loop until the other loading thread takes it over.
@@ -615,6 +685,9 @@ void Loop::run() {
                 case Command::cancel:
                     drop(c.core.get());  // already completed by cancel()
                     break;
+                case Command::resume:
+                    unpause(c.core.get());
+                    break;
                 case Command::timeHandled:
                     linkHandled(c.core);
                     break;
@@ -634,6 +707,10 @@ void Loop::run() {
 void loadOnNetwork(std::shared_ptr<TaskCore> core) { Loop::instance().add(std::move(core)); }
 
 void cancelOnNetwork(std::shared_ptr<TaskCore> core) { Loop::instance().cancel(std::move(core)); }
+
+void resumeOnNetwork(std::shared_ptr<TaskCore> core) { Loop::instance().resume(std::move(core)); }
+
+void noteStreamBytes(TaskCore& core) { Loop::instance().noteStream(core); }
 
 std::size_t heldTaskCount() { return Loop::instance().activeCount(); }
 

@@ -23,6 +23,13 @@ struct Deferred;
 void loadOnNetwork(std::shared_ptr<TaskCore> core);
 /// Lets go of a task the loop holds, after it has been completed by its cancellation. Any thread.
 void cancelOnNetwork(std::shared_ptr<TaskCore> core);
+/// Resumes the transfer of a streamed task that paused because its buffer was full. Any
+/// thread.
+void resumeOnNetwork(std::shared_ptr<TaskCore> core);
+/// From libcurl's write callback, under the loop's mutex: a streamed task has new bytes. At the
+/// end of the round the loop starts their delivery, unless the task has completed meanwhile (its
+/// completion then hands them on).
+void noteStreamBytes(TaskCore& core);
 /// Tasks the loop holds (waiting for a slot or transferring).
 std::size_t heldTaskCount();
 

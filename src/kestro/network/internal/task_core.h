@@ -17,6 +17,7 @@
 #include "kestro/core/console.h"
 #include "kestro/network/internal/delivery.h"
 #include "kestro/network/internal/loading_loop.h"
+#include "kestro/network/internal/stream_state.h"
 #include "kestro/network/internal/trust_store.h"
 #include "kestro/network/url_protocol.h"
 #include "kestro/network/url_session.h"
@@ -44,6 +45,8 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
     URLRequest request;
     std::shared_ptr<const SessionState> session;
     URLSessionDataTask::CompletionHandler completion;  // touched only by the winner of `done`
+    // Set for a streamed task: its answer is handed on as it arrives, not collected.
+    std::unique_ptr<StreamState> stream;
 
     std::atomic<TaskState> state{TaskState::suspended};
     std::atomic<bool> done{false};    // set once by whoever completes the task
@@ -62,7 +65,8 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
     std::string origin;
 
     // Network path: touched only under the loop's mutex.
-    bool held = false;  // the loop holds the task (waiting for a slot or transferring)
+    bool held = false;              // the loop holds the task (waiting for a slot or transferring)
+    bool streamBytesNoted = false;  // a streamed task's new bytes await the end of the round
     std::shared_ptr<TaskCore> heldRef;  // the loop's reference while held
     TaskCore* heldPrev = nullptr;       // neighbours in the loop's list of held tasks
     TaskCore* heldNext = nullptr;
@@ -125,6 +129,7 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
     void deliver(std::optional<std::string> data, std::optional<HTTPURLResponse> response,
                  std::optional<URLError> error) {
         state.store(TaskState::completed);
+        if (stream) stream->close();  // a streamed task hands nothing on after its completion
         resultData = std::move(data);
         resultResponse = std::move(response);
         resultError = std::move(error);
@@ -138,6 +143,7 @@ struct TaskCore : std::enable_shared_from_this<TaskCore> {
         auto data = std::move(resultData);
         auto response = std::move(resultResponse);
         auto error = std::move(resultError);
+        if (stream) stream->beforeCompletion(response);
         if (!cb) return;
         runReportingThrows("A request's completion",
                            [&] { cb(std::move(data), std::move(response), std::move(error)); });

@@ -3,13 +3,42 @@
 #include <string>
 #include <string_view>
 
+#include "kestro/network/internal/loading_loop.h"
 #include "kestro/network/internal/task_core.h"
+#include "kestro/network/internal/transfer_errors.h"
 
 namespace kestro::network::internal {
+
+namespace {
+
+// The head of the response whose body is arriving (every field has come before the body).
+HTTPURLResponse currentHead(const TaskCore& core) {
+    long status = 0;
+    long version = 0;
+    char* url = nullptr;
+    curl_easy_getinfo(core.easy, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_getinfo(core.easy, CURLINFO_HTTP_VERSION, &version);
+    curl_easy_getinfo(core.easy, CURLINFO_EFFECTIVE_URL, &url);
+    return HTTPURLResponse(url ? url : core.request.url.value_or(""), status, versionText(version),
+                           core.responseHeaders);
+}
+
+}  // namespace
 
 std::size_t onResponseBody(char* data, std::size_t size, std::size_t n, void* user) {
     auto* core = static_cast<TaskCore*>(user);
     const std::size_t bytes = size * n;
+    if (core->stream) {
+        // Handed on, not kept; a full buffer pauses the transfer until the handler catches up.
+        if (!core->sizeChecked) {
+            core->sizeChecked = true;
+            core->stream->setHead(currentHead(*core));
+        }
+        if (!core->stream->offer(std::string_view(data, bytes))) return CURL_WRITEFUNC_PAUSE;
+        noteStreamBytes(*core);
+        core->markActive(Clock::now());
+        return bytes;
+    }
     const std::uint64_t max = core->session->configuration.maximumResponseBodySize;
     if (!core->sizeChecked) {
         // First bytes of the final response: a declared length past the limit fails at once,
