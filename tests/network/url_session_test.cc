@@ -569,30 +569,38 @@ TEST(URLSessionTest, CompletionsMayWaitForOtherRequests) {
 TEST(URLSessionTest, ALongCompletionDoesNotStallOtherTransfers) {
     HttpServer server(
         [](const test::ReceivedRequest& r) { return HttpReply::text(200, r.target); });
-    test::Recorder<std::string> events;
-    std::mutex m;
-    std::condition_variable cv;
-    bool otherDone = false;
+    // Shared with the completion, which may still be returning (and releasing its lock) when
+    // the test has seen its last event and ends.
+    struct Shared {
+        test::Recorder<std::string> events;
+        std::mutex m;
+        std::condition_variable cv;
+        bool otherDone = false;
+    };
+    auto shared = std::make_shared<Shared>();
     auto first = session().dataTask(
         server.url("/first"),
-        [&](std::optional<std::string>, std::optional<HTTPURLResponse>, std::optional<URLError>) {
-            events.add("first running");
-            std::unique_lock lock(m);
-            const bool seen = cv.wait_for(lock, std::chrono::seconds(5), [&] { return otherDone; });
-            events.add(seen ? "first saw other" : "first gave up");
+        [shared](std::optional<std::string>, std::optional<HTTPURLResponse>,
+                 std::optional<URLError>) {
+            shared->events.add("first running");
+            std::unique_lock lock(shared->m);
+            const bool seen = shared->cv.wait_for(lock, std::chrono::seconds(5),
+                                                  [&] { return shared->otherDone; });
+            lock.unlock();
+            shared->events.add(seen ? "first saw other" : "first gave up");
         });
     first->resume();
-    ASSERT_TRUE(events.waitFor(1));
+    ASSERT_TRUE(shared->events.waitFor(1));
     Outcome other = load(session(), server.url("/other"));
     ASSERT_FALSE(other.error);
     EXPECT_EQ(other.data, "/other");
     {
-        std::lock_guard lock(m);
-        otherDone = true;
+        std::lock_guard lock(shared->m);
+        shared->otherDone = true;
     }
-    cv.notify_all();
-    ASSERT_TRUE(events.waitFor(2));
-    EXPECT_EQ(events.values()[1], "first saw other");
+    shared->cv.notify_all();
+    ASSERT_TRUE(shared->events.waitFor(2));
+    EXPECT_EQ(shared->events.values()[1], "first saw other");
 }
 
 // Work handed to an idle loop runs on the loading thread (or, while the loop cannot take it
