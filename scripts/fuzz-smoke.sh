@@ -25,13 +25,14 @@ cmake --build "$build" -j2 --target "${targets[@]}"
 
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
-for target in "${targets[@]}"; do
-    corpus="$work/$target"
+
+# One target's run; on a failure it prints the end of its log and keeps the inputs.
+run_target() {
+    local target=$1 corpus="$work/$1"
     mkdir -p "$corpus" "$work/$target-artifacts"
     for dir in "$root/tests/fuzz/corpus/$target" "$root/tests/fuzz/regressions/$target"; do
         if [ -d "$dir" ]; then cp -r "$dir"/. "$corpus"/; fi
     done
-    echo "fuzz-smoke: $target for ${seconds}s"
     if ! "$build/tests/fuzz/$target" "$corpus" -max_total_time="$seconds" -timeout=5 \
         -rss_limit_mb=2048 -print_final_stats=1 \
         -artifact_prefix="$work/$target-artifacts/" >"$work/$target.log" 2>&1; then
@@ -39,8 +40,26 @@ for target in "${targets[@]}"; do
         mkdir -p "$root/build-fuzz-artifacts"
         cp "$work/$target-artifacts"/* "$root/build-fuzz-artifacts/" 2>/dev/null || true
         echo "fuzz-smoke: $target FAILED (inputs kept in build-fuzz-artifacts/)"
+        return 1
+    fi
+    echo "fuzz-smoke: $target passed after" \
+        "$(sed -n 's/^stat::number_of_executed_units: *//p' "$work/$target.log") inputs"
+}
+
+# The targets run two at a time (one per core), each for the full time; each writes its
+# outcome to a file, read when all have ended.
+parallel="${FUZZ_JOBS:-2}"
+for target in "${targets[@]}"; do
+    while [ "$(jobs -rp | wc -l)" -ge "$parallel" ]; do wait -n || true; done
+    echo "fuzz-smoke: $target for ${seconds}s"
+    (if run_target "$target"; then status=0; else status=1; fi
+     echo "$status" >"$work/$target.status") &
+done
+wait
+for target in "${targets[@]}"; do
+    if [ "$(cat "$work/$target.status" 2>/dev/null)" != 0 ]; then
+        echo "fuzz-smoke: $target failed"
         exit 1
     fi
-    grep -E "stat::number_of_executed_runs" "$work/$target.log" || true
 done
 echo "fuzz-smoke: all targets passed"
