@@ -129,14 +129,18 @@ void URLSessionDataTask::resume() {
 }
 
 void URLSessionDataTask::cancel() {
-    if (!core_->claim()) return;
-    core_->state.store(TaskState::canceling);
-    if (core_->stream) core_->stream->cancel();
-    core_->deliver(std::nullopt, std::nullopt, URLError::make(URLErrorCode::cancelled));
-    if (core_->onLoop.load()) {
-        network::internal::cancelOnNetwork(core_);
+    // The completion may run on another thread at once and let go of the last reference to
+    // this task (a streamed task's handler cancelling its own task, say): after deliver(),
+    // only the local reference to the core is used.
+    const std::shared_ptr<network::internal::TaskCore> core = core_;
+    if (!core->claim()) return;
+    core->state.store(TaskState::canceling);
+    if (core->stream) core->stream->cancel();
+    core->deliver(std::nullopt, std::nullopt, URLError::make(URLErrorCode::cancelled));
+    if (core->onLoop.load()) {
+        network::internal::cancelOnNetwork(core);
     } else {
-        core_->releaseHandler(true);
+        core->releaseHandler(true);
     }
 }
 
