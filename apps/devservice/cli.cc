@@ -14,6 +14,7 @@
 #include "devservice/service.h"
 #include "kestro/core/console.h"
 #include "kestro/core/time_text.h"
+#include "kestro/core/utf8.h"
 
 namespace kestro::devservice {
 namespace json = boost::json;
@@ -69,9 +70,7 @@ std::string timeText(const json::object& o, const char* key) {
 // At most `limit` bytes of a text for a message, cut on a UTF-8 boundary.
 std::string clipText(std::string_view text, std::size_t limit) {
     if (text.size() <= limit) return std::string(text);
-    std::size_t end = limit;
-    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
-    return std::string(text.substr(0, end)) + "…";
+    return std::string(utf8Prefix(text, limit)) + "…";
 }
 
 std::string itemLine(const json::object& item) {

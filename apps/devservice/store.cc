@@ -1,6 +1,7 @@
 #include "devservice/store.h"
 
 #include "kestro/core/json_numbers.h"
+#include "kestro/core/utf8.h"
 
 namespace kestro::devservice {
 namespace {
@@ -10,9 +11,7 @@ namespace json = boost::json;
 // Cuts a text to at most `limit` bytes without splitting a UTF-8 sequence.
 std::string clip(std::string_view text, std::size_t limit) {
     if (text.size() <= limit) return std::string(text);
-    std::size_t end = limit;
-    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
-    return std::string(text.substr(0, end)) + "…";
+    return std::string(utf8Prefix(text, limit)) + "…";
 }
 
 const json::object* objectAt(const json::object& o, const char* key) {

@@ -22,6 +22,7 @@
 #include "devservice/api.h"
 #include "devservice/auth.h"
 #include "devservice/server.h"
+#include "kestro/core/utf8.h"
 
 namespace kestro::devservice::internal {
 
@@ -50,9 +51,7 @@ constexpr std::uint16_t kTooSlow = 4000;
 
 inline std::string clipFrame(std::string_view text) {
     if (text.size() <= 300) return std::string(text);
-    std::size_t end = 300;
-    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
-    return std::string(text.substr(0, end)) + "…";
+    return std::string(utf8Prefix(text, 300)) + "…";
 }
 
 // One device's WebSocket connection. The stream is touched only on the connection's strand;

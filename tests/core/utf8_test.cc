@@ -54,5 +54,32 @@ TEST(Utf8Test, RepairAgreesWithIcuSubstitution) {
               "A");
 }
 
+// A cut before a sequence, at each byte inside it and after it keeps whole characters only,
+// for sequences of every length.
+TEST(Utf8Test, PrefixNeverEndsInsideASequence) {
+    for (const std::string sequence : {"\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80"}) {
+        const std::string text = "a" + sequence + "b";
+        SCOPED_TRACE(sequence.size());
+        EXPECT_EQ(utf8Prefix(text, 1), "a");  // before
+        for (std::size_t inside = 2; inside <= sequence.size(); ++inside)
+            EXPECT_EQ(utf8Prefix(text, inside), "a") << inside;
+        EXPECT_EQ(utf8Prefix(text, 1 + sequence.size()), "a" + sequence);  // after
+        EXPECT_EQ(utf8Prefix(text, text.size()), text);
+        EXPECT_EQ(utf8Prefix(text, text.size() + 10), text);
+        EXPECT_EQ(utf8Prefix(text, 0), "");
+        // Starting with the sequence: a cut inside it leaves nothing.
+        EXPECT_EQ(utf8Prefix(sequence, sequence.size() - 1), "");
+    }
+}
+
+// Text that is not UTF-8 is cut at the limit: stray continuation bytes are not walked back
+// over, and a lead byte at the end is dropped only when its sequence cannot fit.
+TEST(Utf8Test, PrefixOfIllFormedTextIsBounded) {
+    const std::string stray(10, '\x80');
+    EXPECT_EQ(utf8Prefix(stray, 7).size(), 7u);
+    EXPECT_EQ(utf8Prefix("ab\xE2", 3), "ab");
+    EXPECT_EQ(utf8Prefix("ab\xE2!", 4), "ab\xE2!");
+}
+
 }  // namespace
 }  // namespace kestro

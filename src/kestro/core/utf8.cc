@@ -54,4 +54,17 @@ bool repairUTF8(std::string& text) {
     return true;
 }
 
+std::string_view utf8Prefix(std::string_view text, std::size_t maxBytes) {
+    const std::string_view head = text.substr(0, maxBytes);
+    // Back over at most three continuation bytes to the sequence's lead byte.
+    std::size_t lead = head.size();
+    while (lead > 0 && head.size() - lead < 4 &&
+           (static_cast<unsigned char>(head[lead - 1]) & 0xC0) == 0x80)
+        --lead;
+    if (lead == 0) return head;
+    const auto b = static_cast<unsigned char>(head[lead - 1]);
+    const std::size_t length = b >= 0xF0 ? 4 : b >= 0xE0 ? 3 : b >= 0xC0 ? 2 : 1;
+    return lead - 1 + length > head.size() ? head.substr(0, lead - 1) : head;
+}
+
 }  // namespace kestro

@@ -69,6 +69,13 @@ inline void appendRepairedUTF8(std::string& out, std::string_view bytes) {
     out.append(reinterpret_cast<const char*>(run), static_cast<std::size_t>(p - run));
 }
 
+/// The longest prefix of `text` of at most `maxBytes` bytes that does not end inside a UTF-8
+/// sequence: a sequence the cut would leave short is dropped whole. The decision reads only
+/// the bytes before the cut (at most the last four), so it also serves for text of which the
+/// bytes after the cut were never kept. A prefix of valid UTF-8 text ends at a character
+/// boundary; anything else is kept as it is.
+KESTRO_API std::string_view utf8Prefix(std::string_view text, std::size_t maxBytes);
+
 /// Makes text well-formed UTF-8 in place, replacing ill-formed sequences with U+FFFD. Text
 /// that is already well-formed (the usual case) is only checked, eight ASCII bytes at a time.
 /// Returns whether anything was replaced.

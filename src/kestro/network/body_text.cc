@@ -25,15 +25,7 @@ std::string capturedBodyText(std::string_view bytes, std::string_view contentTyp
 }
 
 std::string_view withoutCutSequence(std::string_view bytes) {
-    // Back over at most three continuation bytes to the sequence's lead byte.
-    std::size_t lead = bytes.size();
-    while (lead > 0 && bytes.size() - lead < 4 &&
-           (static_cast<unsigned char>(bytes[lead - 1]) & 0xC0) == 0x80)
-        --lead;
-    if (lead == 0) return bytes;
-    const auto b = static_cast<unsigned char>(bytes[lead - 1]);
-    const std::size_t length = b >= 0xF0 ? 4 : b >= 0xE0 ? 3 : b >= 0xC0 ? 2 : 1;
-    return lead - 1 + length > bytes.size() ? bytes.substr(0, lead - 1) : bytes;
+    return utf8Prefix(bytes, bytes.size());
 }
 
 CapturedBody capturedBody(std::string_view kept, std::int64_t totalBytes,

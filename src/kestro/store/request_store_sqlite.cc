@@ -6,13 +6,11 @@
 #include <unicode/utext.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <boost/json/monotonic_resource.hpp>
 #include <boost/json/parser.hpp>
 #include <chrono>
 #include <cmath>
 #include <ctime>
-#include <deque>
 #include <exception>
 #include <limits>
 #include <mutex>
@@ -24,42 +22,26 @@
 #include "kestro/core/executor.h"
 #include "kestro/core/json_numbers.h"
 #include "kestro/core/utf8.h"
-#include "kestro/store/serial_queue.h"
-#include "kestro/store/store_trim.h"
+#include "kestro/store/internal/store_impl.h"
 
 namespace kestro {
+
+using store::internal::columnText;
+using store::internal::isCorruption;
+using store::internal::kCount;
+using store::internal::kCreateTable;
+using store::internal::kDeleteAll;
+using store::internal::kDeleteById;
+using store::internal::kInsert;
+using store::internal::kSelectAll;
+using store::internal::kSelectById;
+using store::internal::kSelectUnordered;
+using store::internal::Statement;
+using store::internal::verboseShown;
+
 namespace {
 
 namespace json = boost::json;
-
-constexpr const char* kCreateTable =
-    "CREATE TABLE IF NOT EXISTS requests (\n    id TEXT PRIMARY KEY,\n    type TEXT,\n    level "
-    "TEXT,\n    details TEXT,\n    createdAt REAL,\n    sentAt REAL\n);";
-constexpr const char* kInsert =
-    "INSERT OR REPLACE INTO requests (id, type, level, details, createdAt, sentAt)\nVALUES (?, ?, "
-    "?, ?, ?, ?);";
-constexpr const char* kSelectAll =
-    "SELECT id, type, level, details, createdAt, sentAt FROM requests ORDER BY createdAt DESC";
-constexpr const char* kSelectById =
-    "SELECT id, type, level, details, createdAt, sentAt FROM requests WHERE id = ? LIMIT 1";
-constexpr const char* kSelectUnordered =
-    "SELECT id, type, level, details, createdAt, sentAt FROM requests";
-constexpr const char* kDeleteById = "DELETE FROM requests WHERE id = ?";
-constexpr const char* kDeleteAll = "DELETE FROM requests";
-constexpr const char* kCount = "SELECT count(*) FROM requests";
-// Trims take rows in the order they were stored (rowid: a row replaced by INSERT OR REPLACE
-// gets a new one, as its item moves to the front of the list). The table's own order, so no
-// index is kept for it: a createdAt index cost an add about 15% more instructions.
-constexpr const char* kOldest = "SELECT createdAt FROM requests ORDER BY rowid ASC LIMIT 1";
-constexpr const char* kSelectOldest =
-    "SELECT id, createdAt FROM requests ORDER BY rowid ASC LIMIT ?";
-
-bool isCorruption(int rc) {
-    const int primary = rc & 0xff;
-    return primary == SQLITE_NOTADB || primary == SQLITE_CORRUPT;
-}
-
-bool verboseShown() { return consoleAllows(consoleLevel(), LogLevel::verbose); }
 
 struct RowFields {
     const std::string* type;
@@ -75,41 +57,6 @@ RowFields rowFields(const RequestEventType& item) {
         return {&r->type, {}, secondsSince1970(r->createdAt), secondsSince1970(r->sentAt)};
     const auto* r = item.asNetworkRequest();
     return {&r->type, {}, secondsSince1970(r->createdAt), secondsSince1970(r->sentAt)};
-}
-
-// A prepared statement, finalized when it goes out of scope whatever path is taken.
-class Statement {
-  public:
-    Statement(sqlite3* db, const char* sql) {
-        rc_ = db == nullptr ? SQLITE_MISUSE : sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr);
-    }
-    ~Statement() { sqlite3_finalize(stmt_); }
-    Statement(const Statement&) = delete;
-    Statement& operator=(const Statement&) = delete;
-
-    bool prepared() const { return rc_ == SQLITE_OK && stmt_ != nullptr; }
-    sqlite3_stmt* get() const { return stmt_; }
-    void bindText(int index, std::string_view text) {
-        // A null pointer would bind NULL; an empty text must stay a text.
-        sqlite3_bind_text64(stmt_, index, text.data() != nullptr ? text.data() : "", text.size(),
-                            SQLITE_TRANSIENT, SQLITE_UTF8);
-    }
-    void bindDouble(int index, double value) { sqlite3_bind_double(stmt_, index, value); }
-    int step() { return sqlite3_step(stmt_); }
-
-  private:
-    sqlite3_stmt* stmt_ = nullptr;
-    int rc_ = SQLITE_OK;
-};
-
-std::string_view columnText(sqlite3_stmt* stmt, int column, bool& isNull) {
-    const auto* text = sqlite3_column_text(stmt, column);
-    if (text == nullptr) {
-        isNull = true;
-        return {};
-    }
-    return {reinterpret_cast<const char*>(text),
-            static_cast<std::size_t>(sqlite3_column_bytes(stmt, column))};
 }
 
 // Rebuilds items from result rows. Rows are parsed into an arena that is reset after each row
@@ -239,582 +186,347 @@ std::filesystem::path sharedDatabasePath() {
 
 }  // namespace
 
-struct RequestStoreSQLite::Impl {
-    // What a scheduled trim batch reaches the store through. The store's destructor clears
-    // `impl` under the mutex, which a batch holds while it runs, so a batch never outlives the
-    // store.
-    struct TrimControl {
-        std::mutex mutex;
-        Impl* impl = nullptr;
-    };
-
-    Impl(std::filesystem::path path, std::uint64_t maxBytes)
-        : databasePath(std::move(path)), maxDatabaseBytes(maxBytes) {
-        trimControl->impl = this;
+// Announces a change to the observers, then makes it. A change made by an observer while
+// it is being told of another one is made right after that one, so every observer sees the
+// changes one at a time, in the order they are made.
+void RequestStoreSQLite::Impl::changeList(ListChange change) {
+    if (announcing) {
+        deferred.push_back(std::move(change));
+        return;
     }
-
-    const std::filesystem::path databasePath;
-    const std::uint64_t maxDatabaseBytes;
-    store::internal::SerialQueue dbQueue{kQueueLabel};
-    sqlite3* db = nullptr;
-
-    // The published list; guarded so that readers never wait for the queue.
-    mutable std::mutex requestsMutex;
-    RequestList requests;
-
-    // Queue only.
-    store::internal::RequestListEditor editor;
-    std::shared_ptr<store::internal::RequestsObservers> observers =
-        std::make_shared<store::internal::RequestsObservers>();
-    using ListChange = std::function<std::optional<RequestsChange>()>;
-    bool announcing = false;
-    std::optional<RequestList> coming;  // the list being announced
-    std::deque<ListChange> deferred;
-    // Set by a trim's change while it is being applied: the ids it removes.
-    std::shared_ptr<const std::unordered_set<std::string>> removingIds;
-
-    // Retention (queue only, except `trimScheduled`, read by trimPending()).
-    StoreRetention limits = StoreRetention::unlimited();
-    std::shared_ptr<TrimControl> trimControl = std::make_shared<TrimControl>();
-    std::atomic<bool> trimScheduled{false};
-    // What an add compares with the limits without asking the database: the row count (exact
-    // after each trim, high by one after an add that replaced a row, which only costs a trim
-    // that finds nothing to do) and the createdAt of the row stored first.
-    std::int64_t approxCount = 0;
-    double oldestCreatedAt = std::numeric_limits<double>::infinity();
-    std::uint64_t lastDiskBytes = 0;
-    std::uint32_t addsSinceStat = 0;
-
-    // --- running on the queue ---------------------------------------------------------------
-
-    template <typename F>
-    auto run(const char* operation, F&& work) -> decltype(work()) {
-        return dbQueue.sync([&]() noexcept -> decltype(work()) {
-            try {
-                return work();
-            } catch (const std::exception& e) {
-                printI(fmt::format("❌ {} failed: {}", operation, e.what()), LogLevel::error);
-            } catch (...) {
-                printI(fmt::format("❌ {} failed", operation), LogLevel::error);
-            }
-            return decltype(work())();
-        });
+    announcing = true;
+    struct Done {
+        Impl& self;
+        ~Done() {
+            self.announcing = false;
+            self.coming.reset();
+        }
+    } done{*this};
+    apply(change);
+    while (!deferred.empty()) {
+        ListChange next = std::move(deferred.front());
+        deferred.pop_front();
+        apply(next);
     }
+}
 
-    // Announces a change to the observers, then makes it. A change made by an observer while
-    // it is being told of another one is made right after that one, so every observer sees the
-    // changes one at a time, in the order they are made.
-    void changeList(ListChange change) {
-        if (announcing) {
-            deferred.push_back(std::move(change));
-            return;
-        }
-        announcing = true;
-        struct Done {
-            Impl& self;
-            ~Done() {
-                self.announcing = false;
-                self.coming.reset();
-            }
-        } done{*this};
-        apply(change);
-        while (!deferred.empty()) {
-            ListChange next = std::move(deferred.front());
-            deferred.pop_front();
-            apply(next);
-        }
+void RequestStoreSQLite::Impl::apply(const ListChange& make) {
+    std::optional<RequestsChange> change = make();
+    if (!change) return;
+    coming = change->requests;
+    observers->announce(*change);
+    if (removingIds) {
+        editor.commitRemovingAll(*change, *removingIds);
+        removingIds.reset();
+    } else {
+        editor.commit(*change);
     }
+    std::lock_guard lock(requestsMutex);
+    requests = editor.current();
+}
 
-    void apply(const ListChange& make) {
-        std::optional<RequestsChange> change = make();
-        if (!change) return;
-        coming = change->requests;
-        observers->announce(*change);
-        if (removingIds) {
-            editor.commitRemovingAll(*change, *removingIds);
-            removingIds.reset();
-        } else {
-            editor.commit(*change);
-        }
-        std::lock_guard lock(requestsMutex);
-        requests = editor.current();
+std::string RequestStoreSQLite::Impl::errorText() const {
+    const char* message = db != nullptr ? sqlite3_errmsg(db) : nullptr;
+    return message != nullptr && *message != '\0' ? message : "Unknown error";
+}
+
+int RequestStoreSQLite::Impl::exec(const char* sql) {
+    return sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
+}
+
+// The one text a pragma answers with; rc receives the statement's result.
+std::string RequestStoreSQLite::Impl::pragmaText(const char* sql, int& rc) {
+    Statement s(db, sql);
+    if (!s.prepared()) {
+        rc = sqlite3_errcode(db);
+        return {};
     }
-
-    std::string errorText() const {
-        const char* message = db != nullptr ? sqlite3_errmsg(db) : nullptr;
-        return message != nullptr && *message != '\0' ? message : "Unknown error";
+    rc = s.step();
+    std::string out;
+    if (rc == SQLITE_ROW) {
+        bool isNull = false;
+        out = std::string(columnText(s.get(), 0, isNull));
+        rc = SQLITE_OK;
+    } else if (rc == SQLITE_DONE) {
+        rc = SQLITE_OK;
     }
+    return out;
+}
 
-    // --- start-up ---------------------------------------------------------------------------
-
-    enum class Opened { ok, failed, corrupt };
-
-    int exec(const char* sql) { return sqlite3_exec(db, sql, nullptr, nullptr, nullptr); }
-
-    // The one text a pragma answers with; rc receives the statement's result.
-    std::string pragmaText(const char* sql, int& rc) {
-        Statement s(db, sql);
-        if (!s.prepared()) {
-            rc = sqlite3_errcode(db);
-            return {};
-        }
-        rc = s.step();
-        std::string out;
-        if (rc == SQLITE_ROW) {
-            bool isNull = false;
-            out = std::string(columnText(s.get(), 0, isNull));
-            rc = SQLITE_OK;
-        } else if (rc == SQLITE_DONE) {
-            rc = SQLITE_OK;
-        }
-        return out;
+RequestStoreSQLite::Impl::Opened RequestStoreSQLite::Impl::open() {
+    std::error_code ec;
+    if (databasePath.has_parent_path())
+        std::filesystem::create_directories(databasePath.parent_path(), ec);
+    const int rc = sqlite3_open_v2(databasePath.c_str(), &db,
+                                   SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
+                                       SQLITE_OPEN_NOMUTEX,  // the queue serialises all use
+                                   nullptr);
+    if (rc != SQLITE_OK) {
+        const std::string reason = db != nullptr ? errorText() : sqlite3_errstr(rc);
+        sqlite3_close(db);
+        db = nullptr;
+        printI("❌ Unable to open database", LogLevel::error);
+        printI("❌ " + databasePath.string() + ": " + reason, LogLevel::error);
+        return Opened::failed;
     }
+    sqlite3_busy_timeout(db, 5000);
 
-    Opened open() {
-        std::error_code ec;
-        if (databasePath.has_parent_path())
-            std::filesystem::create_directories(databasePath.parent_path(), ec);
-        const int rc = sqlite3_open_v2(databasePath.c_str(), &db,
-                                       SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
-                                           SQLITE_OPEN_NOMUTEX,  // the queue serialises all use
-                                       nullptr);
-        if (rc != SQLITE_OK) {
-            const std::string reason = db != nullptr ? errorText() : sqlite3_errstr(rc);
-            sqlite3_close(db);
-            db = nullptr;
-            printI("❌ Unable to open database", LogLevel::error);
-            printI("❌ " + databasePath.string() + ": " + reason, LogLevel::error);
-            return Opened::failed;
-        }
-        sqlite3_busy_timeout(db, 5000);
-
-        // Write-ahead logging with NORMAL sync: a committed add survives the application being
-        // killed, at a fraction of the cost of a full sync per insert. This is also the first
-        // statement that reads the file, so it is where a file that is no database shows.
-        int prc = SQLITE_OK;
-        const std::string mode = pragmaText("PRAGMA journal_mode=WAL", prc);
-        if (isCorruption(prc)) return Opened::corrupt;
-        if (prc != SQLITE_OK || mode != "wal") {
-            printI("⚠️ Write-ahead logging is not available for " + databasePath.string() +
-                       ": " + (prc != SQLITE_OK ? errorText() : "journal mode " + mode),
-                   LogLevel::warning);
-        }
-        exec("PRAGMA synchronous=NORMAL");
-        if (maxDatabaseBytes > 0) {
-            int src = SQLITE_OK;
-            const std::string pageSize = pragmaText("PRAGMA page_size", src);
-            const std::uint64_t page =
-                std::max<std::uint64_t>(1, std::strtoull(pageSize.c_str(), nullptr, 10));
-            const std::uint64_t pages = std::max<std::uint64_t>(1, maxDatabaseBytes / page);
-            exec(fmt::format("PRAGMA max_page_count={}", pages).c_str());
-        }
-
-        // Deleted rows must give their pages back to the file system, or the byte limit could
-        // never be kept: incremental auto-vacuum lets a trim return free pages in steps. A file
-        // made without it is rebuilt once with it (VACUUM copies every live row).
-        int vrc = SQLITE_OK;
-        if (pragmaText("PRAGMA auto_vacuum", vrc) != "2" && vrc == SQLITE_OK) {
-            exec("PRAGMA auto_vacuum=INCREMENTAL");
-            if (const int rc = exec("VACUUM"); rc != SQLITE_OK) {
-                if (isCorruption(rc)) return Opened::corrupt;
-                printI("⚠️ The database could not be set up to give deleted space back: " +
-                           errorText(),
-                       LogLevel::warning);
-            }
-        }
-
-        const int crc = exec(kCreateTable);
-        if (isCorruption(crc)) return Opened::corrupt;
-        if (crc != SQLITE_OK) printI("❌ Table creation failed: " + errorText(), LogLevel::error);
-        return Opened::ok;
+    // Write-ahead logging with NORMAL sync: a committed add survives the application being
+    // killed, at a fraction of the cost of a full sync per insert. This is also the first
+    // statement that reads the file, so it is where a file that is no database shows.
+    int prc = SQLITE_OK;
+    const std::string mode = pragmaText("PRAGMA journal_mode=WAL", prc);
+    if (isCorruption(prc)) return Opened::corrupt;
+    if (prc != SQLITE_OK || mode != "wal") {
+        printI("⚠️ Write-ahead logging is not available for " + databasePath.string() + ": " +
+                   (prc != SQLITE_OK ? errorText() : "journal mode " + mode),
+               LogLevel::warning);
     }
+    exec("PRAGMA synchronous=NORMAL");
+    if (setUpRetention() == Opened::corrupt) return Opened::corrupt;
 
-    void start() {
-        Opened opened = open();
-        if (opened == Opened::corrupt) {
-            recover({});
-        }
-        int stepRc = SQLITE_DONE;
-        std::vector<RequestEventType> loaded = _getAll(&stepRc);
-        if (isCorruption(stepRc)) {
-            recover(loaded);
-            loaded = _getAll(nullptr);
-        }
-        approxCount = static_cast<std::int64_t>(loaded.size());
-        refreshOldest();
-        changeList([&]() -> std::optional<RequestsChange> {
-            return RequestsChange{
-                RequestsChange::Kind::replaced,
-                {},
-                store::internal::RequestListEditor::fromVector(std::move(loaded))};
-        });
+    const int crc = exec(kCreateTable);
+    if (isCorruption(crc)) return Opened::corrupt;
+    if (crc != SQLITE_OK) printI("❌ Table creation failed: " + errorText(), LogLevel::error);
+    return Opened::ok;
+}
+
+void RequestStoreSQLite::Impl::start() {
+    Opened opened = open();
+    if (opened == Opened::corrupt) {
+        recover({});
     }
-
-    // --- retention (on the queue) -----------------------------------------------------------
-
-    std::uint64_t diskBytes() const {
-        std::error_code ec;
-        std::uint64_t bytes = 0;
-        for (const char* suffix : {"", "-wal"}) {
-            const auto size = std::filesystem::file_size(databasePath.string() + suffix, ec);
-            if (!ec) bytes += size;
-        }
-        return bytes;
+    int stepRc = SQLITE_DONE;
+    std::vector<RequestEventType> loaded = _getAll(&stepRc);
+    if (isCorruption(stepRc)) {
+        recover(loaded);
+        loaded = _getAll(nullptr);
     }
+    approxCount = static_cast<std::int64_t>(loaded.size());
+    refreshOldest();
+    changeList([&]() -> std::optional<RequestsChange> {
+        return RequestsChange{RequestsChange::Kind::replaced,
+                              {},
+                              store::internal::RequestListEditor::fromVector(std::move(loaded))};
+    });
+}
 
-    std::int64_t scalar(const char* sql, std::int64_t fallback = 0) {
-        Statement s(db, sql);
-        if (!s.prepared() || s.step() != SQLITE_ROW) return fallback;
-        return sqlite3_column_int64(s.get(), 0);
+// The file cannot be read as a database: keep it for inspection under another name and
+// start a fresh one, carrying over the items that could still be read.
+void RequestStoreSQLite::Impl::recover(const std::vector<RequestEventType>& readable) {
+    const std::string reason = errorText();
+    sqlite3_close_v2(db);
+    db = nullptr;
+
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    const std::string base = databasePath.string() + ".corrupt-" + compactUtcStamp();
+    fs::path aside = base;
+    for (int i = 2; fs::exists(aside, ec) && i < 1000; ++i) aside = base + "-" + std::to_string(i);
+    fs::rename(databasePath, aside, ec);
+    if (ec) {
+        printI("❌ The database " + databasePath.string() + " cannot be read (" + reason +
+                   ") and could not be moved aside: " + ec.message(),
+               LogLevel::error);
+        printI("❌ Unable to open database", LogLevel::error);
+        return;
     }
+    // The journal belongs to the damaged file; a fresh database must not pick it up.
+    fs::rename(databasePath.string() + "-wal", aside.string() + "-wal", ec);
+    fs::remove(databasePath.string() + "-shm", ec);
+    fs::remove(databasePath.string() + "-journal", ec);
+    printI("⚠️ The database " + databasePath.string() + " could not be read (" + reason +
+               "); it was moved aside as " + aside.filename().string() +
+               " and a fresh one was started",
+           LogLevel::warning);
 
-    // Returns free pages to the file system and folds the write-ahead log into the database,
-    // truncating it, so that the bytes on disk are those the rows need.
-    void reclaimSpace() {
-        exec("PRAGMA incremental_vacuum");
-        exec("PRAGMA wal_checkpoint(TRUNCATE)");
-    }
-
-    void refreshOldest() {
-        Statement s(db, kOldest);
-        oldestCreatedAt =
-            s.prepared() && s.step() == SQLITE_ROW && sqlite3_column_type(s.get(), 0) != SQLITE_NULL
-                ? sqlite3_column_double(s.get(), 0)
-                : std::numeric_limits<double>::infinity();
-    }
-
-    // Whether the store may be past a limit: cheap enough to ask after every add. The bytes
-    // on disk are measured again every kAddsPerStat adds (and whenever the limits change):
-    // two stat calls per add would cost several per cent of an add, and a few rows beyond the
-    // byte limit are trimmed a moment later all the same.
-    static constexpr std::uint32_t kAddsPerStat = 16;
-    bool mayNeedTrim(bool measureBytes) {
-        if (db == nullptr) return false;
-        if (limits.maxBytes > 0 && measureBytes) lastDiskBytes = diskBytes();
-        const double now = secondsSince1970(std::chrono::system_clock::now());
-        return store::internal::pastLimits(limits, approxCount, oldestCreatedAt, now,
-                                           limits.maxBytes > 0 ? lastDiskBytes : 0);
-    }
-
-    void scheduleTrim() {
-        if (trimScheduled.exchange(true)) return;
-        postTask([control = trimControl] {
-            std::lock_guard lock(control->mutex);
-            Impl* self = control->impl;
-            if (self == nullptr) return;
-            self->run("Trimming the request store", [self] {
-                // Still "scheduled" while the batch runs, so that trimPending() never reads
-                // false between two batches of one trim.
-                const bool more = self->_trimBatch();
-                self->trimScheduled.store(false);
-                if (more) self->scheduleTrim();
-            });
-        });
-    }
-
-    void maybeScheduleTrim(bool measureBytes = true) {
-        if (mayNeedTrim(measureBytes)) scheduleTrim();
-    }
-
-    // Removes one batch of the oldest items past a limit. Gives whether it removed any (the
-    // next batch then looks again).
-    bool _trimBatch() {
-        if (db == nullptr || limits == StoreRetention::unlimited()) return false;
-        const auto started = std::chrono::steady_clock::now();
-        store::internal::TrimFacts facts;
-        facts.count = scalar(kCount);
-        approxCount = facts.count;
-        if (limits.maxBytes > 0) {
-            facts.bytes = diskBytes();
-            if (facts.bytes > static_cast<std::uint64_t>(limits.maxBytes)) {
-                reclaimSpace();  // free pages and the log may be all there is to give back
-                facts.bytes = diskBytes();
-            }
-            facts.rowBytes = static_cast<std::uint64_t>(scalar("PRAGMA page_count") -
-                                                        scalar("PRAGMA freelist_count")) *
-                             static_cast<std::uint64_t>(scalar("PRAGMA page_size", 4096));
-        }
-        facts.now = secondsSince1970(std::chrono::system_clock::now());
-
-        std::vector<std::string> ids;
-        {
-            Statement s(db, kSelectOldest);
-            if (!s.prepared()) return false;
-            sqlite3_bind_int64(s.get(), 1, static_cast<sqlite3_int64>(kTrimBatchItems));
-            std::vector<double> createdAt;
-            std::vector<std::string> oldest;
-            while (s.step() == SQLITE_ROW) {
-                bool isNull = false;
-                oldest.emplace_back(columnText(s.get(), 0, isNull));
-                createdAt.push_back(sqlite3_column_double(s.get(), 1));
-            }
-            const std::size_t n = store::internal::itemsToTrim(limits, facts, createdAt);
-            oldest.resize(n);
-            ids = std::move(oldest);
-        }
-        if (ids.empty()) {
-            refreshOldest();
-            lastDiskBytes = diskBytes();
-            return false;
-        }
-
-        exec("BEGIN");
-        std::size_t deleted = 0;
-        for (const std::string& id : ids) {
-            Statement s(db, kDeleteById);
-            if (!s.prepared()) continue;
-            s.bindText(1, id);
-            if (s.step() == SQLITE_DONE) ++deleted;
-        }
-        if (exec("COMMIT") != SQLITE_OK) {
-            printI("❌ Trimming the request store failed: " + errorText(), LogLevel::error);
-            exec("ROLLBACK");
-            return false;
-        }
-        if (limits.maxBytes > 0) reclaimSpace();
-        approxCount = std::max<std::int64_t>(0, facts.count - static_cast<std::int64_t>(deleted));
-        refreshOldest();
-        lastDiskBytes = diskBytes();
-
-        auto gone = std::make_shared<const std::unordered_set<std::string>>(ids.begin(), ids.end());
-        changeList([this, gone]() -> std::optional<RequestsChange> {
-            auto next = editor.removingAll(*gone);
-            if (!next) return std::nullopt;
-            removingIds = gone;
-            return RequestsChange{RequestsChange::Kind::replaced, {}, std::move(*next)};
-        });
-        if (verboseShown()) {
-            const double ms = std::chrono::duration<double, std::milli>(
-                                  std::chrono::steady_clock::now() - started)
-                                  .count();
-            printI(
-                fmt::format("🧹 Trimmed {} stored items in {:.1f} ms ({} left, {} bytes on disk)",
-                            deleted, ms, approxCount, diskBytes()),
-                LogLevel::verbose);
-        }
-        return deleted > 0;
-    }
-
-    // The file cannot be read as a database: keep it for inspection under another name and
-    // start a fresh one, carrying over the items that could still be read.
-    void recover(const std::vector<RequestEventType>& readable) {
-        const std::string reason = errorText();
+    if (open() != Opened::ok) {
         sqlite3_close_v2(db);
         db = nullptr;
-
-        namespace fs = std::filesystem;
-        std::error_code ec;
-        const std::string base = databasePath.string() + ".corrupt-" + compactUtcStamp();
-        fs::path aside = base;
-        for (int i = 2; fs::exists(aside, ec) && i < 1000; ++i)
-            aside = base + "-" + std::to_string(i);
-        fs::rename(databasePath, aside, ec);
-        if (ec) {
-            printI("❌ The database " + databasePath.string() + " cannot be read (" + reason +
-                       ") and could not be moved aside: " + ec.message(),
-                   LogLevel::error);
-            printI("❌ Unable to open database", LogLevel::error);
-            return;
-        }
-        // The journal belongs to the damaged file; a fresh database must not pick it up.
-        fs::rename(databasePath.string() + "-wal", aside.string() + "-wal", ec);
-        fs::remove(databasePath.string() + "-shm", ec);
-        fs::remove(databasePath.string() + "-journal", ec);
-        printI("⚠️ The database " + databasePath.string() + " could not be read (" + reason +
-                   "); it was moved aside as " + aside.filename().string() +
-                   " and a fresh one was started",
-               LogLevel::warning);
-
-        if (open() != Opened::ok) {
-            sqlite3_close_v2(db);
-            db = nullptr;
-            printI("❌ Unable to open database", LogLevel::error);
-            return;
-        }
-        if (readable.empty()) return;
-        std::size_t carried = 0;
-        exec("BEGIN");
-        for (const auto& item : readable) {
-            const auto text = encodeRow(item);
-            Statement s(db, kInsert);
-            if (!text || !s.prepared()) continue;
-            bindRow(s, item, *text);
-            if (s.step() == SQLITE_DONE) ++carried;
-        }
-        exec("COMMIT");
-        printI(fmt::format("⚠️ Carried {} readable items over to the fresh database", carried),
-               LogLevel::warning);
+        printI("❌ Unable to open database", LogLevel::error);
+        return;
     }
-
-    // The record as JSON text, or nothing when it cannot be written as JSON: a number with no
-    // JSON form or text that is not UTF-8.
-    static std::optional<std::string> encodeRow(const RequestEventType& item) {
-        try {
-            std::string text = item.toJSON();
-            if (!isValidUTF8(text)) return std::nullopt;
-            if (const auto* e = item.asCustomEvent()) {
-                if (!allNumbersFinite(e->details.payload)) return std::nullopt;
-            }
-            return text;
-        } catch (const std::exception&) {
-            return std::nullopt;
-        }
-    }
-
-    static void bindRow(Statement& s, const RequestEventType& item, std::string_view text) {
-        const RowFields f = rowFields(item);
-        s.bindText(1, item.id());
-        s.bindText(2, *f.type);
-        s.bindText(3, f.level);
-        s.bindText(4, text);
-        s.bindDouble(5, f.createdAt);
-        s.bindDouble(6, f.sentAt);
-    }
-
-    // --- workers (on the queue) -------------------------------------------------------------
-
-    void _add(RequestEventType item) {
-        const std::optional<std::string> text = encodeRow(item);
-        if (!text) {
-            printI("❌ Encoding failed", LogLevel::error);
-            return;
-        }
+    if (readable.empty()) return;
+    std::size_t carried = 0;
+    exec("BEGIN");
+    for (const auto& item : readable) {
+        const auto text = encodeRow(item);
         Statement s(db, kInsert);
-        if (!s.prepared()) {
-            printI("❌ Prepare failed: " + errorText(), LogLevel::error);
-            return;
-        }
+        if (!text || !s.prepared()) continue;
         bindRow(s, item, *text);
-        if (s.step() != SQLITE_DONE) {
-            printI("❌ Insert failed: " + errorText(), LogLevel::error);
-            return;
-        }
-        ++approxCount;
-        if (approxCount == 1) refreshOldest();  // the first row is the oldest
-        maybeScheduleTrim(++addsSinceStat % kAddsPerStat == 0);
-        if (verboseShown()) {
-            printI(fmt::format("✅ Request saved to db. ID: {} Type: {}. Total: {}", item.id(),
-                               *rowFields(item).type, editor.current().size()),
-                   LogLevel::verbose);
-        }
-        auto shared = std::make_shared<const RequestEventType>(std::move(item));
-        changeList([this, shared]() -> std::optional<RequestsChange> {
-            return RequestsChange{RequestsChange::Kind::inserted, shared->id(),
-                                  editor.pushingFront(shared)};
-        });
+        if (s.step() == SQLITE_DONE) ++carried;
     }
+    exec("COMMIT");
+    printI(fmt::format("⚠️ Carried {} readable items over to the fresh database", carried),
+           LogLevel::warning);
+}
 
-    std::vector<RequestEventType> _getAll(int* stepResult) {
-        const auto started = std::chrono::steady_clock::now();
-        std::vector<RequestEventType> items;
-        Statement s(db, kSelectAll);
-        if (!s.prepared()) {
-            printI("❌ Select failed: " + errorText(), LogLevel::error);
-            return items;
+// The record as JSON text, or nothing when it cannot be written as JSON: a number with no
+// JSON form or text that is not UTF-8.
+std::optional<std::string> RequestStoreSQLite::Impl::encodeRow(const RequestEventType& item) {
+    try {
+        std::string text = item.toJSON();
+        if (!isValidUTF8(text)) return std::nullopt;
+        if (const auto* e = item.asCustomEvent()) {
+            if (!allNumbersFinite(e->details.payload)) return std::nullopt;
         }
-        RowReader reader;
-        std::size_t skipped = 0;
-        int rc;
-        while ((rc = s.step()) == SQLITE_ROW) {
-            if (auto item = reader.read(s.get())) {
-                items.push_back(std::move(*item));
-            } else {
-                ++skipped;
-            }
-        }
-        if (stepResult != nullptr) *stepResult = rc;
-        if (rc != SQLITE_DONE) {
-            printI("❌ Reading the stored requests stopped early: " + errorText(), LogLevel::error);
-        }
-        if (skipped > 0) {
-            printI(fmt::format("⚠️ Skipped {} stored {} that could not be read back", skipped,
-                               skipped == 1 ? "row" : "rows"),
-                   LogLevel::warning);
-        }
-        if (verboseShown()) {
-            const double elapsed =
-                std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-            printI(fmt::format("⏱ getAll() completed in {:.3f} seconds. Fetched {}", elapsed,
-                               items.size()),
-                   LogLevel::verbose);
-        }
+        return text;
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
+
+void RequestStoreSQLite::Impl::bindRow(Statement& s, const RequestEventType& item,
+                                       std::string_view text) {
+    const RowFields f = rowFields(item);
+    s.bindText(1, item.id());
+    s.bindText(2, *f.type);
+    s.bindText(3, f.level);
+    s.bindText(4, text);
+    s.bindDouble(5, f.createdAt);
+    s.bindDouble(6, f.sentAt);
+}
+
+void RequestStoreSQLite::Impl::_add(RequestEventType item) {
+    const std::optional<std::string> text = encodeRow(item);
+    if (!text) {
+        printI("❌ Encoding failed", LogLevel::error);
+        return;
+    }
+    Statement s(db, kInsert);
+    if (!s.prepared()) {
+        printI("❌ Prepare failed: " + errorText(), LogLevel::error);
+        return;
+    }
+    bindRow(s, item, *text);
+    if (s.step() != SQLITE_DONE) {
+        printI("❌ Insert failed: " + errorText(), LogLevel::error);
+        return;
+    }
+    ++approxCount;
+    if (approxCount == 1) refreshOldest();  // the first row is the oldest
+    maybeScheduleTrim(++addsSinceStat % kAddsPerStat == 0);
+    if (verboseShown()) {
+        printI(fmt::format("✅ Request saved to db. ID: {} Type: {}. Total: {}", item.id(),
+                           *rowFields(item).type, editor.current().size()),
+               LogLevel::verbose);
+    }
+    auto shared = std::make_shared<const RequestEventType>(std::move(item));
+    changeList([this, shared]() -> std::optional<RequestsChange> {
+        return RequestsChange{RequestsChange::Kind::inserted, shared->id(),
+                              editor.pushingFront(shared)};
+    });
+}
+
+std::vector<RequestEventType> RequestStoreSQLite::Impl::_getAll(int* stepResult) {
+    const auto started = std::chrono::steady_clock::now();
+    std::vector<RequestEventType> items;
+    Statement s(db, kSelectAll);
+    if (!s.prepared()) {
+        printI("❌ Select failed: " + errorText(), LogLevel::error);
         return items;
     }
-
-    std::optional<RequestEventType> _getById(const std::string& id) {
-        Statement s(db, kSelectById);
-        if (!s.prepared()) {
-            printI("❌ getById query failed: " + errorText(), LogLevel::error);
-            return std::nullopt;
-        }
-        s.bindText(1, id);
-        if (s.step() != SQLITE_ROW) return std::nullopt;
-        RowReader reader;
-        auto item = reader.read(s.get());
-        if (!item) {
-            printI("⚠️ The stored row with ID " + id + " could not be read back",
-                   LogLevel::warning);
-        }
-        return item;
-    }
-
-    void _delete(const std::string& id) {
-        {
-            Statement s(db, kDeleteById);
-            if (s.prepared()) {
-                s.bindText(1, id);
-                if (s.step() != SQLITE_DONE)
-                    printI("❌ Delete failed: " + errorText(), LogLevel::verbose);
-                else
-                    approxCount = std::max<std::int64_t>(0, approxCount - sqlite3_changes(db));
-            }
-        }
-        changeList([this, id]() -> std::optional<RequestsChange> {
-            auto next = editor.removing(id);
-            if (!next) return std::nullopt;
-            return RequestsChange{RequestsChange::Kind::removed, id, std::move(*next)};
-        });
-    }
-
-    void _deleteAll() {
-        {
-            Statement s(db, kDeleteAll);
-            if (s.prepared() && s.step() != SQLITE_DONE)
-                printI("❌ Delete all failed: " + errorText(), LogLevel::verbose);
-            approxCount = scalar(kCount);
-            refreshOldest();
-        }
-        changeList([this]() -> std::optional<RequestsChange> {
-            if (editor.current().empty()) return std::nullopt;
-            return RequestsChange{RequestsChange::Kind::replaced, {}, RequestList()};
-        });
-    }
-
-    void _debugPrintAllRows() {
-        Statement s(db, kSelectUnordered);
-        if (!s.prepared()) {
-            printI("❌ Failed to prepare debug query: " + errorText(), LogLevel::error);
-            return;
-        }
-        while (s.step() == SQLITE_ROW) {
-            const auto text = [&](int column) -> std::string {
-                bool isNull = false;
-                const std::string_view v = columnText(s.get(), column, isNull);
-                return isNull ? std::string("nil") : std::string(v);
-            };
-            bool detailsNull = false;
-            const std::string_view details = columnText(s.get(), 3, detailsNull);
-            std::string line =
-                "👉 Row:\n  id: " + text(0) + "\n  type: " + text(1) + "\n  level: " + text(2) +
-                "\n  createdAt: " + defaultTimeText(sqlite3_column_double(s.get(), 4)) +
-                "\n  sentAt: " + defaultTimeText(sqlite3_column_double(s.get(), 5)) +
-                "\n  details: " +
-                (detailsNull ? std::string("nil") : std::string(firstCharacters(details, 200))) +
-                "...\n";
-            writeConsole(line);
+    RowReader reader;
+    std::size_t skipped = 0;
+    int rc;
+    while ((rc = s.step()) == SQLITE_ROW) {
+        if (auto item = reader.read(s.get())) {
+            items.push_back(std::move(*item));
+        } else {
+            ++skipped;
         }
     }
-};
+    if (stepResult != nullptr) *stepResult = rc;
+    if (rc != SQLITE_DONE) {
+        printI("❌ Reading the stored requests stopped early: " + errorText(), LogLevel::error);
+    }
+    if (skipped > 0) {
+        printI(fmt::format("⚠️ Skipped {} stored {} that could not be read back", skipped,
+                           skipped == 1 ? "row" : "rows"),
+               LogLevel::warning);
+    }
+    if (verboseShown()) {
+        const double elapsed =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+        printI(fmt::format("⏱ getAll() completed in {:.3f} seconds. Fetched {}", elapsed,
+                           items.size()),
+               LogLevel::verbose);
+    }
+    return items;
+}
+
+std::optional<RequestEventType> RequestStoreSQLite::Impl::_getById(const std::string& id) {
+    Statement s(db, kSelectById);
+    if (!s.prepared()) {
+        printI("❌ getById query failed: " + errorText(), LogLevel::error);
+        return std::nullopt;
+    }
+    s.bindText(1, id);
+    if (s.step() != SQLITE_ROW) return std::nullopt;
+    RowReader reader;
+    auto item = reader.read(s.get());
+    if (!item) {
+        printI("⚠️ The stored row with ID " + id + " could not be read back",
+               LogLevel::warning);
+    }
+    return item;
+}
+
+void RequestStoreSQLite::Impl::_delete(const std::string& id) {
+    {
+        Statement s(db, kDeleteById);
+        if (s.prepared()) {
+            s.bindText(1, id);
+            if (s.step() != SQLITE_DONE)
+                printI("❌ Delete failed: " + errorText(), LogLevel::verbose);
+            else
+                approxCount = std::max<std::int64_t>(0, approxCount - sqlite3_changes(db));
+        }
+    }
+    changeList([this, id]() -> std::optional<RequestsChange> {
+        auto next = editor.removing(id);
+        if (!next) return std::nullopt;
+        return RequestsChange{RequestsChange::Kind::removed, id, std::move(*next)};
+    });
+}
+
+void RequestStoreSQLite::Impl::_deleteAll() {
+    {
+        Statement s(db, kDeleteAll);
+        if (s.prepared() && s.step() != SQLITE_DONE)
+            printI("❌ Delete all failed: " + errorText(), LogLevel::verbose);
+        approxCount = scalar(kCount);
+        refreshOldest();
+    }
+    changeList([this]() -> std::optional<RequestsChange> {
+        if (editor.current().empty()) return std::nullopt;
+        return RequestsChange{RequestsChange::Kind::replaced, {}, RequestList()};
+    });
+}
+
+void RequestStoreSQLite::Impl::_debugPrintAllRows() {
+    Statement s(db, kSelectUnordered);
+    if (!s.prepared()) {
+        printI("❌ Failed to prepare debug query: " + errorText(), LogLevel::error);
+        return;
+    }
+    while (s.step() == SQLITE_ROW) {
+        const auto text = [&](int column) -> std::string {
+            bool isNull = false;
+            const std::string_view v = columnText(s.get(), column, isNull);
+            return isNull ? std::string("nil") : std::string(v);
+        };
+        bool detailsNull = false;
+        const std::string_view details = columnText(s.get(), 3, detailsNull);
+        std::string line =
+            "👉 Row:\n  id: " + text(0) + "\n  type: " + text(1) + "\n  level: " + text(2) +
+            "\n  createdAt: " + defaultTimeText(sqlite3_column_double(s.get(), 4)) +
+            "\n  sentAt: " + defaultTimeText(sqlite3_column_double(s.get(), 5)) + "\n  details: " +
+            (detailsNull ? std::string("nil") : std::string(firstCharacters(details, 200))) +
+            "...\n";
+        writeConsole(line);
+    }
+}
 
 RequestStoreSQLite& RequestStoreSQLite::shared() {
     // Never destroyed: any thread may still be storing while the process exits.
@@ -901,23 +613,6 @@ void RequestStoreSQLite::deleteById(const std::string& id) {
 
 void RequestStoreSQLite::deleteAll() {
     impl_->run("deleteAll", [&] { impl_->_deleteAll(); });
-}
-
-void RequestStoreSQLite::setRetention(StoreRetention retention) {
-    impl_->run("Setting the store's limits", [&] {
-        impl_->limits = retention;
-        impl_->maybeScheduleTrim();
-    });
-}
-
-StoreRetention RequestStoreSQLite::retention() const {
-    return impl_->dbQueue.sync([&] { return impl_->limits; });
-}
-
-bool RequestStoreSQLite::trimPending() const { return impl_->trimScheduled.load(); }
-
-std::uint64_t RequestStoreSQLite::bytesOnDisk() const {
-    return impl_->dbQueue.sync([&] { return impl_->diskBytes(); });
 }
 
 const std::filesystem::path& RequestStoreSQLite::databasePath() const {
